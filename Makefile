@@ -1,0 +1,46 @@
+# The two set-up commands:
+#   make demo   installs what is missing, builds, and runs the main job
+#   make test   installs what is missing, builds, and runs every test: the normal build,
+#               an AddressSanitizer+UndefinedBehaviorSanitizer build, and a
+#               ThreadSanitizer build of the tests labelled "concurrency"
+# Other targets: build, bench, clean.
+JOBS ?= $(shell nproc)
+CMAKE_FLAGS ?=
+
+.PHONY: setup build demo test test-release test-asan test-tsan bench clean
+
+setup:
+	@scripts/setup.sh
+
+build/release/CMakeCache.txt: | setup
+	@cmake -S . -B build/release -DCMAKE_BUILD_TYPE=RelWithDebInfo $(CMAKE_FLAGS) >/dev/null
+
+build: setup build/release/CMakeCache.txt
+	@cmake --build build/release -j $(JOBS)
+
+demo: build
+	@scripts/demo.sh build/release
+
+test: test-release test-asan test-tsan
+	@echo "All test runs passed."
+
+test-release: build
+	@cd build/release && ctest --output-on-failure -j $(JOBS)
+
+test-asan: setup
+	@cmake -S . -B build/asan -DCMAKE_BUILD_TYPE=Debug -DOVL_SANITIZE=address -DOVL_BUILD_BENCH=OFF $(CMAKE_FLAGS) >/dev/null
+	@cmake --build build/asan -j $(JOBS)
+	@cd build/asan && ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+	  ctest --output-on-failure -j $(JOBS)
+
+test-tsan: setup
+	@cmake -S . -B build/tsan -DCMAKE_BUILD_TYPE=Debug -DOVL_SANITIZE=thread -DOVL_TEST_LABEL=concurrency \
+	  -DOVL_BUILD_BENCH=OFF -DOVL_BUILD_TOOLS=OFF $(CMAKE_FLAGS) >/dev/null
+	@cmake --build build/tsan -j $(JOBS)
+	@cd build/tsan && TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 ctest --output-on-failure -L concurrency -j $(JOBS)
+
+bench: build
+	@for b in build/release/bench/*_bench; do echo "== $$b"; $$b; done
+
+clean:
+	@rm -rf build

@@ -1,0 +1,37 @@
+#include <foundation/storage/provider/FolderEntry.hpp>
+#include <foundation/storage/provider/IFolderEntryIterator.hpp>
+
+#include <stdexcept>
+
+namespace foundation::storage::provider {
+
+FileAttributes const& FolderEntry::getFileAttributes() const {
+  if (!isFile()) throw std::logic_error("Folder entry is a folder, not a file");
+  return std::get<FileAttributes>(attributes_);
+}
+
+FolderAttributes const& FolderEntry::getFolderAttributes() const {
+  if (isFile()) throw std::logic_error("Folder entry is a file, not a folder");
+  return std::get<FolderAttributes>(attributes_);
+}
+
+FolderEntry VectorFolderEntryIterator::current() const {
+  if (!current_) throw std::logic_error("Folder entry iterator has no current entry");
+  return *current_;
+}
+
+void VectorFolderEntryIterator::advance() {
+  if (pos_ >= entries_.size()) throw std::out_of_range("Folder entry iterator is at its end");
+  current_ = entries_[pos_++];
+}
+
+std::vector<FolderEntry> collect(IFolderEntryIterator& iterator) {
+  std::vector<FolderEntry> entries;
+  while (iterator.notAtEnd()) {
+    iterator.advance();
+    entries.push_back(iterator.current());
+  }
+  return entries;
+}
+
+}  // namespace foundation::storage::provider

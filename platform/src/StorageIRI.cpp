@@ -1,0 +1,263 @@
+#include <foundation/storage/provider/StorageIRI.hpp>
+
+#include <fl/i18n.hpp>
+
+#include <ostream>
+#include <stdexcept>
+
+namespace foundation::storage::provider {
+
+namespace {
+
+bool isAsciiLetter(char16_t c) { return (c >= u'a' && c <= u'z') || (c >= u'A' && c <= u'Z'); }
+bool isAsciiDigit(char16_t c) { return c >= u'0' && c <= u'9'; }
+bool isControl(char16_t c) { return c < 0x20 || c == 0x7F; }
+
+std::u16string asciiLower(std::u16string text) {
+  for (auto& c : text) {
+    if (c >= u'A' && c <= u'Z') c = static_cast<char16_t>(c - u'A' + u'a');
+  }
+  return text;
+}
+
+[[noreturn]] void malformed(std::u16string const& text, char const* why) {
+  std::string utf8;
+  for (auto c : text) utf8 += (c >= 0x20 && c < 0x7F) ? static_cast<char>(c) : '?';
+  throw std::invalid_argument("Malformed IRI \"" + utf8 + "\": " + why);
+}
+
+// The non-empty segments of a path.
+std::vector<std::u16string> splitSegments(std::u16string const& path) {
+  std::vector<std::u16string> segments;
+  std::size_t start = 0;
+  while (start <= path.size()) {
+    auto end = path.find(u'/', start);
+    if (end == std::u16string::npos) end = path.size();
+    if (end > start) segments.emplace_back(path.substr(start, end - start));
+    start = end + 1;
+  }
+  return segments;
+}
+
+std::u16string joinSegments(std::vector<std::u16string> const& segments) {
+  if (segments.empty()) return u"/";
+  std::u16string path;
+  for (auto const& s : segments) {
+    path += u'/';
+    path += s;
+  }
+  return path;
+}
+
+std::u16string collapseSlashes(std::u16string const& path) {
+  std::u16string out;
+  out.reserve(path.size());
+  for (auto c : path) {
+    if (c == u'/' && !out.empty() && out.back() == u'/') continue;
+    out += c;
+  }
+  return out;
+}
+
+std::u16string normalisePath(std::u16string path) {
+  if (path.empty() || path.front() != u'/') path.insert(path.begin(), u'/');
+  return path;
+}
+
+}  // namespace
+
+StorageIRI::StorageIRI() : scheme_(u"file"), hasAuthority_(true), path_(u"/") { render(); }
+
+StorageIRI::StorageIRI(std::u16string const& text) {
+  for (auto c : text) {
+    if (isControl(c)) malformed(text, "control character");
+  }
+  auto colon = text.find(u':');
+  if (colon == std::u16string::npos || colon == 0) malformed(text, "no scheme");
+  if (!isAsciiLetter(text[0])) malformed(text, "scheme must begin with a letter");
+  for (std::size_t i = 1; i < colon; ++i) {
+    auto c = text[i];
+    if (!isAsciiLetter(c) && !isAsciiDigit(c) && c != u'+' && c != u'-' && c != u'.') {
+      malformed(text, "invalid character in scheme");
+    }
+  }
+  scheme_ = text.substr(0, colon);
+  std::size_t pos = colon + 1;
+
+  if (pos < text.size() && text[pos] == u'<') {
+    // Wrapped IRI: find the matching '>'.
+    int depth = 0;
+    std::size_t close = std::u16string::npos;
+    for (std::size_t i = pos; i < text.size(); ++i) {
+      if (text[i] == u'<') ++depth;
+      if (text[i] == u'>' && --depth == 0) {
+        close = i;
+        break;
+      }
+    }
+    if (close == std::u16string::npos) malformed(text, "unbalanced angle brackets");
+    inner_ = std::make_shared<StorageIRI const>(text.substr(pos + 1, close - pos - 1));
+    std::u16string rest = text.substr(close + 1);
+    if (rest.find_first_of(u"<>") != std::u16string::npos) malformed(text, "unbalanced angle brackets");
+    path_ = normalisePath(rest);
+    render();
+    return;
+  }
+
+  if (text.find_first_of(u"<>", pos) != std::u16string::npos) malformed(text, "unbalanced angle brackets");
+  if (text.compare(pos, 2, u"//") == 0) {
+    pos += 2;
+    auto end = text.find_first_of(u"/?#", pos);
+    if (end == std::u16string::npos) end = text.size();
+    hasAuthority_ = true;
+    authority_ = text.substr(pos, end - pos);
+    pos = end;
+  }
+  auto pathEnd = text.find_first_of(u"?#", pos);
+  if (pathEnd == std::u16string::npos) pathEnd = text.size();
+  path_ = normalisePath(text.substr(pos, pathEnd - pos));
+  pos = pathEnd;
+  if (pos < text.size() && text[pos] == u'?') {
+    auto end = text.find(u'#', pos);
+    if (end == std::u16string::npos) end = text.size();
+    query_ = text.substr(pos + 1, end - pos - 1);
+    pos = end;
+  }
+  if (pos < text.size() && text[pos] == u'#') fragment_ = text.substr(pos + 1);
+  render();
+}
+
+StorageIRI::StorageIRI(network::IRI const& iri) : StorageIRI(fl::i18n::to_ustring(iri.toString())) {}
+
+StorageIRI::StorageIRI(StorageIRI const& base, std::u16string const& path)
+    : scheme_(base.scheme_), hasAuthority_(base.hasAuthority_), authority_(base.authority_), inner_(base.inner_) {
+  for (auto c : path) {
+    if (isControl(c)) malformed(path, "control character in path");
+  }
+  path_ = collapseSlashes(base.path_ + u"/" + path);
+  render();
+}
+
+StorageIRI::StorageIRI(std::u16string const& scheme, StorageIRI const& inner, std::u16string const& path)
+    : scheme_(scheme), inner_(std::make_shared<StorageIRI const>(inner)), path_(normalisePath(path)) {
+  if (scheme.empty() || !isAsciiLetter(scheme[0])) malformed(scheme, "invalid scheme");
+  for (auto c : path) {
+    if (isControl(c)) malformed(path, "control character in path");
+  }
+  render();
+}
+
+void StorageIRI::render() {
+  text_ = scheme_;
+  text_ += u':';
+  if (inner_) {
+    text_ += u'<';
+    text_ += inner_->toString();
+    text_ += u'>';
+  } else {
+    text_ += u"//";
+    text_ += authority_;
+  }
+  text_ += path_;
+  if (query_) {
+    text_ += u'?';
+    text_ += *query_;
+  }
+  if (fragment_) {
+    text_ += u'#';
+    text_ += *fragment_;
+  }
+}
+
+StorageIRI const& StorageIRI::getInnerIRI() const {
+  if (!inner_) throw std::logic_error("IRI " + toUtf8() + " has no inner IRI");
+  return *inner_;
+}
+
+bool StorageIRI::hasParent() const { return !splitSegments(path_).empty(); }
+
+StorageIRI StorageIRI::getParent() const {
+  auto segments = splitSegments(path_);
+  if (segments.empty()) throw std::logic_error("IRI " + toUtf8() + " has no parent");
+  segments.pop_back();
+  StorageIRI parent = *this;
+  parent.path_ = joinSegments(segments);
+  parent.query_.reset();
+  parent.fragment_.reset();
+  parent.render();
+  return parent;
+}
+
+std::u16string StorageIRI::getName() const {
+  auto segments = splitSegments(path_);
+  return segments.empty() ? std::u16string() : segments.back();
+}
+
+StorageIRI StorageIRI::withPath(std::u16string const& path) const {
+  for (auto c : path) {
+    if (isControl(c)) malformed(path, "control character in path");
+  }
+  StorageIRI result = *this;
+  result.path_ = collapseSlashes(normalisePath(path));
+  result.query_.reset();
+  result.fragment_.reset();
+  result.render();
+  return result;
+}
+
+PathView StorageIRI::getPathView() const { return PathView(splitSegments(path_)); }
+
+StorageIRI StorageIRI::getResolvedIRI() const {
+  std::vector<std::u16string> resolved;
+  for (auto& segment : splitSegments(path_)) {
+    if (segment == u".") continue;
+    if (segment == u"..") {
+      if (!resolved.empty()) resolved.pop_back();
+      continue;
+    }
+    resolved.push_back(std::move(segment));
+  }
+  StorageIRI result = *this;
+  result.scheme_ = asciiLower(scheme_);
+  result.authority_ = asciiLower(authority_);
+  result.path_ = joinSegments(resolved);
+  result.render();
+  return result;
+}
+
+bool StorageIRI::isAncestorOf(StorageIRI const& other) const {
+  if (scheme_ != other.scheme_ || authority_ != other.authority_) return false;
+  if ((inner_ == nullptr) != (other.inner_ == nullptr)) return false;
+  if (inner_ && *inner_ != *other.inner_) return false;
+  auto mine = splitSegments(path_);
+  auto theirs = splitSegments(other.path_);
+  if (theirs.size() <= mine.size()) return false;
+  for (std::size_t i = 0; i < mine.size(); ++i) {
+    if (mine[i] != theirs[i]) return false;
+  }
+  return true;
+}
+
+std::string StorageIRI::toUtf8() const {
+  try {
+    return fl::i18n::to_string(text_);
+  } catch (std::exception const&) {
+    // Unpaired surrogates: show them as U+FFFD so that messages and logs never fail.
+    std::u16string repaired = text_;
+    for (std::size_t i = 0; i < repaired.size(); ++i) {
+      char16_t c = repaired[i];
+      bool const high = c >= 0xD800 && c <= 0xDBFF;
+      bool const low = c >= 0xDC00 && c <= 0xDFFF;
+      if (high && i + 1 < repaired.size() && repaired[i + 1] >= 0xDC00 && repaired[i + 1] <= 0xDFFF) {
+        ++i;
+      } else if (high || low) {
+        repaired[i] = 0xFFFD;
+      }
+    }
+    return fl::i18n::to_string(repaired);
+  }
+}
+
+std::ostream& operator<<(std::ostream& out, StorageIRI const& iri) { return out << iri.toUtf8(); }
+
+}  // namespace foundation::storage::provider
