@@ -1,0 +1,98 @@
+// TimedLatch: a retriggerable one-shot timer that pauses event handling while the
+// overlay itself changes the inner provider.
+//
+// trigger() calls the first callback at once (the provider passes EventListener::pause)
+// and (re)starts the timer; the second callback (EventListener::unpause) runs on the
+// timer thread once the time-out has passed with no further trigger. Every trigger
+// cancels the pending timer, joins its thread and starts a new one, so the listener
+// resumes only a full time-out after the last trigger. close() (at provider shutdown)
+// switches the latch off for good: the pending timer is stopped and joined, the second
+// callback is not called, and later triggers do nothing.
+//
+// Waiting is injectable: the timer thread waits through a `Waiter`. The default
+// (ConditionWaiter) waits on the latch's condition variable with wait_for, measuring the
+// time-out on the steady clock from the start of the wait and waiting again after
+// spurious wake-ups. A test passes a waiter that returns when the test says the time-out
+// has passed, so "a full time-out without a trigger" is driven by hand, not by sleeping.
+//
+// Thread safety: trigger() and close() may be called from any thread; triggers are
+// serialised by `outerMutex_`. Neither may be called from the second callback (they join
+// the timer thread the callback runs on).
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <thread>
+
+namespace storage::overlayprovider {
+
+class TimedLatch {
+ public:
+  // How the timer thread waits for the time-out.
+  class Waiter {
+   public:
+    virtual ~Waiter() = default;
+
+    // Runs on the timer thread with `lock` holding the latch's inner mutex. Blocks on `cv`
+    // (releasing `lock` while blocked) until `timeout` has passed or `cancelled()` is
+    // true, and returns with `lock` held. `cancelled` must be evaluated with `lock` held;
+    // the latch notifies `cv` after setting its cancel flag. Must not throw.
+    virtual void waitFor(std::unique_lock<std::mutex>& lock, std::condition_variable& cv,
+                         std::chrono::milliseconds timeout, std::function<bool()> const& cancelled) = 0;
+  };
+
+  // The real wait: cv.wait_for(lock, timeout, cancelled).
+  class ConditionWaiter final : public Waiter {
+   public:
+    void waitFor(std::unique_lock<std::mutex>& lock, std::condition_variable& cv,
+                 std::chrono::milliseconds timeout, std::function<bool()> const& cancelled) override;
+  };
+
+  // The event robustness time-out used when none is configured.
+  static constexpr std::chrono::milliseconds kDefaultTimeout{3000};
+
+  // The time-out from QV_OVERLAY_EVENT_ROBUSTNESS_TIMEOUT, converted with atol
+  // (so "abc" gives 0), or kDefaultTimeout when the variable is unset.
+  static std::chrono::milliseconds timeoutFromEnvironment();
+
+  // Starts no thread. `waiter` must not be null.
+  TimedLatch(std::function<void()> firstCallback, std::function<void()> secondCallback,
+             std::chrono::milliseconds timeout = kDefaultTimeout,
+             std::shared_ptr<Waiter> waiter = std::make_shared<ConditionWaiter>());
+  // Closes the latch (see close()).
+  ~TimedLatch();
+  TimedLatch(TimedLatch const&) = delete;
+  TimedLatch& operator=(TimedLatch const&) = delete;
+
+  // Unless closed: calls the first callback on this thread (its exceptions propagate),
+  // then cancels and joins the pending timer thread, if any, and starts a new one.
+  // Throws std::system_error if the timer thread cannot be started.
+  void trigger();
+
+  // Switches the latch off, stops the pending timer and joins its thread. The second
+  // callback is not called. Idempotent.
+  void close();
+
+  bool isClosed() const;
+  std::chrono::milliseconds getTimeout() const { return timeout_; }
+
+ private:
+  // The timer thread's body.
+  void runTimer();
+
+  std::function<void()> const firstCallback_;
+  std::function<void()> const secondCallback_;
+  std::chrono::milliseconds const timeout_;
+  std::shared_ptr<Waiter> const waiter_;
+  std::thread timer_;           // guarded by outerMutex_
+  std::condition_variable cv_;  // the timer thread sleeps on it, under innerMutex_
+  bool cancel_ = false;         // guarded by innerMutex_
+  bool switchedOff_ = false;    // guarded by outerMutex_
+  std::mutex innerMutex_;       // guards cancel_; held by the timer thread while it waits
+  mutable std::mutex outerMutex_;  // serialises trigger() and close(); guards timer_, switchedOff_
+};
+
+}  // namespace storage::overlayprovider
