@@ -52,7 +52,9 @@ namespace {
 
 std::string text(std::u16string const& s) { return fl::i18n::to_string(s); }
 
-std::string describe(ErrorCode code) { return sp::toString(code) + " (" + std::to_string(static_cast<int>(code)) + ")"; }
+std::string describe(ErrorCode code) {
+  return sp::toString(code) + " (" + std::to_string(static_cast<int>(code)) + ")";
+}
 
 ByteStreamOpenOptions options(int openMode, bool truncate = false, bool append = false) {
   ByteStreamOpenOptions o;
@@ -121,15 +123,16 @@ void note(std::string const& key, std::string const& value) {
     if (e.getErrorCode() == code && named) return ::testing::AssertionSuccess();
     return ::testing::AssertionFailure() << "expected " << expected << "; got Exception " << e.what();
   } catch (std::exception const& e) {
-    return ::testing::AssertionFailure() << "expected " << expected << "; got " << boost::core::demangle(typeid(e).name())
-                                         << ": " << e.what();
+    return ::testing::AssertionFailure() << "expected " << expected << "; got "
+                                         << boost::core::demangle(typeid(e).name()) << ": " << e.what();
   } catch (...) {
     return ::testing::AssertionFailure() << "expected " << expected << "; got an exception of unknown type";
   }
   return ::testing::AssertionFailure() << "expected " << expected << "; nothing was thrown";
 }
 
-::testing::AssertionResult throwsStorageError(ErrorCode code, StorageIRI const& iri, std::function<void()> const& action) {
+::testing::AssertionResult throwsStorageError(ErrorCode code, StorageIRI const& iri,
+                                              std::function<void()> const& action) {
   return throwsStorageError(code, std::vector<StorageIRI>{iri}, action);
 }
 
@@ -161,7 +164,8 @@ ConformanceSuite::StorageItem ConformanceSuite::item(std::u16string const& path)
 
 void ConformanceSuite::write(std::u16string const& path, std::string const& content) const {
   auto const parent = item(path).getLocation().getParent();
-  if (!StorageItem(root_.getProvider(), parent).folderExists()) StorageItem(root_.getProvider(), parent).createFolderRecursive();
+  if (!StorageItem(root_.getProvider(), parent).folderExists())
+    StorageItem(root_.getProvider(), parent).createFolderRecursive();
   auto stream = item(path).openStream(options(ByteStreamOpenOptions::OpenOrCreate, true));
   writeAll(*stream, content);
   stream->close();
@@ -208,7 +212,8 @@ WriteRefusal ConformanceSuite::tryToWrite(std::u16string const& path) const {
     }
     return false;
   };
-  if (!step(WriteRefusal::Where::Open, [&] { stream = item(path).openStream(options(ByteStreamOpenOptions::OpenExisting)); }))
+  if (!step(WriteRefusal::Where::Open,
+            [&] { stream = item(path).openStream(options(ByteStreamOpenOptions::OpenExisting)); }))
     return refusal;
   if (!step(WriteRefusal::Where::Write, [&] { stream->write("X", 1); })) {
     try {
@@ -229,7 +234,7 @@ std::map<std::u16string, std::string> snapshotOf(sp::StorageItem const& folder,
                                                  std::function<std::string(sp::StorageItem const&)> const& readFile) {
   std::map<std::u16string, std::string> out;
   std::function<void(sp::StorageItem const&, std::u16string const&)> walk = [&](sp::StorageItem const& at,
-                                                                               std::u16string const& prefix) {
+                                                                                std::u16string const& prefix) {
     for (auto const& entry : sp::collect(*at.listAll())) {
       auto const relative = prefix.empty() ? entry.getName() : prefix + u"/" + entry.getName();
       sp::StorageItem child(at.getProvider(), StorageIRI(at.getLocation(), entry.getName()));
@@ -257,7 +262,6 @@ std::string readItem(sp::StorageItem const& file) {
 ConformanceSuite::Tree ConformanceSuite::snapshot(std::u16string const& path) const {
   return snapshotOf(item(path), readItem);
 }
-
 
 GTEST_ALLOW_UNINSTANTIATED_PARAMETERIZED_TEST(ConformanceSuite);
 
@@ -329,10 +333,9 @@ TEST_P(ConformanceSuite, CreateFolderMakesAnEmptyFolderAndRefusesOccupiedOrOrpha
                        item(u"docs/missing/deeper/new").createFolder());
   settle();
 
-  EXPECT_EQ(snapshot(u""), (Tree{{u"a.txt", "file"},
-                                 {u"docs", "<folder>"},
-                                 {u"docs/sub", "<folder>"},
-                                 {u"docs/sub/keep.txt", "keep"}}));
+  EXPECT_EQ(
+      snapshot(u""),
+      (Tree{{u"a.txt", "file"}, {u"docs", "<folder>"}, {u"docs/sub", "<folder>"}, {u"docs/sub/keep.txt", "keep"}}));
 }
 
 TEST_P(ConformanceSuite, CreateFolderRecursiveMakesAncestorsAndAcceptsExistingFolders) {
@@ -342,7 +345,7 @@ TEST_P(ConformanceSuite, CreateFolderRecursiveMakesAncestorsAndAcceptsExistingFo
 
   write(u"a/b/keep.txt", "keep");
   settle();
-  EXPECT_NO_THROW(item(u"a/b").createFolderRecursive());    // already there: fine
+  EXPECT_NO_THROW(item(u"a/b").createFolderRecursive());      // already there: fine
   EXPECT_NO_THROW(item(u"a/b/c/d").createFolderRecursive());  // partly there
   settle();
   EXPECT_TRUE(item(u"a/b/c/d").folderExists());
@@ -354,12 +357,9 @@ TEST_P(ConformanceSuite, CreateFolderRecursiveMakesAncestorsAndAcceptsExistingFo
   settle();
   EXPECT_TRUE(item(u"a/b/keep.txt").fileExists());
   EXPECT_EQ(read(u"a/b/keep.txt"), "keep");
-  EXPECT_EQ(snapshot(u"a"), (Tree{{u"b", "<folder>"},
-                                  {u"b/c", "<folder>"},
-                                  {u"b/c/d", "<folder>"},
-                                  {u"b/keep.txt", "keep"}}));
+  EXPECT_EQ(snapshot(u"a"),
+            (Tree{{u"b", "<folder>"}, {u"b/c", "<folder>"}, {u"b/c/d", "<folder>"}, {u"b/keep.txt", "keep"}}));
 }
-
 
 // ---------------------------------------------------------------------------------------
 // Removal
@@ -460,8 +460,14 @@ TEST_P(ConformanceSuite, MoveFileRefusalsLeaveBothSidesUntouched) {
 
   EXPECT_STORAGE_ERROR(ErrorCode::AlreadyExists, iri(u"dst.txt"),
                        item(u"src.txt").moveFile(iri(u"dst.txt"), ReplacementPolicy::Never));
+  // KeepExisting means nothing more for a single file: it refuses like Never.
+  EXPECT_STORAGE_ERROR(ErrorCode::AlreadyExists, iri(u"dst.txt"),
+                       item(u"src.txt").moveFile(iri(u"dst.txt"), ReplacementPolicy::KeepExisting));
+  // A file never replaces a folder, whatever the policy.
   EXPECT_STORAGE_ERROR(ErrorCode::AlreadyExists, iri(u"folder"),
                        item(u"src.txt").moveFile(iri(u"folder"), ReplacementPolicy::Never));
+  EXPECT_STORAGE_ERROR(ErrorCode::AlreadyExists, iri(u"folder"),
+                       item(u"src.txt").moveFile(iri(u"folder"), ReplacementPolicy::Always));
   EXPECT_STORAGE_ERROR(ErrorCode::DoesNotExist, iri(u"missing.txt"),
                        item(u"missing.txt").moveFile(iri(u"new.txt"), ReplacementPolicy::Never));
   EXPECT_STORAGE_ERROR(ErrorCode::DoesNotExist, iri(u"folder"),
@@ -493,25 +499,39 @@ TEST_P(ConformanceSuite, MoveFolderMovesTheWholeTree) {
   EXPECT_TRUE(item(u"parent").listAllNamesOnly().empty());
 }
 
-TEST_P(ConformanceSuite, MoveFolderKeepExistingMergesAndKeepsDestinationFiles) {
-  write(u"src/a.txt", "src-a");
-  write(u"src/b.txt", "src-b");
-  write(u"src/sub/c.txt", "src-c");
-  write(u"src/sub/d.txt", "src-d");
-  write(u"dst/a.txt", "dst-a");
-  write(u"dst/e.txt", "dst-e");
-  write(u"dst/sub/c.txt", "dst-c");
+TEST_P(ConformanceSuite, MoveFolderOntoAFolderMergesAsThePolicySays) {
+  auto prepare = [&](std::u16string const& src, std::u16string const& dst) {
+    write(src + u"/a.txt", "src-a");
+    write(src + u"/b.txt", "src-b");
+    write(src + u"/sub/c.txt", "src-c");
+    write(src + u"/sub/d.txt", "src-d");
+    write(dst + u"/a.txt", "dst-a");
+    write(dst + u"/e.txt", "dst-e");
+    write(dst + u"/sub/c.txt", "dst-c");
+  };
+  prepare(u"src1", u"dst1");
+  prepare(u"src2", u"dst2");
   settle();
 
-  item(u"src").moveFolder(iri(u"dst"), ReplacementPolicy::KeepExisting);
+  // KeepExisting: what the destination holds wins; the source's colliding files go.
+  item(u"src1").moveFolder(iri(u"dst1"), ReplacementPolicy::KeepExisting);
+  // Always: the source's files win.
+  item(u"src2").moveFolder(iri(u"dst2"), ReplacementPolicy::Always);
   settle();
-  EXPECT_FALSE(item(u"src").exists());
-  EXPECT_EQ(snapshot(u"dst"), (Tree{{u"a.txt", "dst-a"},
-                                    {u"b.txt", "src-b"},
-                                    {u"e.txt", "dst-e"},
-                                    {u"sub", "<folder>"},
-                                    {u"sub/c.txt", "dst-c"},
-                                    {u"sub/d.txt", "src-d"}}));
+  EXPECT_FALSE(item(u"src1").exists());
+  EXPECT_FALSE(item(u"src2").exists());
+  EXPECT_EQ(snapshot(u"dst1"), (Tree{{u"a.txt", "dst-a"},
+                                     {u"b.txt", "src-b"},
+                                     {u"e.txt", "dst-e"},
+                                     {u"sub", "<folder>"},
+                                     {u"sub/c.txt", "dst-c"},
+                                     {u"sub/d.txt", "src-d"}}));
+  EXPECT_EQ(snapshot(u"dst2"), (Tree{{u"a.txt", "src-a"},
+                                     {u"b.txt", "src-b"},
+                                     {u"e.txt", "dst-e"},
+                                     {u"sub", "<folder>"},
+                                     {u"sub/c.txt", "src-c"},
+                                     {u"sub/d.txt", "src-d"}}));
 }
 
 TEST_P(ConformanceSuite, MoveFolderRefusalsLeaveBothSidesUntouched) {
@@ -519,13 +539,20 @@ TEST_P(ConformanceSuite, MoveFolderRefusalsLeaveBothSidesUntouched) {
   mkdirs(u"src/sub");
   write(u"full/g.txt", "g");
   write(u"file.txt", "file");
+  mkdirs(u"empty");
   settle();
   Tree const before = snapshot(u"");
 
+  // Never refuses any existing destination, an empty folder included.
   EXPECT_STORAGE_ERROR(ErrorCode::AlreadyExists, iri(u"full"),
                        item(u"src").moveFolder(iri(u"full"), ReplacementPolicy::Never));
+  EXPECT_STORAGE_ERROR(ErrorCode::AlreadyExists, iri(u"empty"),
+                       item(u"src").moveFolder(iri(u"empty"), ReplacementPolicy::Never));
+  // A folder never replaces a file, whatever the policy.
   EXPECT_STORAGE_ERROR(ErrorCode::AlreadyExists, iri(u"file.txt"),
                        item(u"src").moveFolder(iri(u"file.txt"), ReplacementPolicy::Never));
+  EXPECT_STORAGE_ERROR(ErrorCode::AlreadyExists, iri(u"file.txt"),
+                       item(u"src").moveFolder(iri(u"file.txt"), ReplacementPolicy::Always));
   EXPECT_STORAGE_ERROR(ErrorCode::DoesNotExist, iri(u"missing"),
                        item(u"missing").moveFolder(iri(u"moved"), ReplacementPolicy::Never));
   EXPECT_STORAGE_ERROR(ErrorCode::DoesNotExist, iri(u"file.txt"),
@@ -585,8 +612,12 @@ TEST_P(ConformanceSuite, CopyFileRefusalsLeaveTheDestinationUntouched) {
 
   EXPECT_STORAGE_ERROR(ErrorCode::AlreadyExists, iri(u"dst.txt"),
                        item(u"src.txt").copyFile(iri(u"dst.txt"), ReplacementPolicy::Never));
+  EXPECT_STORAGE_ERROR(ErrorCode::AlreadyExists, iri(u"dst.txt"),
+                       item(u"src.txt").copyFile(iri(u"dst.txt"), ReplacementPolicy::KeepExisting));
   EXPECT_STORAGE_ERROR(ErrorCode::AlreadyExists, iri(u"folder"),
                        item(u"src.txt").copyFile(iri(u"folder"), ReplacementPolicy::Never));
+  EXPECT_STORAGE_ERROR(ErrorCode::AlreadyExists, iri(u"folder"),
+                       item(u"src.txt").copyFile(iri(u"folder"), ReplacementPolicy::Always));
   EXPECT_STORAGE_ERROR(ErrorCode::DoesNotExist, iri(u"missing.txt"),
                        item(u"missing.txt").copyFile(iri(u"new.txt"), ReplacementPolicy::Never));
   EXPECT_STORAGE_ERROR(ErrorCode::DoesNotExist, iri(u"folder"),
@@ -847,7 +878,8 @@ TEST_P(ConformanceSuite, ListingsNameEveryChildOnceWithItsKind) {
 }
 
 TEST_P(ConformanceSuite, RecursiveListingNamesEveryEntryOnceByRelativePath) {
-  if (!root().hasFeature(ExtendedFeature::RecursiveListing)) GTEST_SKIP() << "the store lists recursively only through the framework's walk";
+  if (!root().hasFeature(ExtendedFeature::RecursiveListing))
+    GTEST_SKIP() << "the store does not offer RecursiveListing";
   write(u"a.txt", "a");
   write(u"docs/b.txt", "b");
   write(u"docs/sub/c.txt", "c");
@@ -901,7 +933,8 @@ TEST_P(ConformanceSuite, WildcardAndNamesOnlyListingsFilterThePlainListing) {
   EXPECT_TRUE(root().listAllNamesOnly(u"nothing*").empty());
   EXPECT_EQ(listed(root().listAll(u"*.txt")),
             (std::vector<ListedEntry>{{u"a.txt", true}, {u"b.txt", true}, {u"notes.txt", false}}));
-  EXPECT_EQ(listed(root().listFiles(u"*")), (std::vector<ListedEntry>{{u"a.txt", true}, {u"b.txt", true}, {u"c.log", true}}));
+  EXPECT_EQ(listed(root().listFiles(u"*")),
+            (std::vector<ListedEntry>{{u"a.txt", true}, {u"b.txt", true}, {u"c.log", true}}));
   EXPECT_EQ(listed(root().listFolders(u"d*")), (std::vector<ListedEntry>{{u"docs", false}}));
 
   EXPECT_EQ(sorted(root().listAllNamesOnly()), (Names{u"a.txt", u"b.txt", u"c.log", u"docs", u"notes.txt"}));

@@ -217,9 +217,9 @@ class ConformanceSuite : public ::testing::TestWithParam<StoreUnderTest> {
 
 // Instantiates the conformance suite for the given StoreUnderTest values (see the top of
 // this file). `prefix` must be an identifier unique within the executable.
-#define OVL_INSTANTIATE_CONFORMANCE_SUITE(prefix, ...)                                                   \
-  namespace ovltest {                                                                                    \
+#define OVL_INSTANTIATE_CONFORMANCE_SUITE(prefix, ...)                                                      \
+  namespace ovltest {                                                                                       \
   INSTANTIATE_TEST_SUITE_P(prefix, ConformanceSuite, ::testing::Values(__VA_ARGS__), ::ovltest::storeName); \
-  [[maybe_unused]] static bool const conformanceSuiteLinked_##prefix = ::ovltest::linkConformanceSuite(); \
-  }                                                                                                      \
+  [[maybe_unused]] static bool const conformanceSuiteLinked_##prefix = ::ovltest::linkConformanceSuite();   \
+  }                                                                                                         \
   static_assert(true, "")
