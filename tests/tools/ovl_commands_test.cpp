@@ -1,0 +1,333 @@
+// The ovl commands, run in-process through runOvl on a temporary folder of the local
+// file system and on mem stores: what they print, what they change, and how they fail.
+#include <ovl/Ovl.hpp>
+
+#include <providers/file/FileProviderFactory.hpp>
+#include <providers/mem/MemoryProviderFactory.hpp>
+#include <providers/throttle/ThrottleProvider.hpp>
+
+#include <foundation/log/Configuration.hpp>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <random>
+#include <regex>
+#include <sstream>
+
+namespace {
+
+namespace fs = std::filesystem;
+using namespace foundation::storage::provider;
+using testing::HasSubstr;
+using testing::StartsWith;
+
+struct Result {
+  int status;
+  std::string out;
+  std::string err;
+};
+
+std::ostream& operator<<(std::ostream& os, Result const& r) {
+  return os << "status " << r.status << "\n--- out:\n" << r.out << "--- err:\n" << r.err;
+}
+
+class OvlTest : public testing::Test {
+ protected:
+  OvlTest() {
+    providers::file::registerWith(registry_);
+    providers::mem::registerWith(registry_);
+    providers::throttle::registerWith(registry_);
+    std::random_device random;
+    dir_ = fs::temp_directory_path() / ("ovl_commands_test_" + std::to_string(random()));
+    fs::create_directories(dir_);
+  }
+  ~OvlTest() override {
+    registry_.shutdownAll();
+    std::error_code ignored;
+    fs::remove_all(dir_, ignored);
+  }
+
+  Result run(std::vector<std::string> args) {
+    std::ostringstream out, err;
+    ovl::RunOptions options;
+    options.registry = &registry_;
+    int const status = ovl::runOvl(std::move(args), out, err, options);
+    return {status, out.str(), err.str()};
+  }
+
+  // Succeeds or fails the test with the whole result in the message.
+  Result ok(std::vector<std::string> args) {
+    auto result = run(std::move(args));
+    EXPECT_EQ(result.status, 0) << result;
+    EXPECT_EQ(result.err, "") << result;
+    return result;
+  }
+
+  // Fails with exit status 1 and exactly the line "ovl <cmd>: <subject>: <cause...>".
+  void failsNaming(std::vector<std::string> args, std::string const& subject, std::string const& cause) {
+    auto const command = args[0];
+    auto const result = run(std::move(args));
+    EXPECT_EQ(result.status, 1) << result;
+    EXPECT_THAT(result.err, StartsWith("ovl " + command + ": " + subject + ": " + cause)) << result;
+    EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << result;
+  }
+
+  void badUsage(std::vector<std::string> args, std::string const& problem) {
+    auto const result = run(std::move(args));
+    EXPECT_EQ(result.status, 2) << result;
+    EXPECT_THAT(result.err, HasSubstr(problem)) << result;
+    EXPECT_THAT(result.err, HasSubstr("usage: ovl")) << result;
+    EXPECT_EQ(result.out, "") << result;
+  }
+
+  std::string local(std::string const& name) const { return (dir_ / name).string(); }
+  std::string fileIri(std::string const& name) const { return "file://" + (dir_ / name).string(); }
+
+  static void writeLocal(std::string const& path, std::string const& content) {
+    std::ofstream(path, std::ios::binary) << content;
+  }
+  static std::string readLocal(std::string const& path) {
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), {});
+  }
+
+  ProviderRegistry registry_;
+  fs::path dir_;
+};
+
+std::string allBytes() {
+  std::string content;
+  for (int round = 0; round < 3; ++round) {
+    for (int c = 0; c < 256; ++c) content += static_cast<char>(c);
+  }
+  return content + "\r\n\0tail" + std::string(1, '\0');
+}
+
+TEST_F(OvlTest, HelpAndBadUsage) {
+  auto help = ok({"--help"});
+  for (auto const* command : {"ls", "stat", "cat", "cp", "mkdir", "rm", "mv", "help"}) {
+    EXPECT_THAT(help.out, HasSubstr("\n  " + std::string(command) + " ")) << command;
+    auto const own = ok({command, "--help"});
+    EXPECT_THAT(own.out, StartsWith("usage: ovl " + std::string(command))) << command;
+    EXPECT_EQ(ok({"help", command}).out, own.out) << command;
+  }
+  for (auto const* flag : {"--log FILE", "--log-level N", "--throttle-ms N", "--throttle-mbps N"}) {
+    EXPECT_THAT(help.out, HasSubstr(flag));
+  }
+  EXPECT_EQ(ok({"-h"}).out, help.out);
+  EXPECT_EQ(ok({"help"}).out, help.out);
+  EXPECT_THAT(ok({"rm", "-h"}).out, HasSubstr("-r, --recursive"));
+  EXPECT_THAT(ok({"mv", "--help"}).out, HasSubstr("--replace"));
+
+  badUsage({}, "ovl: missing command");
+  badUsage({"frobnicate"}, "ovl: unknown command 'frobnicate'");
+  badUsage({"--bogus", "ls"}, "ovl: unknown flag '--bogus'");
+  badUsage({"help", "frobnicate"}, "ovl help: unknown command 'frobnicate'");
+  badUsage({"ls"}, "ovl ls: missing IRI\nusage: ovl ls [-l] [-R] IRI");
+  badUsage({"cp", "mem://t/a"}, "ovl cp: missing DST");
+  badUsage({"mv"}, "ovl mv: missing SRC");
+  badUsage({"cat", "mem://t/a", "mem://t/b"}, "ovl cat: unexpected argument 'mem://t/b'");
+  badUsage({"rm", "-x", "mem://t/a"}, "ovl rm: unknown flag '-x'");
+  badUsage({"ls", "-lx", "mem://t/a"}, "ovl ls: unknown flag '-lx'");
+  badUsage({"mkdir", "--parents=yes", "mem://t/a"}, "unknown flag '--parents=yes'");
+  badUsage({"ls", "mem://t/", "--throttle-ms"}, "--throttle-ms needs a value");
+  badUsage({"--throttle-ms", "fast", "ls", "mem://t/"}, "--throttle-ms: 'fast' is not a number");
+  badUsage({"--throttle-mbps=-3", "ls", "mem://t/"}, "--throttle-mbps: '-3' is not a number");
+  badUsage({"--log-level", "loud", "ls", "mem://t/"}, "--log-level: 'loud' is not a severity number");
+  // Usage problems are found before anything is touched.
+  EXPECT_EQ(run({"mkdir", "mem://t/new", "extra"}).status, 2);
+  EXPECT_EQ(run({"ls", "mem://t/new"}).status, 1);
+  // After "--" a leading dash is an operand.
+  failsNaming({"cat", "--", "-odd"}, "-odd", "does not exist");
+}
+
+TEST_F(OvlTest, MkdirLsAndStatOnAMemStore) {
+  ok({"mkdir", "mem://t/docs"});
+  failsNaming({"mkdir", "mem://t/docs"}, "mem://t/docs", "already exists");
+  failsNaming({"mkdir", "mem://t/a/b"}, "mem://t/a", "does not exist");
+  ok({"mkdir", "-p", "mem://t/a/b"});
+  ok({"mkdir", "--parents", "mem://t/a/b"});  // an existing folder is fine with -p
+  writeLocal(local("hello.txt"), "hello");
+  ok({"cp", local("hello.txt"), "mem://t/docs/hello.txt"});
+  ok({"cp", local("hello.txt"), "mem://t/z.txt"});
+
+  std::regex const fileLine(R"(- +5  \d{4}-\d\d-\d\dT\d\d:\d\d:\d\dZ  z\.txt)");
+  std::regex const folderLine(R"(d +-  \d{4}-\d\d-\d\dT\d\d:\d\d:\d\dZ  docs)");
+  auto const listing = ok({"ls", "mem://t/"}).out;
+  std::vector<std::string> lines;
+  for (std::istringstream in(listing); std::getline(in, lines.emplace_back());) {}
+  lines.pop_back();
+  ASSERT_EQ(lines.size(), 3u) << listing;
+  EXPECT_THAT(lines[0], HasSubstr("  a")) << "sorted by name";
+  EXPECT_TRUE(std::regex_match(lines[1], folderLine)) << lines[1];
+  EXPECT_TRUE(std::regex_match(lines[2], fileLine)) << lines[2];
+
+  auto const recursive = ok({"ls", "-R", "mem://t/"}).out;
+  EXPECT_THAT(recursive, HasSubstr("  a/b\n"));
+  EXPECT_THAT(recursive, HasSubstr("  docs/hello.txt\n"));
+  EXPECT_TRUE(std::regex_match(ok({"ls", "-lR", "mem://t/docs"}).out, std::regex(R"(- rw +5  .*Z  hello\.txt\n)")));
+  EXPECT_TRUE(std::regex_match(ok({"ls", "mem://t/z.txt"}).out, std::regex(R"(- +5  .*Z  z\.txt\n)")));
+  EXPECT_EQ(ok({"ls", "mem://t/a/b"}).out, "");
+  failsNaming({"ls", "mem://t/nothing"}, "mem://t/nothing", "does not exist");
+
+  auto const stat = ok({"stat", "mem://t/docs/hello.txt"}).out;
+  EXPECT_THAT(stat, HasSubstr("name:     mem://t/docs/hello.txt\n"));
+  EXPECT_THAT(stat, HasSubstr("kind:     file\n"));
+  EXPECT_THAT(stat, HasSubstr("size:     5 bytes"));
+  EXPECT_TRUE(std::regex_search(stat, std::regex(R"(modified: \d{4}-\d\d-\d\dT\d\d:\d\d:\d\dZ\n)"))) << stat;
+  EXPECT_THAT(stat, HasSubstr("writable: yes\n"));
+  EXPECT_TRUE(std::regex_search(stat, std::regex("  WATERMARK = [0-9]+\n"))) << stat;
+  auto const folderStat = ok({"stat", "mem://t/docs"}).out;
+  EXPECT_THAT(folderStat, HasSubstr("kind:     folder\n"));
+  EXPECT_THAT(folderStat, HasSubstr("size:     -\n"));
+  failsNaming({"stat", "mem://t/docs/nope"}, "mem://t/docs/nope", "does not exist");
+  failsNaming({"stat", "nosuchscheme://x/y"}, "nosuchscheme://x/y", "No storage provider");
+}
+
+TEST_F(OvlTest, CopiesBetweenLocalPathsFileIrisAndMemBinarySafe) {
+  auto const content = allBytes();
+  writeLocal(local("bin.dat"), content);
+
+  // local path -> file IRI -> mem -> local path, and cat of each.
+  ok({"cp", local("bin.dat"), fileIri("copy.dat")});
+  EXPECT_EQ(readLocal(local("copy.dat")), content);
+  ok({"cp", fileIri("copy.dat"), "mem://t/bin.dat"});
+  EXPECT_EQ(ok({"cat", "mem://t/bin.dat"}).out, content);
+  EXPECT_EQ(ok({"cat", fileIri("copy.dat")}).out, content);
+  ok({"cp", "mem://t/bin.dat", local("back.dat")});
+  EXPECT_EQ(readLocal(local("back.dat")), content);
+
+  // Into an existing folder, under the source's name.
+  fs::create_directories(dir_ / "into");
+  ok({"cp", "mem://t/bin.dat", local("into")});
+  EXPECT_EQ(readLocal(local("into/bin.dat")), content);
+
+  // An existing file is replaced, unless -n.
+  writeLocal(local("small.txt"), "new");
+  ok({"cp", local("small.txt"), local("back.dat")});
+  EXPECT_EQ(readLocal(local("back.dat")), "new");
+  failsNaming({"cp", "-n", "mem://t/bin.dat", local("back.dat")}, local("back.dat"), "already exists");
+  EXPECT_EQ(readLocal(local("back.dat")), "new");
+
+  // Empty files copy too.
+  writeLocal(local("empty"), "");
+  ok({"cp", local("empty"), "mem://t/empty"});
+  EXPECT_EQ(ok({"cat", "mem://t/empty"}).out, "");
+
+  failsNaming({"cp", local("missing.txt"), "mem://t/x"}, local("missing.txt"), "does not exist");
+  failsNaming({"cp", local("into"), "mem://t/x"}, local("into"), "is a folder");
+  failsNaming({"cp", local("small.txt"), local("no/such/dir/x")}, "file://" + local("no/such/dir"), "does not exist");
+  EXPECT_FALSE(fs::exists(dir_ / "no"));
+  ok({"mkdir", "mem://t/dir"});
+  failsNaming({"cat", "mem://t/dir"}, "mem://t/dir", "is a folder");
+  failsNaming({"cat", "mem://t/none"}, "mem://t/none", "does not exist");
+  failsNaming({"cat", local("none")}, local("none"), "does not exist");
+
+  // --progress draws the bar on stderr, whatever the size.
+  auto const progress = run({"cp", "--progress", "mem://t/bin.dat", "mem://t/bin2.dat"});
+  EXPECT_EQ(progress.status, 0) << progress;
+  EXPECT_THAT(progress.err, HasSubstr("100% [")) << progress;
+  EXPECT_EQ(ok({"cat", "mem://t/bin2.dat"}).out, content);
+}
+
+TEST_F(OvlTest, StreamFailuresNameTheFileAndLeaveTheDestinationAlone) {
+  providers::mem::MemoryProvider::Options options;
+  options.name = u"faulty";
+  auto store = std::make_shared<providers::mem::MemoryProvider>(options);
+  registry_.addProvider(StorageIRI(u"mem://faulty/"), store);
+  writeLocal(local("src.txt"), "fresh content");
+  ok({"cp", local("src.txt"), "mem://faulty/a.txt"});
+  ok({"cp", local("src.txt"), "mem://faulty/b.txt"});
+  writeLocal(local("src.txt"), "other content");
+
+  store->failNext(providers::mem::Operation::Read, 1, ErrorCode::TransientFailure);
+  auto const cat = run({"cat", "mem://faulty/a.txt"});
+  EXPECT_EQ(cat.status, 1) << cat;
+  EXPECT_THAT(cat.err, StartsWith("ovl cat: mem://faulty/a.txt: ")) << cat;
+
+  // A copy whose writes fail leaves the old content in place.
+  store->failNext(providers::mem::Operation::Write, 1, ErrorCode::QuotaExceeded);
+  auto const cp = run({"cp", local("src.txt"), "mem://faulty/b.txt"});
+  EXPECT_EQ(cp.status, 1) << cp;
+  EXPECT_THAT(cp.err, StartsWith("ovl cp: mem://faulty/b.txt: ")) << cp;
+  EXPECT_EQ(store->contentOf(u"/b.txt"), "fresh content");
+
+  // An error that is not the store's still makes one line naming the argument.
+  store->failNextUnexpected(providers::mem::Operation::GetFileAttributes, 1);
+  failsNaming({"stat", "mem://faulty/a.txt"}, "mem://faulty/a.txt", "");
+}
+
+TEST_F(OvlTest, RemoveAndMove) {
+  ok({"mkdir", "-p", "mem://t/d/sub"});
+  writeLocal(local("f.txt"), "one");
+  ok({"cp", local("f.txt"), "mem://t/d/sub/f.txt"});
+  ok({"cp", local("f.txt"), "mem://t/f.txt"});
+
+  failsNaming({"rm", "mem://t/d"}, "mem://t/d", "is a folder");
+  failsNaming({"rm", "mem://t/none"}, "mem://t/none", "does not exist");
+  ok({"rm", "mem://t/f.txt"});
+  failsNaming({"cat", "mem://t/f.txt"}, "mem://t/f.txt", "does not exist");
+
+  // Rename a file; a taken destination needs --replace.
+  ok({"cp", local("f.txt"), "mem://t/a.txt"});
+  writeLocal(local("g.txt"), "two");
+  ok({"cp", local("g.txt"), "mem://t/b.txt"});
+  failsNaming({"mv", "mem://t/a.txt", "mem://t/b.txt"}, "mem://t/b.txt", "already exists");
+  EXPECT_EQ(ok({"cat", "mem://t/b.txt"}).out, "two");
+  ok({"mv", "--replace", "mem://t/a.txt", "mem://t/b.txt"});
+  EXPECT_EQ(ok({"cat", "mem://t/b.txt"}).out, "one");
+  failsNaming({"cat", "mem://t/a.txt"}, "mem://t/a.txt", "does not exist");
+
+  // Move a folder (renamed, then into an existing folder).
+  ok({"mv", "mem://t/d", "mem://t/e"});
+  EXPECT_EQ(ok({"cat", "mem://t/e/sub/f.txt"}).out, "one");
+  ok({"mkdir", "mem://t/box"});
+  ok({"mv", "mem://t/e", "mem://t/box"});
+  EXPECT_EQ(ok({"cat", "mem://t/box/e/sub/f.txt"}).out, "one");
+  failsNaming({"mv", "mem://t/none", "mem://t/x"}, "mem://t/none", "does not exist");
+
+  // Between stores: a file is copied and removed; a folder is refused.
+  ok({"mv", "mem://t/b.txt", local("moved.txt")});
+  EXPECT_EQ(readLocal(local("moved.txt")), "one");
+  failsNaming({"cat", "mem://t/b.txt"}, "mem://t/b.txt", "does not exist");
+  failsNaming({"mv", "mem://t/box", local("box")}, "mem://t/box", "moving a folder to another store");
+
+  // Local folders, by path.
+  ok({"mkdir", local("tree")});
+  ok({"cp", local("f.txt"), local("tree")});
+  ok({"mv", local("tree"), local("tree2")});
+  EXPECT_EQ(readLocal(local("tree2/f.txt")), "one");
+  ok({"rm", "-r", local("tree2")});
+  EXPECT_FALSE(fs::exists(dir_ / "tree2"));
+  ok({"rm", "--recursive", "mem://t/box"});
+  failsNaming({"ls", "mem://t/box"}, "mem://t/box", "does not exist");
+}
+
+TEST_F(OvlTest, ThrottleFlagsKeepResultsAndMessagesInTheUsersTerms) {
+  auto const content = allBytes();
+  writeLocal(local("bin.dat"), content);
+  ok({"--throttle-ms", "1", "--throttle-mbps", "100", "cp", local("bin.dat"), "mem://t/bin.dat"});
+  EXPECT_EQ(ok({"cat", "mem://t/bin.dat", "--throttle-ms=0.5"}).out, content);
+  EXPECT_THAT(ok({"--throttle-mbps", "1000", "ls", "mem://t/"}).out, HasSubstr("bin.dat"));
+  failsNaming({"cat", "--throttle-ms", "1", "mem://t/none"}, "mem://t/none", "does not exist");
+  failsNaming({"mkdir", "mem://t/x/y", "--throttle-ms", "1"}, "mem://t/x", "does not exist");
+  auto const stat = ok({"--throttle-ms", "1", "stat", local("bin.dat")}).out;
+  EXPECT_THAT(stat, HasSubstr("iri:      file://" + local("bin.dat") + "\n"));
+  // IRIs of the throttle scheme itself resolve too.
+  EXPECT_EQ(ok({"cat", "throttle:<mem://t/>/bin.dat"}).out, content);
+}
+
+TEST_F(OvlTest, LogFlagsWriteToTheLogFile) {
+  auto const logFile = local("ovl.log");
+  ok({"--log", logFile, "--log-level", "2", "ls", "mem://t/"});
+  EXPECT_THAT(readLocal(logFile), HasSubstr("ovl --log " + logFile + " --log-level 2 ls mem://t/"));
+  auto const failed = run({"--log", local("no/such/dir/ovl.log"), "ls", "mem://t/"});
+  EXPECT_EQ(failed.status, 1) << failed;
+  EXPECT_THAT(failed.err, StartsWith("ovl ls: " + local("no/such/dir/ovl.log") + ": cannot write the log"));
+  foundation::log::configure("stderr", foundation::log::kDefaultThreshold);
+}
+
+}  // namespace

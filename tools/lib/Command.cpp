@@ -1,0 +1,127 @@
+#include <ovl/Command.hpp>
+
+#include <ovl/Format.hpp>
+
+#include <algorithm>
+
+namespace ovl {
+
+using fsp::StorageIRI;
+using fsp::StorageItem;
+
+Session::Session(fsp::ProviderRegistry& registry, std::ostream& out, std::ostream& err, bool errIsTerminal,
+                 std::optional<providers::throttle::Options> throttle)
+    : registry_(registry), out_(out), err_(err), errIsTerminal_(errIsTerminal), throttle_(std::move(throttle)) {}
+
+StorageItem Session::resolve(std::string const& text) {
+  StorageItem item;
+  try {
+    item = registry_.resolve(text);
+  } catch (std::exception const& e) {
+    throw CommandError(text, e.what());
+  }
+  if (throttle_) item = throttled(item);
+  names_.emplace_back(item.getLocation(), text);
+  return item;
+}
+
+StorageItem Session::child(StorageItem const& folder, std::u16string const& name) {
+  StorageItem item(folder.getProvider(), StorageIRI(folder.getLocation(), name));
+  auto parentName = nameOf(folder);
+  if (!parentName.empty() && parentName.back() == '/') parentName.pop_back();
+  names_.emplace_back(item.getLocation(), parentName + "/" + displayText(name));
+  return item;
+}
+
+StorageItem Session::throttled(StorageItem const& item) {
+  auto const root = item.getLocation().withPath(u"/");
+  auto& throttle = throttles_[root.toString()];
+  if (!throttle) {
+    throttle = std::make_shared<providers::throttle::ThrottleProvider>(StorageItem(item.getProvider(), root), *throttle_);
+  }
+  return StorageItem(throttle, StorageIRI(providers::throttle::kScheme, root, item.getLocation().getPath()));
+}
+
+std::string Session::nameOf(StorageIRI const& iri) const {
+  for (auto it = names_.rbegin(); it != names_.rend(); ++it) {
+    if (it->first == iri) return it->second;
+  }
+  return plainIRI(iri);
+}
+
+std::string Session::plainIRI(StorageIRI const& iri) const {
+  if (iri.hasInnerIRI() && iri.getScheme() == providers::throttle::kScheme) {
+    if (auto it = throttles_.find(iri.getInnerIRI().toString()); it != throttles_.end()) {
+      return it->second->toInner(iri).toUtf8();
+    }
+  }
+  return iri.toUtf8();
+}
+
+std::string Command::usage() const {
+  std::string text = "ovl " + name;
+  for (auto const& flag : flags) text += " [" + (flag.alias.empty() ? flag.name : flag.alias) + "]";
+  for (std::size_t i = 0; i < operands.size(); ++i) {
+    bool const optional = i >= operands.size() - optionalOperands;
+    text += optional ? " [" + operands[i] + "]" : " " + operands[i];
+  }
+  return text;
+}
+
+Arguments Command::parse(std::vector<std::string> const& args) const {
+  Arguments parsed;
+  auto findFlag = [&](std::string const& text) -> Flag const* {
+    for (auto const& flag : flags) {
+      if (text == flag.name || (!flag.alias.empty() && text == flag.alias)) return &flag;
+    }
+    return nullptr;
+  };
+  bool flagsEnded = false;
+  for (auto const& arg : args) {
+    if (flagsEnded || arg.size() < 2 || arg[0] != '-') {
+      parsed.operands.push_back(arg);
+    } else if (arg == "--") {
+      flagsEnded = true;
+    } else if (arg == "--help" || arg == "-h") {
+      parsed.flags.insert("--help");
+    } else if (auto const* flag = findFlag(arg)) {
+      parsed.flags.insert(flag->name);
+    } else if (arg[1] != '-') {
+      // Single-letter flags given together: "-lR".
+      std::vector<std::string> names;
+      for (std::size_t i = 1; i < arg.size(); ++i) {
+        auto const* letter = findFlag(std::string("-") + arg[i]);
+        if (!letter) throw UsageError("unknown flag '" + arg + "'");
+        names.push_back(letter->name);
+      }
+      parsed.flags.insert(names.begin(), names.end());
+    } else {
+      throw UsageError("unknown flag '" + arg + "'");
+    }
+  }
+  if (parsed.has("--help")) return parsed;
+  auto const required = operands.size() - optionalOperands;
+  if (parsed.operands.size() < required) throw UsageError("missing " + operands[parsed.operands.size()]);
+  if (parsed.operands.size() > operands.size()) {
+    throw UsageError("unexpected argument '" + parsed.operands[operands.size()] + "'");
+  }
+  return parsed;
+}
+
+std::vector<Command> const& commands() {
+  // File commands first, then the program's own; each group is a list of rows.
+  static std::vector<Command> const table = [] {
+    std::vector<Command> all = fileCommands();
+    for (auto& command : programCommands()) all.push_back(std::move(command));
+    return all;
+  }();
+  return table;
+}
+
+Command const* findCommand(std::string const& name) {
+  auto const& table = commands();
+  auto it = std::find_if(table.begin(), table.end(), [&](Command const& c) { return c.name == name; });
+  return it == table.end() ? nullptr : &*it;
+}
+
+}  // namespace ovl

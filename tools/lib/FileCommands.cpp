@@ -1,0 +1,342 @@
+// The file commands of ovl: ls, stat, cat, cp, mkdir, rm, mv.
+#include <ovl/Command.hpp>
+#include <ovl/Format.hpp>
+
+#include <foundation/storage/provider/Exception.hpp>
+
+#include <algorithm>
+#include <cstdio>
+#include <vector>
+
+namespace ovl {
+
+namespace {
+
+using fsp::ErrorCode;
+using fsp::ExistenceKind;
+using fsp::StorageItem;
+
+constexpr long kChunk = 1 << 20;
+// Files from this size up get a progress bar when stderr is a terminal.
+constexpr std::uint64_t kProgressFrom = 4ull << 20;
+
+[[noreturn]] void doesNotExist(StorageItem const& item) { throw fsp::Exception(ErrorCode::DoesNotExist, item.getLocation()); }
+
+std::string sizeColumn(std::string const& text) {
+  return text.size() >= 12 ? text : std::string(12 - text.size(), ' ') + text;
+}
+
+std::string entryLine(fsp::FolderEntry const& entry, bool longFormat) {
+  std::string line;
+  bool writable;
+  std::string size;
+  boost::posix_time::ptime modified;
+  if (entry.isFile()) {
+    auto const& attributes = entry.getFileAttributes();
+    line = "-";
+    writable = attributes.isWritable();
+    size = attributes.getSize() ? std::to_string(*attributes.getSize()) : "?";
+    modified = attributes.getLastModified();
+  } else {
+    auto const& attributes = entry.getFolderAttributes();
+    line = "d";
+    writable = attributes.isWritable();
+    size = "-";
+    modified = attributes.getLastModified();
+  }
+  if (longFormat) line += writable ? " rw" : " r-";
+  line += " " + sizeColumn(size) + "  " + isoTime(modified) + "  " + displayText(entry.getName());
+  return line;
+}
+
+int runLs(Session& session, Arguments const& args) {
+  auto const item = session.resolve(args.operands[0]);
+  bool const longFormat = args.has("--long");
+  switch (item.existsExtended()) {
+    case ExistenceKind::None:
+      doesNotExist(item);
+    case ExistenceKind::File:
+      session.out() << entryLine(fsp::FolderEntry(item.getLocation().getName(), item.getFileAttributes()), longFormat)
+                    << '\n';
+      return 0;
+    case ExistenceKind::Folder:
+      break;
+  }
+  auto entries = collect(args.has("--recursive") ? *item.listAllRecursive() : *item.listAll());
+  std::stable_sort(entries.begin(), entries.end(),
+                   [](auto const& a, auto const& b) { return a.getName() < b.getName(); });
+  for (auto const& entry : entries) session.out() << entryLine(entry, longFormat) << '\n';
+  return 0;
+}
+
+void statLine(Session& session, char const* label, std::string const& value) {
+  char padded[16];
+  std::snprintf(padded, sizeof padded, "%-10s", label);
+  session.out() << padded << value << '\n';
+}
+
+int runStat(Session& session, Arguments const& args) {
+  auto const item = session.resolve(args.operands[0]);
+  auto const kind = item.existsExtended();
+  if (kind == ExistenceKind::None) doesNotExist(item);
+  statLine(session, "name:", session.nameOf(item));
+  statLine(session, "iri:", session.plainIRI(item.getLocation()));
+  if (kind == ExistenceKind::File) {
+    auto const attributes = item.getFileAttributes();
+    statLine(session, "kind:", "file");
+    auto const& size = attributes.getSize();
+    statLine(session, "size:", size ? std::to_string(*size) + " bytes (" + humanSize(*size) + ")" : "unknown");
+    statLine(session, "modified:", isoTime(attributes.getLastModified()));
+    statLine(session, "writable:", attributes.isWritable() ? "yes" : "no");
+  } else {
+    auto const attributes = item.getFolderAttributes();
+    statLine(session, "kind:", "folder");
+    statLine(session, "size:", "-");
+    statLine(session, "modified:", isoTime(attributes.getLastModified()));
+    statLine(session, "writable:", attributes.isWritable() ? "yes" : "no");
+  }
+  fsp::ExtendedAttributes extended;
+  try {
+    extended = item.getExtendedAttributes();
+  } catch (fsp::Exception const& e) {
+    if (e.getErrorCode() != ErrorCode::NotSupported) throw;
+    statLine(session, "extended:", "not supported by the store");
+    return 0;
+  }
+  statLine(session, "extended:", extended.empty() ? "none" : std::to_string(extended.size()));
+  for (auto const& name : extended.getNames()) {
+    session.out() << "  " << name << " = " << attributeText(extended.getAttribute(name)) << '\n';
+  }
+  return 0;
+}
+
+fsp::ByteStreamPtr openForReading(Session& session, StorageItem const& item) {
+  try {
+    return item.openReadOnlyStream();
+  } catch (fsp::Exception const&) {
+    bool isFolder = false;
+    try {
+      isFolder = item.folderExists();
+    } catch (std::exception const&) {
+      // Report the failure of the open, not of this second question.
+    }
+    if (isFolder) throw CommandError(session.nameOf(item), "is a folder");
+    throw;
+  }
+}
+
+int runCat(Session& session, Arguments const& args) {
+  auto const item = session.resolve(args.operands[0]);
+  auto in = openForReading(session, item);
+  std::vector<char> buffer(kChunk);
+  for (;;) {
+    long n;
+    try {
+      n = in->read(buffer.data(), kChunk);
+    } catch (fsp::ByteStreamFailure const& e) {
+      throw CommandError(session.nameOf(item), e.what());
+    }
+    if (n <= 0) break;
+    session.out().write(buffer.data(), n);
+    if (!session.out()) throw CommandError("standard output", "write failed");
+  }
+  in->close();
+  session.out().flush();
+  return 0;
+}
+
+// Copies the content of the file `src` into `dst`, which is created or replaced. The
+// destination is written through a transactional stream, so it changes only once the
+// whole content has arrived; a failure leaves it as it was.
+void copyContent(Session& session, StorageItem const& src, StorageItem const& dst, bool forceProgress) {
+  std::uint64_t const total = src.getFileAttributes().getSize().value_or(0);
+  ProgressBar progress(session.err(), total, forceProgress || (session.errIsTerminal() && total >= kProgressFrom));
+  auto in = openForReading(session, src);
+  fsp::ByteStreamOpenOptions options;
+  options.truncate = true;
+  auto out = dst.openTransactionalStream(options);
+  std::vector<char> buffer(kChunk);
+  std::uint64_t done = 0;
+  for (;;) {
+    long n;
+    try {
+      n = in->read(buffer.data(), kChunk);
+    } catch (fsp::ByteStreamFailure const& e) {
+      throw CommandError(session.nameOf(src), e.what());
+    }
+    if (n <= 0) break;
+    try {
+      for (long written = 0; written < n;) {
+        long const w = out->write(buffer.data() + written, n - written);
+        if (w <= 0) throw CommandError(session.nameOf(dst), "the store accepted no more bytes");
+        written += w;
+      }
+    } catch (fsp::ByteStreamFailure const& e) {
+      throw CommandError(session.nameOf(dst), e.what());
+    }
+    done += static_cast<std::uint64_t>(n);
+    progress.update(done);
+  }
+  in->close();
+  try {
+    out->close();
+  } catch (fsp::ByteStreamFailure const& e) {
+    throw CommandError(session.nameOf(dst), e.what());
+  }
+  progress.finish();
+}
+
+// Where SRC goes when DST is given: inside DST when that is an existing folder.
+StorageItem destinationFor(Session& session, StorageItem const& src, StorageItem const& dst) {
+  if (dst.folderExists()) return session.child(dst, src.getLocation().getName());
+  return dst;
+}
+
+int runCp(Session& session, Arguments const& args) {
+  auto const src = session.resolve(args.operands[0]);
+  auto const dst = session.resolve(args.operands[1]);
+  switch (src.existsExtended()) {
+    case ExistenceKind::None:
+      doesNotExist(src);
+    case ExistenceKind::Folder:
+      throw CommandError(session.nameOf(src), "is a folder (cp copies files)");
+    case ExistenceKind::File:
+      break;
+  }
+  auto const target = destinationFor(session, src, dst);
+  switch (target.existsExtended()) {
+    case ExistenceKind::Folder:
+      throw CommandError(session.nameOf(target), "is a folder");
+    case ExistenceKind::File:
+      if (args.has("--no-clobber")) throw fsp::Exception(ErrorCode::AlreadyExists, target.getLocation());
+      break;
+    case ExistenceKind::None:
+      break;
+  }
+  copyContent(session, src, target, args.has("--progress"));
+  return 0;
+}
+
+int runMkdir(Session& session, Arguments const& args) {
+  auto const item = session.resolve(args.operands[0]);
+  if (args.has("--parents")) {
+    item.createFolderRecursive();
+  } else {
+    item.createFolder();
+  }
+  return 0;
+}
+
+int runRm(Session& session, Arguments const& args) {
+  auto const item = session.resolve(args.operands[0]);
+  switch (item.existsExtended()) {
+    case ExistenceKind::None:
+      doesNotExist(item);
+    case ExistenceKind::File:
+      item.removeFile();
+      return 0;
+    case ExistenceKind::Folder:
+      if (!args.has("--recursive")) {
+        throw CommandError(session.nameOf(item), "is a folder (use -r to remove it with everything in it)");
+      }
+      item.removeFolderRecursively();
+      return 0;
+  }
+  return 0;
+}
+
+int runMv(Session& session, Arguments const& args) {
+  auto const src = session.resolve(args.operands[0]);
+  auto const dst = session.resolve(args.operands[1]);
+  auto const policy = args.has("--replace") ? fsp::ReplacementPolicy::Always : fsp::ReplacementPolicy::Never;
+  auto const kind = src.existsExtended();
+  if (kind == ExistenceKind::None) doesNotExist(src);
+  auto const target = destinationFor(session, src, dst);
+  if (target.getProvider() == src.getProvider()) {
+    if (kind == ExistenceKind::File) {
+      src.moveFile(target.getLocation(), policy);
+    } else {
+      src.moveFolder(target.getLocation(), policy);
+    }
+    return 0;
+  }
+  // Between two stores: a file is copied, then removed at the source.
+  if (kind == ExistenceKind::Folder) {
+    throw CommandError(session.nameOf(src), "moving a folder to another store is not supported");
+  }
+  if (target.exists()) {
+    if (policy != fsp::ReplacementPolicy::Always || target.folderExists()) {
+      throw fsp::Exception(ErrorCode::AlreadyExists, target.getLocation());
+    }
+  }
+  copyContent(session, src, target, false);
+  src.removeFile();
+  return 0;
+}
+
+}  // namespace
+
+std::vector<Command> fileCommands() {
+  return {
+      {"ls",
+       {"IRI"},
+       0,
+       "List a folder, or show one file",
+       "Prints one line per entry, sorted by name: type ('d' folder, '-' file), size in\n"
+       "bytes ('-' for folders), last modification (UTC) and name.",
+       {{"--long", "-l", "also show whether the entry is writable ('rw' or 'r-')"},
+        {"--recursive", "-R", "list everything below the folder, named by relative path"}},
+       runLs},
+      {"stat",
+       {"IRI"},
+       0,
+       "Show the attributes of a file or folder",
+       "Prints the kind, size, last modification (UTC), whether it is writable, and the\n"
+       "extended attributes the store keeps for it (such as WATERMARK).",
+       {},
+       runStat},
+      {"cat",
+       {"IRI"},
+       0,
+       "Write a file's content to standard output",
+       "Streams the content unchanged (binary-safe).",
+       {},
+       runCat},
+      {"cp",
+       {"SRC", "DST"},
+       0,
+       "Copy a file",
+       "Copies the file SRC to DST through streams; SRC and DST may be on different stores.\n"
+       "When DST is an existing folder the copy goes inside it under SRC's name. An existing\n"
+       "file at DST is replaced, but only once the whole content has arrived. A progress\n"
+       "bar is drawn on standard error for files of 4 MiB and more when it is a terminal.",
+       {{"--progress", "", "draw the progress bar whatever the size and wherever stderr goes"},
+        {"--no-clobber", "-n", "fail when DST already exists"}},
+       runCp},
+      {"mkdir",
+       {"IRI"},
+       0,
+       "Create a folder",
+       "Creates the folder; its parent must exist unless -p is given.",
+       {{"--parents", "-p", "create missing parents too; an existing folder is not an error"}},
+       runMkdir},
+      {"rm",
+       {"IRI"},
+       0,
+       "Remove a file, or a folder with -r",
+       "Removes the file. A folder is removed only with -r, together with everything in it.",
+       {{"--recursive", "-r", "remove a folder and everything in it"}},
+       runRm},
+      {"mv",
+       {"SRC", "DST"},
+       0,
+       "Move or rename a file or folder",
+       "Moves SRC to DST. When DST is an existing folder, SRC goes inside it under its own\n"
+       "name. An existing destination is an error unless --replace is given. A file may\n"
+       "move to another store (copied, then removed at the source); a folder may not.",
+       {{"--replace", "", "replace what is at the destination"}},
+       runMv},
+  };
+}
+
+}  // namespace ovl

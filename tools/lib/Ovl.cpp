@@ -1,0 +1,287 @@
+// runOvl: global flags, dispatch through the command table, help, and the one place
+// where failures become error lines and exit statuses.
+#include <ovl/Ovl.hpp>
+
+#include <ovl/Command.hpp>
+#include <ovl/Format.hpp>
+
+#include <providers/file/FileProviderFactory.hpp>
+#include <providers/mem/MemoryProviderFactory.hpp>
+#include <providers/throttle/ThrottleProvider.hpp>
+
+#include <foundation/log/Configuration.hpp>
+#include <foundation/log/basic_diagnostic_logger.hpp>
+#include <foundation/storage/provider/Exception.hpp>
+
+#include <cmath>
+#include <cstdlib>
+#include <iomanip>
+#include <memory>
+#include <optional>
+
+namespace ovl {
+
+namespace {
+
+constexpr char const* kGlobalUsage =
+    "usage: ovl [--log FILE] [--log-level N] [--throttle-ms N] [--throttle-mbps N] COMMAND [ARGS...]";
+
+struct GlobalFlags {
+  std::optional<std::string> log;
+  std::optional<unsigned> logLevel;
+  std::optional<double> throttleMs;
+  std::optional<double> throttleMBps;
+};
+
+struct GlobalFlag {
+  char const* name;
+  char const* value;
+  char const* help;
+};
+
+GlobalFlag const kGlobalFlags[] = {
+    {"--log", "FILE", "write log records to FILE (appended), or to standard error for \"stderr\""},
+    {"--log-level", "N", "lowest severity written: 2 trace, 4 debug, 8 info, 16 exception details,\n"
+                         "                      512 failures only (the default)"},
+    {"--throttle-ms", "N", "make every store call wait N milliseconds first, as a remote store would"},
+    {"--throttle-mbps", "N", "limit file content to N megabytes (10^6 bytes) per second; 0 = no limit"},
+};
+
+void generalHelp(std::ostream& out) {
+  out << kGlobalUsage << "\n\n"
+      << "Works with the files and folders of the platform's storage providers. Arguments are\n"
+         "IRIs (file:///tmp/a.txt, mem://s1/docs) or local paths, which become file IRIs.\n\n"
+         "Commands:\n";
+  for (auto const& command : commands()) {
+    out << "  " << std::left << std::setw(8) << command.name << command.summary << '\n';
+  }
+  out << "\nGlobal flags (before or after the command):\n";
+  for (auto const& flag : kGlobalFlags) {
+    out << "  " << std::left << std::setw(20) << (std::string(flag.name) + " " + flag.value) << flag.help << '\n';
+  }
+  out << "  " << std::left << std::setw(20) << "-h, --help"
+      << "show this help (a command's own: ovl help COMMAND, or ovl COMMAND --help)\n\n"
+      << "The throttle flags wrap every store in a throttle (latency alone with --throttle-ms,\n"
+         "bandwidth alone with --throttle-mbps).\n\n"
+         "Exit status: 0 on success; 1 when the command failed (one line on standard error:\n"
+         "\"ovl COMMAND: IRI: cause\"); 2 on bad usage.\n";
+}
+
+void commandHelp(std::ostream& out, Command const& command) {
+  out << "usage: " << command.usage() << "\n\n" << command.summary << ".\n\n" << command.description << '\n';
+  out << "\nFlags:\n";
+  for (auto const& flag : command.flags) {
+    auto const names = flag.alias.empty() ? "    " + flag.name : flag.alias + ", " + flag.name;
+    out << "  " << std::left << std::setw(18) << names << flag.help << '\n';
+  }
+  out << "  " << std::left << std::setw(18) << "-h, --help" << "show this help\n"
+      << "\nGlobal flags are listed by 'ovl --help'.\n";
+}
+
+int runHelp(Session& session, Arguments const& args) {
+  if (args.operands.empty()) {
+    generalHelp(session.out());
+    return 0;
+  }
+  auto const* command = findCommand(args.operands[0]);
+  if (!command) throw UsageError("unknown command '" + args.operands[0] + "'");
+  commandHelp(session.out(), *command);
+  return 0;
+}
+
+double nonNegativeNumber(std::string const& flag, std::string const& text) {
+  char* end = nullptr;
+  double const value = std::strtod(text.c_str(), &end);
+  if (text.empty() || end != text.c_str() + text.size() || !std::isfinite(value) || value < 0) {
+    throw UsageError(flag + ": '" + text + "' is not a number >= 0");
+  }
+  return value;
+}
+
+unsigned severityNumber(std::string const& flag, std::string const& text) {
+  char* end = nullptr;
+  unsigned long const value = std::strtoul(text.c_str(), &end, 10);
+  if (text.empty() || text[0] == '-' || end != text.c_str() + text.size() || value > 0xFFFFFFFFul) {
+    throw UsageError(flag + ": '" + text + "' is not a severity number");
+  }
+  return static_cast<unsigned>(value);
+}
+
+// Takes the global flags out of `args` (up to a "--"); returns what is left.
+std::vector<std::string> takeGlobalFlags(std::vector<std::string> const& args, GlobalFlags& flags) {
+  std::vector<std::string> rest;
+  for (std::size_t i = 0; i < args.size(); ++i) {
+    auto const& arg = args[i];
+    if (arg == "--") {
+      rest.insert(rest.end(), args.begin() + static_cast<long>(i), args.end());
+      break;
+    }
+    GlobalFlag const* matched = nullptr;
+    std::optional<std::string> value;
+    for (auto const& flag : kGlobalFlags) {
+      std::string const name = flag.name;
+      if (arg == name) {
+        matched = &flag;
+        if (i + 1 >= args.size()) throw UsageError(name + " needs a value (" + flag.value + ")");
+        value = args[++i];
+      } else if (arg.compare(0, name.size() + 1, name + "=") == 0) {
+        matched = &flag;
+        value = arg.substr(name.size() + 1);
+      }
+      if (matched) break;
+    }
+    if (!matched) {
+      rest.push_back(arg);
+      continue;
+    }
+    std::string const name = matched->name;
+    if (name == "--log") {
+      if (value->empty()) throw UsageError("--log needs a file name");
+      flags.log = *value;
+    } else if (name == "--log-level") {
+      flags.logLevel = severityNumber(name, *value);
+    } else if (name == "--throttle-ms") {
+      flags.throttleMs = nonNegativeNumber(name, *value);
+    } else {
+      flags.throttleMBps = nonNegativeNumber(name, *value);
+    }
+  }
+  return rest;
+}
+
+// Points the log where the flags say; what they leave open comes from the environment.
+void configureLog(GlobalFlags const& flags) {
+  if (!flags.log && !flags.logLevel) return;
+  std::string target = "stderr";
+  if (flags.log) {
+    target = *flags.log;
+  } else if (char const* env = std::getenv("OVERLAY_LOG"); env && *env) {
+    target = env;
+  }
+  unsigned threshold = foundation::log::kDefaultThreshold;
+  if (flags.logLevel) {
+    threshold = *flags.logLevel;
+  } else if (char const* env = std::getenv("OVERLAY_LOG_LEVEL"); env && *env) {
+    char* end = nullptr;
+    auto const value = std::strtoul(env, &end, 10);
+    if (*end == '\0') threshold = static_cast<unsigned>(value);
+  }
+  try {
+    foundation::log::configure(target, threshold);
+  } catch (std::exception const& e) {
+    throw CommandError(target, std::string("cannot write the log there: ") + e.what());
+  }
+}
+
+std::optional<providers::throttle::Options> throttleOptions(GlobalFlags const& flags) {
+  if (!flags.throttleMs && !flags.throttleMBps) return std::nullopt;
+  providers::throttle::Options options;
+  options.latency = std::chrono::microseconds(std::llround(flags.throttleMs.value_or(0) * 1000));
+  options.bytesPerSecond = flags.throttleMBps.value_or(0) * 1e6;
+  return options;
+}
+
+std::string joined(std::vector<std::string> const& args) {
+  std::string text;
+  for (auto const& arg : args) text += (text.empty() ? "" : " ") + arg;
+  return text;
+}
+
+}  // namespace
+
+std::vector<Command> programCommands() {
+  return {
+      {"help",
+       {"COMMAND"},
+       1,
+       "Show help for ovl or for one command",
+       "Without a command, lists the commands and the global flags.",
+       {},
+       runHelp},
+  };
+}
+
+int runOvl(std::vector<std::string> args, std::ostream& out, std::ostream& err, RunOptions const& options) {
+  GlobalFlags flags;
+  std::vector<std::string> rest;
+  try {
+    rest = takeGlobalFlags(args, flags);
+  } catch (UsageError const& e) {
+    err << "ovl: " << e.what() << '\n' << kGlobalUsage << '\n';
+    return 2;
+  }
+  if (rest.empty()) {
+    err << "ovl: missing command\n" << kGlobalUsage << "\nRun 'ovl --help' for the list of commands.\n";
+    return 2;
+  }
+  if (rest[0] == "--help" || rest[0] == "-h") {
+    generalHelp(out);
+    return 0;
+  }
+  auto const* command = findCommand(rest[0]);
+  if (!command) {
+    err << "ovl: " << (rest[0].size() > 1 && rest[0][0] == '-' ? "unknown flag '" : "unknown command '") << rest[0]
+        << "'\n"
+        << kGlobalUsage << "\nRun 'ovl --help' for the list of commands.\n";
+    return 2;
+  }
+  Arguments parsed;
+  try {
+    parsed = command->parse(std::vector<std::string>(rest.begin() + 1, rest.end()));
+  } catch (UsageError const& e) {
+    err << "ovl " << command->name << ": " << e.what() << "\nusage: " << command->usage() << '\n';
+    return 2;
+  }
+  if (parsed.has("--help")) {
+    commandHelp(out, *command);
+    return 0;
+  }
+
+  std::unique_ptr<foundation::storage::provider::ProviderRegistry> ownRegistry;
+  auto* registry = options.registry;
+  if (!registry) {
+    ownRegistry = std::make_unique<foundation::storage::provider::ProviderRegistry>();
+    providers::file::registerWith(*ownRegistry);
+    providers::mem::registerWith(*ownRegistry);
+    providers::throttle::registerWith(*ownRegistry);
+    registry = ownRegistry.get();
+  }
+  Session session(*registry, out, err, options.errIsTerminal, throttleOptions(flags));
+
+  int status = 1;
+  std::string failure;
+  try {
+    configureLog(flags);
+    foundation::log::diagnostic_logger log("ovl");
+    log.log(foundation::log::Debug, "ovl " + joined(args));
+    status = command->run(session, parsed);
+  } catch (UsageError const& e) {
+    err << "ovl " << command->name << ": " << e.what() << "\nusage: " << command->usage() << '\n';
+    status = 2;
+  } catch (CommandError const& e) {
+    failure = e.subject() + ": " + e.cause();
+  } catch (foundation::storage::provider::Exception const& e) {
+    failure = session.nameOf(e.getIRI()) + ": " + describe(e.getErrorCode());
+    if (!e.getDetail().empty()) failure += " (" + e.getDetail() + ")";
+  } catch (std::exception const& e) {
+    failure = (parsed.operands.empty() ? std::string() : parsed.operands[0] + ": ") + e.what();
+  }
+  if (!failure.empty()) {
+    out.flush();
+    err << "ovl " << command->name << ": " << failure << '\n';
+    foundation::log::diagnostic_logger("ovl").log(foundation::log::Diagnostic,
+                                                  "ovl " + command->name + " failed: " + failure);
+    status = 1;
+  }
+  if (ownRegistry) {
+    try {
+      ownRegistry->shutdownAll();
+    } catch (std::exception const& e) {
+      err << "ovl: shutting the stores down failed: " << e.what() << '\n';
+      if (status == 0) status = 1;
+    }
+  }
+  return status;
+}
+
+}  // namespace ovl

@@ -1,0 +1,125 @@
+// The command table of `ovl`, and the session a command runs in.
+//
+// A command is one row of the table: its name, operands, flags, help text and the
+// function that runs it. runOvl parses the global flags and the command's own flags
+// against the row, then calls `run` with a Session. Adding a command (demo, bench, ...) is
+// adding a row: see `commands()`.
+#pragma once
+
+#include <providers/throttle/ThrottleProvider.hpp>
+
+#include <foundation/storage/provider/ProviderRegistry.hpp>
+#include <foundation/storage/provider/StorageItem.hpp>
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <ostream>
+#include <set>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace ovl {
+
+namespace fsp = foundation::storage::provider;
+
+// A failure that a command reports as "ovl <cmd>: <subject>: <cause>" (exit status 1).
+class CommandError : public std::runtime_error {
+ public:
+  CommandError(std::string subject, std::string cause)
+      : std::runtime_error(subject + ": " + cause), subject_(std::move(subject)), cause_(std::move(cause)) {}
+  std::string const& subject() const { return subject_; }
+  std::string const& cause() const { return cause_; }
+
+ private:
+  std::string subject_;
+  std::string cause_;
+};
+
+// Bad usage: reported with the command's usage line (exit status 2).
+class UsageError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+// What one run of a command works with: the output streams, the registry, and the items
+// it resolved (so that errors name them as the user wrote them).
+class Session {
+ public:
+  // `throttle`, when set, wraps every store the session resolves in a ThrottleProvider
+  // with those options (one per store root, shared by the session's items).
+  Session(fsp::ProviderRegistry& registry, std::ostream& out, std::ostream& err, bool errIsTerminal,
+          std::optional<providers::throttle::Options> throttle);
+
+  std::ostream& out() { return out_; }
+  std::ostream& err() { return err_; }
+  bool errIsTerminal() const { return errIsTerminal_; }
+
+  // The item for `text`: an IRI, or a local path that becomes a file IRI. Throws
+  // CommandError naming `text` when it is neither, or names a scheme no store serves.
+  fsp::StorageItem resolve(std::string const& text);
+  // The item `name` inside the folder `folder`, on the same provider; messages name it as
+  // the folder's name, "/", `name`.
+  fsp::StorageItem child(fsp::StorageItem const& folder, std::u16string const& name);
+
+  // How messages name `iri`: as the user wrote it when it is one of the session's items,
+  // otherwise as its IRI text (without the throttle layer the session added).
+  std::string nameOf(fsp::StorageIRI const& iri) const;
+  std::string nameOf(fsp::StorageItem const& item) const { return nameOf(item.getLocation()); }
+  // The IRI text of `iri` without the throttle layer the session added.
+  std::string plainIRI(fsp::StorageIRI const& iri) const;
+
+ private:
+  fsp::StorageItem throttled(fsp::StorageItem const& item);
+
+  fsp::ProviderRegistry& registry_;
+  std::ostream& out_;
+  std::ostream& err_;
+  bool const errIsTerminal_;
+  std::optional<providers::throttle::Options> const throttle_;
+  std::map<std::u16string, std::shared_ptr<providers::throttle::ThrottleProvider>> throttles_;  // by store root
+  std::vector<std::pair<fsp::StorageIRI, std::string>> names_;  // item IRI -> text the user wrote
+};
+
+struct Flag {
+  std::string name;   // "--recursive"
+  std::string alias;  // "-r", or empty
+  std::string help;
+};
+
+// A command's arguments after parsing: the flags given (by their long names) and the
+// operands in order.
+struct Arguments {
+  std::set<std::string> flags;
+  std::vector<std::string> operands;
+  bool has(std::string const& flag) const { return flags.count(flag) != 0; }
+};
+
+struct Command {
+  std::string name;
+  std::vector<std::string> operands;  // names of the operands, "SRC", "DST"
+  std::size_t optionalOperands = 0;   // how many of the last operands may be left out
+  std::string summary;                // one line, for the command list
+  std::string description;            // the body of `ovl help <name>`
+  std::vector<Flag> flags;
+  std::function<int(Session&, Arguments const&)> run;
+
+  // "ovl ls [-l] [-R] IRI"
+  std::string usage() const;
+  // Parses the command's own arguments. Throws UsageError for an unknown flag, a missing
+  // or an extra operand. Leaves "--help" / "-h" in `flags` as "--help".
+  Arguments parse(std::vector<std::string> const& args) const;
+};
+
+// Every command, in the order help lists them.
+std::vector<Command> const& commands();
+Command const* findCommand(std::string const& name);
+
+// The file commands: ls, stat, cat, cp, mkdir, rm, mv (FileCommands.cpp).
+std::vector<Command> fileCommands();
+// The program's own commands: help (Ovl.cpp).
+std::vector<Command> programCommands();
+
+}  // namespace ovl

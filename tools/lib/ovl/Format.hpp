@@ -1,0 +1,54 @@
+// How ovl writes values for people: times, sizes, error causes, attribute values, and
+// the progress bar of long copies.
+#pragma once
+
+#include <foundation/storage/provider/ErrorCode.hpp>
+
+#include <boost/any.hpp>
+#include <boost/date_time/posix_time/ptime.hpp>
+
+#include <chrono>
+#include <cstdint>
+#include <ostream>
+#include <string>
+
+namespace ovl {
+
+// "2024-05-01T12:00:00Z" (UTC, whole seconds); "-" for a time that is not a date.
+std::string isoTime(boost::posix_time::ptime const& time);
+
+// "does not exist", "already exists", ...: the cause part of an error line.
+std::string describe(foundation::storage::provider::ErrorCode code);
+
+// Text as UTF-8 for display; unpaired surrogates become U+FFFD instead of failing.
+std::string displayText(std::u16string const& text);
+
+// An extended attribute's value: text as is (control bytes as \xNN), numbers and
+// booleans in decimal, anything else as "<value of type T>".
+std::string attributeText(boost::any const& value);
+
+// "12.3 MiB", "512 B".
+std::string humanSize(std::uint64_t bytes);
+
+// A one-line progress bar redrawn in place ("\r") on `out`, at most every 100 ms.
+class ProgressBar {
+ public:
+  // Draws nothing when `enabled` is false.
+  ProgressBar(std::ostream& out, std::uint64_t total, bool enabled);
+  // Records that `done` bytes of `total` are through.
+  void update(std::uint64_t done);
+  // Draws the final state and ends the line.
+  void finish();
+
+ private:
+  void draw();
+
+  std::ostream& out_;
+  std::uint64_t const total_;
+  bool const enabled_;
+  std::uint64_t done_ = 0;
+  std::chrono::steady_clock::time_point const start_;
+  std::chrono::steady_clock::time_point lastDraw_{};
+};
+
+}  // namespace ovl
