@@ -17,6 +17,7 @@
 #include <cerrno>
 #include <condition_variable>
 #include <cstdint>
+#include <deque>
 #include <map>
 #include <mutex>
 #include <optional>
@@ -98,6 +99,11 @@ struct FileEventHub::State {
   std::map<int, std::set<std::uint64_t>> watchUsers;  // watch descriptor -> subscriptions using it
   bool dispatching = false;  // a callback round is running on the event thread
   std::uint64_t round = 0;   // rounds completed
+  // Sources of renames whose IN_MOVED_TO has not been read yet (cookie -> native path),
+  // oldest first, so that the destination half can name its source even when the two
+  // halves arrive in different reads. Bounded: sources moved out of every watched folder
+  // never get their other half.
+  std::deque<std::pair<std::uint32_t, std::string>> unpairedSources;
 
   // Everything below: caller holds `mutex`.
 
@@ -221,6 +227,7 @@ void FileEventHub::State::publish(std::vector<Pending>& out, Subscription const&
 void FileEventHub::State::handle(char const* buffer, std::size_t length, std::vector<Pending>& out) {
   // First pass: pair the halves of renames by cookie, so both can name source and target.
   std::map<std::uint32_t, MovePair> moves;
+  for (auto const& [cookie, path] : unpairedSources) moves[cookie].from = path;
   for (std::size_t pos = 0; pos < length;) {
     auto const* event = reinterpret_cast<inotify_event const*>(buffer + pos);
     pos += sizeof(inotify_event) + event->len;
@@ -238,15 +245,29 @@ void FileEventHub::State::handle(char const* buffer, std::size_t length, std::ve
       moves[event->cookie].to = std::move(full);
     }
   }
+  std::set<std::uint32_t> readNow;
   for (std::size_t pos = 0; pos < length;) {
     auto const* event = reinterpret_cast<inotify_event const*>(buffer + pos);
     pos += sizeof(inotify_event) + event->len;
+    if (event->mask & (IN_MOVED_FROM | IN_MOVED_TO)) readNow.insert(event->cookie);
     try {
       handleOne(*event, moves, out);
     } catch (std::exception const& e) {
       logger().log(foundation::log::Error, std::string("A change event was lost: ") + e.what());
     }
   }
+  // Keep the sources still waiting for their destination half; drop the paired ones.
+  std::erase_if(unpairedSources, [&](auto const& entry) { return moves.at(entry.first).to.has_value(); });
+  for (auto cookie : readNow) {
+    auto found = moves.find(cookie);
+    if (found == moves.end()) continue;
+    auto const& pair = found->second;
+    bool const known = std::any_of(unpairedSources.begin(), unpairedSources.end(),
+                                   [&](auto const& entry) { return entry.first == cookie; });
+    if (pair.from && !pair.to && !known) unpairedSources.emplace_back(cookie, *pair.from);
+  }
+  constexpr std::size_t kMaxUnpaired = 256;
+  while (unpairedSources.size() > kMaxUnpaired) unpairedSources.pop_front();
 }
 
 void FileEventHub::State::handleOne(inotify_event const& event, std::map<std::uint32_t, MovePair> const& moves,
