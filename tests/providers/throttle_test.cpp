@@ -514,11 +514,14 @@ TEST_F(ThrottleTest, StreamsPayLatencyOnceAndTheirBytesOnTheLink) {
   EXPECT_EQ(written, "hello");
 }
 
-TEST_F(ThrottleTest, StreamsShareOneLink) {
-  // Two streams moving bytes "at once" (the clock stands still while they wait): the
-  // second booking starts where the first ends.
+TEST_F(ThrottleTest, ReadsShareTheDownloadLinkAndWritesTheUploadLink) {
+  // Streams moving bytes "at once" (the clock stands still while they wait): a booking
+  // starts where the previous one in the same direction ends; the two directions do not
+  // wait for each other.
   EXPECT_CALL(*store_, doOpenReadOnlyStream(inner(u"/a")))
       .WillOnce(Return(ByMove(std::make_unique<StringStream>(std::string(300, 'a')))));
+  EXPECT_CALL(*store_, doOpenReadOnlyStream(inner(u"/d")))
+      .WillOnce(Return(ByMove(std::make_unique<StringStream>(std::string(100, 'd')))));
   EXPECT_CALL(*store_, doOpenTransactionalStream(inner(u"/b"), _))
       .WillOnce(Return(ByMove(std::make_unique<StringStream>(""))));
   EXPECT_CALL(*store_, doOpenTransactionalStreamAtScratchLocation(inner(u"/c"), inner(u"/.c.tmp"), _))
@@ -526,15 +529,21 @@ TEST_F(ThrottleTest, StreamsShareOneLink) {
   auto first = throttle_.doOpenReadOnlyStream(outer(u"/a"));
   auto second = throttle_.doOpenTransactionalStream(outer(u"/b"), {});
   auto third = throttle_.doOpenTransactionalStreamAtScratchLocation(outer(u"/c"), outer(u"/.c.tmp"), {});
+  auto fourth = throttle_.doOpenReadOnlyStream(outer(u"/d"));
   time_.sleepAdvancesClock = false;
   auto const now = time_.now;
   char buffer[300];
   ASSERT_EQ(first->read(buffer, 300), 300);
   ASSERT_EQ(second->write(buffer, 200), 200);
   ASSERT_EQ(third->write(buffer, 100), 100);
-  std::vector<Clock::time_point> const expected{now + microseconds(300), now + microseconds(500),
-                                                now + microseconds(600)};
-  EXPECT_EQ(std::vector(time_.deadlines.end() - 3, time_.deadlines.end()), expected);
+  ASSERT_EQ(fourth->read(buffer, 300), 100);
+  std::vector<Clock::time_point> const expected{now + microseconds(300), now + microseconds(200),
+                                                now + microseconds(300), now + microseconds(400)};
+  EXPECT_EQ(std::vector(time_.deadlines.end() - 4, time_.deadlines.end()), expected);
+
+  // waitTransfer is the same booking, for callers that move bytes themselves.
+  throttle_.waitTransfer(ThrottleProvider::Direction::Upload, 50);
+  EXPECT_EQ(time_.deadlines.back(), now + microseconds(350));
 }
 
 TEST(ThrottleUnlimitedTest, ZeroLatencyAndZeroRateNeverWait) {
@@ -564,7 +573,7 @@ TEST(ThrottleRegistryTest, RegistryMakesThrottlesOverTheInnerStore) {
   EXPECT_CALL(*store, doFileExists(iri(u"mem://s1/docs/a.txt"))).WillOnce(Return(true));
   EXPECT_TRUE(item.fileExists());
   EXPECT_EQ(time.deadlines.size(), 1u);
-  // Items under the same root share one throttle (and so one link).
+  // Items under the same root share one throttle (and so its links).
   EXPECT_EQ(registry.resolve(std::u16string(u"throttle:<mem://s1/>/other")).getProvider(), item.getProvider());
 
   providers::throttle::ThrottleProviderFactory factory;

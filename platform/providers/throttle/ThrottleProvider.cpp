@@ -52,7 +52,8 @@ Options const& validated(Options const& options) {
 
 }  // namespace
 
-// One link of fixed throughput, shared by every stream of a provider.
+// One direction of the connection: a fixed throughput shared by every stream of a
+// provider that moves bytes that way.
 class ThrottleProvider::Link {
  public:
   explicit Link(Options const& options)
@@ -83,20 +84,21 @@ class ThrottleProvider::Link {
 
 namespace {
 
-// A stream whose reads and writes pay their transfer time on the provider's link.
+// A stream whose reads and writes pay their transfer time on the provider's links.
 template <class Link>
 class PacedStream : public fsp::ByteStream {
  public:
-  PacedStream(fsp::ByteStreamPtr inner, std::shared_ptr<Link> link) : inner_(std::move(inner)), link_(std::move(link)) {}
+  PacedStream(fsp::ByteStreamPtr inner, std::shared_ptr<Link> download, std::shared_ptr<Link> upload)
+      : inner_(std::move(inner)), download_(std::move(download)), upload_(std::move(upload)) {}
 
   long read(char* buffer, long count) override {
     long const n = inner_->read(buffer, count);
-    link_->transfer(n);
+    download_->transfer(n);
     return n;
   }
   long write(char const* buffer, long count) override {
     long const n = inner_->write(buffer, count);
-    link_->transfer(n);
+    upload_->transfer(n);
     return n;
   }
   long seek(long offset, std::ios_base::seekdir whence) override { return inner_->seek(offset, whence); }
@@ -104,7 +106,8 @@ class PacedStream : public fsp::ByteStream {
 
  private:
   fsp::ByteStreamPtr const inner_;
-  std::shared_ptr<Link> const link_;
+  std::shared_ptr<Link> const download_;
+  std::shared_ptr<Link> const upload_;
 };
 
 }  // namespace
@@ -118,7 +121,8 @@ ThrottleProvider::ThrottleProvider(fsp::StorageItem inner, Options options)
         return path;
       }()),
       options_(validated(options)),
-      link_(std::make_shared<Link>(options_)) {
+      download_(std::make_shared<Link>(options_)),
+      upload_(std::make_shared<Link>(options_)) {
   if (!inner_.hasProvider()) {
     throw std::invalid_argument("throttle: the inner item " + inner_.getLocation().toUtf8() + " has no provider");
   }
@@ -140,7 +144,9 @@ void ThrottleProvider::waitLatency() const {
   if (options_.latency.count() > 0) options_.sleepUntil(options_.now() + options_.latency);
 }
 
-void ThrottleProvider::waitTransfer(long bytes) const { link_->transfer(bytes); }
+void ThrottleProvider::waitTransfer(Direction direction, long bytes) const {
+  (direction == Direction::Download ? download_ : upload_)->transfer(bytes);
+}
 
 void ThrottleProvider::rethrowAsOuter(fsp::Exception const& e,
                                       std::initializer_list<StorageIRI const*> outers) const {
@@ -167,7 +173,7 @@ decltype(auto) ThrottleProvider::remote(std::initializer_list<StorageIRI const*>
 }
 
 fsp::ByteStreamPtr ThrottleProvider::paced(fsp::ByteStreamPtr inner) const {
-  return std::make_unique<PacedStream<Link>>(std::move(inner), link_);
+  return std::make_unique<PacedStream<Link>>(std::move(inner), download_, upload_);
 }
 
 fse::Callback ThrottleProvider::wrapCallback(StorageIRI const& outerSubscribed, fse::Callback const& callback) const {

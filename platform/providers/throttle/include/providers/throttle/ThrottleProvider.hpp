@@ -11,11 +11,14 @@
 //   from what it already knows (features, file name sensitivity, path comparator,
 //   canonical location, cache usage, stopping subscriptions, configuration, flush,
 //   shutdown) forward without waiting.
-// - Bandwidth: all streams of one provider share one link of `bytesPerSecond`. A read or
-//   write of n bytes books n / bytesPerSecond of link time, starting when the link's
-//   previous booking ends or now, whichever is later, and returns when its booking ends.
-//   An idle link builds up no credit. Reads and writes on an open stream pay no latency,
-//   so many small operations cost only their transfer time; seek and close are free.
+// - Bandwidth: the provider has a link of `bytesPerSecond` in each direction, as a
+//   full-duplex network connection has: every stream's reads share the download link,
+//   every stream's writes the upload link. A read or write of n bytes books
+//   n / bytesPerSecond on its link, starting when the link's previous booking ends or
+//   now, whichever is later, and returns when its booking ends. An idle link builds up no
+//   credit. Reads and writes on an open stream pay no latency, so many small operations
+//   cost only their transfer time; seek and close are free. A caller that reads a chunk,
+//   then writes it, both through the throttle, waits for both bookings in turn.
 // Waiting is always "sleep until a steady-clock deadline", so that the latency does not
 // drift with scheduling overhead; both the clock and the sleep are injectable.
 //
@@ -60,7 +63,7 @@ struct Options {
 
   // Added once to every call that reaches the store, and once to opening a stream.
   std::chrono::microseconds latency{20000};
-  // The link's throughput for stream content, in bytes per second; 0 = unlimited.
+  // The throughput of stream content in each direction, in bytes per second; 0 = unlimited.
   double bytesPerSecond = 50e6;
   // How the provider waits. Tests replace it to observe the deadlines without sleeping.
   std::function<void(Clock::time_point)> sleepUntil = [](Clock::time_point deadline) {
@@ -172,12 +175,14 @@ class ThrottleProvider : public fsp::IConfigurableProvider, public fsp::extensio
 
   // Waits `latency` from now (nothing when the latency is zero).
   void waitLatency() const;
-  // Books `bytes` of link time and waits until the booking ends (nothing when the rate is
-  // unlimited or `bytes` is not positive). What every stream read and write calls.
-  void waitTransfer(long bytes) const;
+  enum class Direction { Download, Upload };
+  // Books `bytes` on the link of `direction` and waits until the booking ends (nothing
+  // when the rate is unlimited or `bytes` is not positive). What stream reads (download)
+  // and writes (upload) call. Thread-safe.
+  void waitTransfer(Direction direction, long bytes) const;
 
  private:
-  class Link;  // the bandwidth link; shared with open streams, which may outlive us
+  class Link;  // one direction of the connection; shared with open streams, which may outlive us
 
   // Waits the latency, then runs `call`; an Exception naming an inner IRI is re-thrown
   // naming the throttle IRI (one of `outers` when it maps to that inner IRI).
@@ -198,7 +203,8 @@ class ThrottleProvider : public fsp::IConfigurableProvider, public fsp::extensio
   fsp::StorageIRI const outerRoot_;
   std::u16string const innerRootPath_;  // the inner root's path, ending in "/"
   Options const options_;
-  std::shared_ptr<Link> const link_;
+  std::shared_ptr<Link> const download_;
+  std::shared_ptr<Link> const upload_;
 };
 
 // Makes throttles over the inner items the registry resolves for `throttle:<...>` IRIs.
