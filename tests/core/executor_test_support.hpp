@@ -8,6 +8,9 @@
 #include <foundation/log/MemorySink.hpp>
 #include <foundation/log/Severity.hpp>
 
+// Boost 1.74's JSON parser still includes <boost/bind.hpp>, which otherwise prints a
+// deprecation note.
+#define BOOST_BIND_GLOBAL_PLACEHOLDERS
 #include <boost/property_tree/json_parser.hpp>
 #include <boost/property_tree/ptree.hpp>
 
