@@ -2,14 +2,31 @@
 
 #include <fl/i18n.hpp>
 
+#include <sys/prctl.h>
+
+#include <algorithm>
 #include <cmath>
 #include <mutex>
 #include <stdexcept>
+#include <thread>
 
 namespace providers::throttle {
 
 using fsp::StorageIRI;
 using Clock = Options::Clock;
+
+void preciseSleepUntil(std::chrono::steady_clock::time_point deadline) {
+  using std::chrono::nanoseconds;
+  constexpr auto kMaxMargin = nanoseconds(500'000);
+  thread_local bool const slackLowered = prctl(PR_SET_TIMERSLACK, 1UL, 0UL, 0UL, 0UL) == 0;
+  thread_local nanoseconds overrun{0};  // moving average of how late this thread's sleeps end
+  (void)slackLowered;
+  auto const wake = deadline - overrun;
+  if (Clock::now() >= wake) return;
+  std::this_thread::sleep_until(wake);
+  auto const late = std::chrono::duration_cast<nanoseconds>(Clock::now() - wake);
+  overrun += (std::clamp(late, nanoseconds(0), kMaxMargin) - overrun) / 8;
+}
 
 namespace {
 
