@@ -20,10 +20,51 @@ std::u16string asciiLower(std::u16string text) {
   return text;
 }
 
-[[noreturn]] void malformed(std::u16string const& text, char const* why) {
-  std::string utf8;
-  for (auto c : text) utf8 += (c >= 0x20 && c < 0x7F) ? static_cast<char>(c) : '?';
-  throw std::invalid_argument("Malformed IRI \"" + utf8 + "\": " + why);
+// `text` for a message: UTF-8, with control characters written as \uXXXX so that the
+// message shows where they are, and unpaired surrogates as '?'.
+std::string printable(std::u16string const& text) {
+  static char const hex[] = "0123456789ABCDEF";
+  std::u16string shown;
+  shown.reserve(text.size());
+  for (auto c : text) {
+    if (isControl(c)) {
+      shown += u"\\u00";
+      shown += static_cast<char16_t>(hex[(c >> 4) & 0xF]);
+      shown += static_cast<char16_t>(hex[c & 0xF]);
+    } else {
+      shown += c;
+    }
+  }
+  try {
+    return fl::i18n::to_string(shown);
+  } catch (std::exception const&) {
+    std::string ascii;
+    for (auto c : shown) ascii += (c >= 0x20 && c < 0x7F) ? static_cast<char>(c) : '?';
+    return ascii;
+  }
+}
+
+[[noreturn]] void malformed(std::u16string const& text, std::string const& why) {
+  throw std::invalid_argument("Malformed IRI \"" + printable(text) + "\": " + why);
+}
+
+bool isValidScheme(std::u16string const& scheme) {
+  if (scheme.empty() || !isAsciiLetter(scheme[0])) return false;
+  for (auto c : scheme) {
+    if (!isAsciiLetter(c) && !isAsciiDigit(c) && c != u'+' && c != u'-' && c != u'.') return false;
+  }
+  return true;
+}
+
+bool equalsIgnoringAsciiCase(std::u16string const& a, std::u16string const& b) {
+  if (a.size() != b.size()) return false;
+  for (std::size_t i = 0; i < a.size(); ++i) {
+    auto x = a[i], y = b[i];
+    if (x >= u'A' && x <= u'Z') x = static_cast<char16_t>(x - u'A' + u'a');
+    if (y >= u'A' && y <= u'Z') y = static_cast<char16_t>(y - u'A' + u'a');
+    if (x != y) return false;
+  }
+  return true;
 }
 
 // The non-empty segments of a path.
@@ -96,7 +137,11 @@ StorageIRI::StorageIRI(std::u16string const& text) {
       }
     }
     if (close == std::u16string::npos) malformed(text, "unbalanced angle brackets");
-    inner_ = std::make_shared<StorageIRI const>(text.substr(pos + 1, close - pos - 1));
+    try {
+      inner_ = std::make_shared<StorageIRI const>(text.substr(pos + 1, close - pos - 1));
+    } catch (std::invalid_argument const& e) {
+      malformed(text, std::string("inner IRI: ") + e.what());
+    }
     std::u16string rest = text.substr(close + 1);
     if (rest.find_first_of(u"<>") != std::u16string::npos) malformed(text, "unbalanced angle brackets");
     path_ = normalisePath(rest);
@@ -105,11 +150,13 @@ StorageIRI::StorageIRI(std::u16string const& text) {
   }
 
   if (text.find_first_of(u"<>", pos) != std::u16string::npos) malformed(text, "unbalanced angle brackets");
+  // A plain IRI always has an authority, empty when the text has none: its canonical text
+  // writes "//" ("mem:/x" reads "mem:///x"), so that both spellings are one IRI.
+  hasAuthority_ = true;
   if (text.compare(pos, 2, u"//") == 0) {
     pos += 2;
     auto end = text.find_first_of(u"/?#", pos);
     if (end == std::u16string::npos) end = text.size();
-    hasAuthority_ = true;
     authority_ = text.substr(pos, end - pos);
     pos = end;
   }
@@ -132,7 +179,7 @@ StorageIRI::StorageIRI(network::IRI const& iri) : StorageIRI(fl::i18n::to_ustrin
 StorageIRI::StorageIRI(StorageIRI const& base, std::u16string const& path)
     : scheme_(base.scheme_), hasAuthority_(base.hasAuthority_), authority_(base.authority_), inner_(base.inner_) {
   for (auto c : path) {
-    if (isControl(c)) malformed(path, "control character in path");
+    if (isControl(c)) malformed(base.toString() + u"/" + path, "control character in path");
   }
   path_ = collapseSlashes(base.path_ + u"/" + path);
   render();
@@ -140,9 +187,9 @@ StorageIRI::StorageIRI(StorageIRI const& base, std::u16string const& path)
 
 StorageIRI::StorageIRI(std::u16string const& scheme, StorageIRI const& inner, std::u16string const& path)
     : scheme_(scheme), inner_(std::make_shared<StorageIRI const>(inner)), path_(normalisePath(path)) {
-  if (scheme.empty() || !isAsciiLetter(scheme[0])) malformed(scheme, "invalid scheme");
+  if (!isValidScheme(scheme)) malformed(scheme + u":<" + inner.toString() + u">" + path, "invalid scheme");
   for (auto c : path) {
-    if (isControl(c)) malformed(path, "control character in path");
+    if (isControl(c)) malformed(scheme + u":<" + inner.toString() + u">" + path, "control character in path");
   }
   render();
 }
@@ -194,14 +241,14 @@ std::u16string StorageIRI::getName() const {
 }
 
 StorageIRI StorageIRI::withPath(std::u16string const& path) const {
-  for (auto c : path) {
-    if (isControl(c)) malformed(path, "control character in path");
-  }
   StorageIRI result = *this;
   result.path_ = collapseSlashes(normalisePath(path));
   result.query_.reset();
   result.fragment_.reset();
   result.render();
+  for (auto c : path) {
+    if (isControl(c)) malformed(result.text_, "control character in path");
+  }
   return result;
 }
 
@@ -226,7 +273,9 @@ StorageIRI StorageIRI::getResolvedIRI() const {
 }
 
 bool StorageIRI::isAncestorOf(StorageIRI const& other) const {
-  if (scheme_ != other.scheme_ || authority_ != other.authority_) return false;
+  if (!equalsIgnoringAsciiCase(scheme_, other.scheme_) || !equalsIgnoringAsciiCase(authority_, other.authority_)) {
+    return false;
+  }
   if ((inner_ == nullptr) != (other.inner_ == nullptr)) return false;
   if (inner_ && *inner_ != *other.inner_) return false;
   auto mine = splitSegments(path_);

@@ -70,8 +70,9 @@ class StorageIRI {
   // The IRI "file:///"; exists so that IRIs can live in containers and optionals.
   StorageIRI();
 
-  // Parses `text`. Throws std::invalid_argument naming the text when it has no scheme,
-  // unbalanced angle brackets or a control character.
+  // Parses `text`. Throws std::invalid_argument naming the text (control characters shown
+  // as \uXXXX) when it has no scheme, unbalanced angle brackets, a control character, or a
+  // malformed inner IRI.
   explicit StorageIRI(std::u16string const& text);
   explicit StorageIRI(char16_t const* text) : StorageIRI(std::u16string(text)) {}
 
@@ -87,6 +88,8 @@ class StorageIRI {
   StorageIRI(std::u16string const& scheme, StorageIRI const& inner, std::u16string const& path);
 
   std::u16string const& getScheme() const { return scheme_; }
+  // True for every IRI that is not wrapped: its canonical text always writes "//" and an
+  // authority, possibly empty ("mem:/x" reads "mem:///x"). False for a wrapped IRI.
   bool hasAuthority() const { return hasAuthority_; }
   std::u16string const& getAuthority() const { return authority_; }
   std::u16string const& getPath() const { return path_; }
@@ -114,7 +117,9 @@ class StorageIRI {
   // authority. A wrapped IRI resolves its outer path only.
   StorageIRI getResolvedIRI() const;
 
-  // Same scheme, authority and inner IRI, and `other`'s path segments strictly extend ours.
+  // Same scheme and authority (compared case-insensitively), same inner IRI text, and
+  // `other`'s path segments strictly extend ours. Paths are compared as written ("." and
+  // ".." are not resolved first).
   bool isAncestorOf(StorageIRI const& other) const;
 
   // The canonical text.
