@@ -10,7 +10,6 @@
 
 #include <boost/property_tree/ptree.hpp>
 
-#include <cstdlib>
 #include <optional>
 #include <sstream>
 #include <stdexcept>
@@ -37,7 +36,7 @@ std::string iriDetail(fsp::StorageIRI const& iri) {
 
 void logConfiguration(std::string const& key, boost::property_tree::ptree::data_type const& value) {
   boost::property_tree::ptree record;
-  record.put(boost::property_tree::ptree::path_type(key, '\0'), value);
+  record.put(key, value);
   getLogger().logJson(Severity::Debug, record);
 }
 
@@ -47,11 +46,6 @@ bool readsTrue(std::string const& text) {
   bool value = false;
   in >> std::boolalpha >> value;
   return !in.fail() && value;
-}
-
-long robustnessTimeoutMs() {
-  char const* text = std::getenv("QV_OVERLAY_EVENT_ROBUSTNESS_TIMEOUT");
-  return text ? std::atol(text) : 3000;
 }
 
 }  // namespace
@@ -74,8 +68,7 @@ OverlayProvider::~OverlayProvider() {
 void OverlayProvider::lazyInitialize() const {
   std::call_once(initOnce_, [this] {
     boost::property_tree::ptree record;
-    record.put(boost::property_tree::ptree::path_type("overlay.initialization.maxQueueWeight", '\0'),
-               maxQueueWeight_.load(std::memory_order_acquire));
+    record.put("overlay.initialization.maxQueueWeight", maxQueueWeight_.load(std::memory_order_acquire));
     getLogger().logJson(Severity::Debug, record);
     {
       std::lock_guard lock(initMutex_);
@@ -87,7 +80,7 @@ void OverlayProvider::lazyInitialize() const {
     }
     // Event handling is paused and resumed through the latch; the callbacks act on the
     // event listener, which subscribes to the inner store's changes.
-    timedLatch_ = std::make_shared<TimedLatch>([] {}, [] {}, std::chrono::milliseconds(robustnessTimeoutMs()));
+    timedLatch_ = std::make_shared<TimedLatch>([] {}, [] {}, TimedLatch::timeoutFromEnvironment());
   });
 }
 

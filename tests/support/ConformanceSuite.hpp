@@ -67,6 +67,10 @@ struct StoreCapabilities {
   bool enforcesWritable = true;
   // Names that differ only in case name different items.
   bool caseSensitive = true;
+  // getFilenameSensitivity() answers `caseSensitive`. False for a provider that keeps the
+  // framework's default answer (always case-sensitive) while matching names as the store
+  // beneath it does: the overlay.
+  bool reportsFilenameSensitivity = true;
 };
 
 // One fresh working folder on the provider under test. The suite makes one harness per
