@@ -10,7 +10,6 @@
 
 // Boost 1.74's JSON parser still includes <boost/bind.hpp>, which otherwise prints a
 // deprecation note.
-#define BOOST_BIND_GLOBAL_PLACEHOLDERS
 #include <boost/property_tree/json_parser.hpp>
 #include <boost/property_tree/ptree.hpp>
 

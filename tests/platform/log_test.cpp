@@ -1,6 +1,5 @@
 // Boost 1.74's JSON parser still includes <boost/bind.hpp>, which otherwise prints a
 // deprecation note.
-#define BOOST_BIND_GLOBAL_PLACEHOLDERS
 
 #include "foundation/log/Configuration.hpp"
 #include "foundation/log/MemorySink.hpp"
