@@ -577,6 +577,10 @@ TEST_F(MemStoreTest, FolderMergesKeepOrReplaceFilesAndRefuseTypeClashesWhole) {
   EXPECT_EQ(clash.code, ErrorCode::AlreadyExists);
   EXPECT_EQ(clash.iri, iri(u"/d/sub"));
   EXPECT_EQ(store->snapshot(), before);
+  // Nor can a folder merge into the folder that holds it.
+  EXPECT_EQ(storageErrorOf([&] { item(u"/d/sub").moveFolder(iri(u"/d"), ReplacementPolicy::Always); }),
+            ErrorCode::InvalidName);
+  EXPECT_EQ(store->snapshot(), before);
 }
 
 TEST_F(MemStoreTest, ConfigureAndShutdownAreCountedAndTheStoreKeepsAnswering) {

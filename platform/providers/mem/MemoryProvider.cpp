@@ -308,6 +308,9 @@ void MemoryProvider::doMoveFolder(StorageIRI const& src, StorageIRI const& dst, 
   if (target == source) target = nullptr;  // a change of case only
   if (target != nullptr) {
     if (!target->folder || policy == ReplacementPolicy::Never) throw Exception(ErrorCode::AlreadyExists, dst);
+    if (MemoryTree::isWithin(*source, *target)) {
+      throw Exception(ErrorCode::InvalidName, dst, "a folder cannot be merged into its own ancestor");
+    }
   }
   if (!source->parent->writable) throw Exception(ErrorCode::NotWritable, src.getParent());
   if (target == nullptr && !folder->writable) throw Exception(ErrorCode::NotWritable, dst.getParent());

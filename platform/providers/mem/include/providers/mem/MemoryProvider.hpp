@@ -27,8 +27,9 @@
 // - Folder moves onto an existing folder merge: Always lets the source's files replace
 //   those at the destination, KeepExisting keeps the destination's and drops the
 //   source's. A file meeting a folder of the same name during a merge fails the move
-//   with AlreadyExists (3) before anything changes. Never fails on any existing
-//   destination. For file moves and copies KeepExisting acts as Never.
+//   with AlreadyExists (3) before anything changes; a folder cannot merge into one of
+//   its own ancestors (InvalidName, 1). Never fails on any existing destination. For
+//   file moves and copies KeepExisting acts as Never.
 // - The root cannot be removed or moved (InvalidName, 1).
 // - Copies are new files: fresh watermark and modification time, the source's
 //   writability, no extended attributes; a copy onto an existing file rewrites that
