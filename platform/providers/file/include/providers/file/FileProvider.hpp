@@ -36,7 +36,8 @@
 //   built from the modification time in nanoseconds, the size and the inode number. It
 //   changes whenever the content changes, except for two same-size rewrites in place
 //   within one tick of the file system's clock on kernels without fine-grained
-//   timestamps. Listings do not carry extended attributes.
+//   timestamps. A "user.WATERMARK" xattr is shadowed by the watermark. Listings do not
+//   carry extended attributes.
 // - Listings are in name order (UTF-16 code units) with attributes; entries that vanish
 //   while the folder is being listed are left out. The recursive listing walks the tree
 //   in one pass (folders before their content, names relative to the listed folder,
