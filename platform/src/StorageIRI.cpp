@@ -90,6 +90,44 @@ std::u16string joinSegments(std::vector<std::u16string> const& segments) {
   return path;
 }
 
+bool isAsciiLowerCase(std::u16string const& text) {
+  for (auto c : text) {
+    if (c >= u'A' && c <= u'Z') return false;
+  }
+  return true;
+}
+
+// `path` without "." segments, with each ".." segment removing the one before it (none
+// above the root), without repeated or trailing slashes; "/" when nothing is left. One
+// pass, one allocation: this runs for every resolved IRI.
+std::u16string resolvePath(std::u16string const& path) {
+  std::u16string out;
+  out.reserve(path.size() + 1);
+  std::size_t i = 0;
+  std::size_t const n = path.size();
+  while (i < n) {
+    if (path[i] == u'/') {
+      ++i;
+      continue;
+    }
+    auto end = path.find(u'/', i);
+    if (end == std::u16string::npos) end = n;
+    auto const length = end - i;
+    if (length == 1 && path[i] == u'.') {
+      // "." names the folder itself.
+    } else if (length == 2 && path[i] == u'.' && path[i + 1] == u'.') {
+      auto const last = out.rfind(u'/');
+      if (last != std::u16string::npos) out.resize(last);
+    } else {
+      out += u'/';
+      out.append(path, i, length);
+    }
+    i = end;
+  }
+  if (out.empty()) out.push_back(u'/');
+  return out;
+}
+
 std::u16string collapseSlashes(std::u16string const& path) {
   std::u16string out;
   out.reserve(path.size());
@@ -195,7 +233,13 @@ StorageIRI::StorageIRI(std::u16string const& scheme, StorageIRI const& inner, st
 }
 
 void StorageIRI::render() {
-  text_ = scheme_;
+  std::size_t size = scheme_.size() + 3 + path_.size();
+  size += inner_ ? inner_->text_.size() + 2 : authority_.size() + 2;
+  if (query_) size += query_->size() + 1;
+  if (fragment_) size += fragment_->size() + 1;
+  text_.clear();
+  text_.reserve(size);
+  text_ += scheme_;
   text_ += u':';
   if (inner_) {
     text_ += u'<';
@@ -221,7 +265,7 @@ StorageIRI const& StorageIRI::getInnerIRI() const {
   return *inner_;
 }
 
-bool StorageIRI::hasParent() const { return !splitSegments(path_).empty(); }
+bool StorageIRI::hasParent() const { return path_.find_first_not_of(u'/') != std::u16string::npos; }
 
 StorageIRI StorageIRI::getParent() const {
   auto segments = splitSegments(path_);
@@ -236,8 +280,10 @@ StorageIRI StorageIRI::getParent() const {
 }
 
 std::u16string StorageIRI::getName() const {
-  auto segments = splitSegments(path_);
-  return segments.empty() ? std::u16string() : segments.back();
+  auto const end = path_.find_last_not_of(u'/');
+  if (end == std::u16string::npos) return {};
+  auto const start = path_.rfind(u'/', end) + 1;  // path_ begins with '/'
+  return path_.substr(start, end + 1 - start);
 }
 
 StorageIRI StorageIRI::withPath(std::u16string const& path) const {
@@ -255,19 +301,12 @@ StorageIRI StorageIRI::withPath(std::u16string const& path) const {
 PathView StorageIRI::getPathView() const { return PathView(splitSegments(path_)); }
 
 StorageIRI StorageIRI::getResolvedIRI() const {
-  std::vector<std::u16string> resolved;
-  for (auto& segment : splitSegments(path_)) {
-    if (segment == u".") continue;
-    if (segment == u"..") {
-      if (!resolved.empty()) resolved.pop_back();
-      continue;
-    }
-    resolved.push_back(std::move(segment));
-  }
+  auto path = resolvePath(path_);
   StorageIRI result = *this;
+  if (path == path_ && isAsciiLowerCase(scheme_) && isAsciiLowerCase(authority_)) return result;
   result.scheme_ = asciiLower(scheme_);
   result.authority_ = asciiLower(authority_);
-  result.path_ = joinSegments(resolved);
+  result.path_ = std::move(path);
   result.render();
   return result;
 }
