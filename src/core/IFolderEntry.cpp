@@ -1,0 +1,194 @@
+#include <core/IFolderEntry.hpp>
+
+#include <fl/i18n.hpp>
+
+#include <boost/date_time/posix_time/posix_time_types.hpp>
+
+#include <array>
+#include <functional>
+#include <string_view>
+
+namespace storage::overlayprovider {
+
+namespace {
+
+bool fits(FileOrFolderMetadata const& child, IFolderEntry::CheckType type) {
+  switch (static_cast<int>(type)) {
+    case static_cast<int>(IFolderEntry::CheckType::FILE):
+      return child.index() == 0;
+    case static_cast<int>(IFolderEntry::CheckType::ANY):
+      return true;
+    default:
+      return child.index() == 1;
+  }
+}
+
+}  // namespace
+
+IFolderEntry::IFolderEntry(fsp::StorageIRI location) : location_(std::move(location)) {}
+
+IFolderEntry::~IFolderEntry() = default;
+
+void IFolderEntry::doBuildFolder() const {}
+
+IFolderEntry& IFolderEntry::withMetadata(std::shared_ptr<FolderMetadata> metadata) {
+  std::lock_guard lock(metadataGuard_);
+  metadata_ = std::move(metadata);
+  metadataGiven_ = true;
+  return *this;
+}
+
+void IFolderEntry::setListedMetadata(std::shared_ptr<FolderMetadata> metadata) {
+  std::lock_guard lock(metadataGuard_);
+  if (!metadataGiven_) metadata_ = std::move(metadata);
+}
+
+std::shared_ptr<FolderMetadata> IFolderEntry::peekMetadata() const {
+  std::lock_guard lock(metadataGuard_);
+  return metadata_;
+}
+
+std::shared_ptr<FolderMetadata> IFolderEntry::getMetadata() const {
+  std::lock_guard lock(guard_);
+  doBuildFolder();
+  return peekMetadata();
+}
+
+std::size_t IFolderEntry::lowerCaseHash(fsp::StorageIRI const& iri) {
+  std::u16string const& text = iri.toString();
+  std::array<char16_t, 1024> buffer;
+  std::size_t const length = fl::i18n::to_lower(text, buffer.data(), buffer.size());
+  if (length <= buffer.size()) return std::hash<std::u16string_view>{}(std::u16string_view(buffer.data(), length));
+  std::u16string exact(length, u'\0');
+  fl::i18n::to_lower(text, exact.data(), exact.size());
+  return std::hash<std::u16string>{}(exact);
+}
+
+IFolderEntry::const_iterator IFolderEntry::find(fsp::StorageIRI const& iri, CheckType type, bool caseSensitive) const {
+  auto found = children_.end();
+  if (caseSensitive) {
+    found = children_.find(iri);
+  } else {
+    std::size_t const wanted = lowerCaseHash(iri);
+    for (auto it = children_.begin(); it != children_.end(); ++it) {
+      if (lowerCaseHash(it->first) == wanted) {
+        found = it;
+        break;
+      }
+    }
+  }
+  if (found != children_.end() && !fits(found->second, type)) return children_.end();
+  return found;
+}
+
+IFolderEntry::const_iterator IFolderEntry::getIteratorForFileOrFolderPath(fsp::StorageIRI const& iri, CheckType type,
+                                                                          bool caseSensitive) const {
+  std::lock_guard lock(guard_);
+  doBuildFolder();
+  return find(iri, type, caseSensitive);
+}
+
+std::shared_ptr<FileMetadata> IFolderEntry::getFileMetadata(fsp::StorageIRI const& iri, bool caseSensitive) const {
+  std::lock_guard lock(guard_);
+  doBuildFolder();
+  auto it = find(iri, CheckType::FILE, caseSensitive);
+  return it == children_.end() ? nullptr : std::get<0>(it->second);
+}
+
+std::shared_ptr<FolderMetadata> IFolderEntry::getFolderMetadata(fsp::StorageIRI const& iri, bool caseSensitive) const {
+  std::lock_guard lock(guard_);
+  doBuildFolder();
+  auto it = find(iri, CheckType::FOLDER, caseSensitive);
+  return it == children_.end() ? nullptr : std::get<1>(it->second);
+}
+
+bool IFolderEntry::hasFileMetadata(fsp::StorageIRI const& iri) const {
+  std::lock_guard lock(guard_);
+  doBuildFolder();
+  return find(iri, CheckType::FILE, true) != children_.end();
+}
+
+bool IFolderEntry::hasFolderMetadata(fsp::StorageIRI const& iri) const {
+  std::lock_guard lock(guard_);
+  doBuildFolder();
+  return find(iri, CheckType::FOLDER, true) != children_.end();
+}
+
+void IFolderEntry::stampNow() const { stampWith(boost::posix_time::microsec_clock::universal_time()); }
+
+void IFolderEntry::stampWith(boost::posix_time::ptime time) const {
+  if (auto metadata = peekMetadata()) metadata->withLastModified(time);
+}
+
+void IFolderEntry::removeFileMetadata(fsp::StorageIRI const& iri, bool caseSensitive) const {
+  std::lock_guard lock(guard_);
+  doBuildFolder();
+  auto it = find(iri, CheckType::FILE, caseSensitive);
+  if (it == children_.end()) return;
+  children_.erase(it);
+  stampNow();
+}
+
+void IFolderEntry::removeFolderMetadata(fsp::StorageIRI const& iri, bool caseSensitive) const {
+  std::lock_guard lock(guard_);
+  doBuildFolder();
+  auto it = find(iri, CheckType::FOLDER, caseSensitive);
+  if (it == children_.end()) return;
+  children_.erase(it);
+  stampNow();
+}
+
+void IFolderEntry::addFileMetadata(std::shared_ptr<FileMetadata> child, bool updateLastModified) const {
+  std::lock_guard lock(guard_);
+  doBuildFolder();
+  if (updateLastModified) stampWith(child->getLastModified());
+  auto location = child->getLocation();
+  children_.emplace(std::move(location), FileOrFolderMetadata(std::move(child)));
+}
+
+void IFolderEntry::addFolderMetadata(std::shared_ptr<FolderMetadata> child, bool updateLastModified) const {
+  std::lock_guard lock(guard_);
+  doBuildFolder();
+  if (updateLastModified) stampWith(child->getLastModified());
+  auto location = child->getLocation();
+  children_.emplace(std::move(location), FileOrFolderMetadata(std::move(child)));
+}
+
+IFolderEntry::const_iterator IFolderEntry::begin() const {
+  std::lock_guard lock(guard_);
+  doBuildFolder();
+  return children_.begin();
+}
+
+IFolderEntry::const_iterator IFolderEntry::end() const {
+  std::lock_guard lock(guard_);
+  doBuildFolder();
+  return children_.end();
+}
+
+IFolderEntry::Children IFolderEntry::getAllContent() const {
+  std::lock_guard lock(guard_);
+  doBuildFolder();
+  return children_;
+}
+
+bool IFolderEntry::empty() const {
+  std::lock_guard lock(guard_);
+  doBuildFolder();
+  return children_.empty();
+}
+
+bool IFolderEntry::isFrozen() const {
+  std::lock_guard lock(guard_);
+  doBuildFolder();
+  auto metadata = peekMetadata();
+  return metadata && metadata->isFrozen();
+}
+
+void IFolderEntry::thaw() const {
+  std::lock_guard lock(guard_);
+  doBuildFolder();
+  if (auto metadata = peekMetadata()) metadata->thaw();
+}
+
+}  // namespace storage::overlayprovider
