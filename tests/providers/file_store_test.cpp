@@ -7,6 +7,7 @@
 #include <providers/file/FileProviderFactory.hpp>
 
 #include <foundation/storage/provider/Exception.hpp>
+#include <foundation/storage/provider/ProviderRegistry.hpp>
 #include <foundation/storage/provider/StorageItem.hpp>
 
 #include <boost/any.hpp>
@@ -441,6 +442,13 @@ TEST_F(FileStoreTest, FactoryFeaturesAndStorageFigures) {
   auto made = factory.createProvider(StorageItem());
   ASSERT_NE(std::dynamic_pointer_cast<FileProvider>(made), nullptr);
   EXPECT_EQ(factory.createContainerIRI(StorageItem()).toString(), u"file:///");
+  ProviderRegistry registry;
+  providers::file::registerWith(registry);
+  EXPECT_TRUE(registry.hasScheme(u"file"));
+  auto item = registry.resolve(scratch.iri("a.txt"));
+  EXPECT_NE(std::dynamic_pointer_cast<FileProvider>(item.getProvider()), nullptr);
+  EXPECT_EQ(item.getLocation(), scratch.iri("a.txt"));
+  registry.shutdownAll();
 
   for (int value = 0; value < 16; ++value) {
     bool const expected = value == 0 || value == 1 || value == 6;
