@@ -173,6 +173,15 @@ TEST_F(OvlTest, MkdirLsAndStatOnAMemStore) {
   EXPECT_EQ(ok({"ls", "mem://t/a/b"}).out, "");
   failsNaming({"ls", "mem://t/nothing"}, "mem://t/nothing", "does not exist");
 
+  // A store that does not list recursively itself is walked.
+  auto plain = std::make_shared<providers::mem::MemoryProvider>();
+  plain->setFeatures({});
+  registry_.addProvider(StorageIRI(u"mem://plain/"), plain);
+  ok({"mkdir", "-p", "mem://plain/x/y"});
+  ok({"cp", local("hello.txt"), "mem://plain/x/y/h.txt"});
+  auto const walked = ok({"ls", "-R", "mem://plain/"}).out;
+  EXPECT_TRUE(std::regex_match(walked, std::regex(R"(d .*  x\nd .*  x/y\n- .*  x/y/h\.txt\n)"))) << walked;
+
   auto const stat = ok({"stat", "mem://t/docs/hello.txt"}).out;
   EXPECT_THAT(stat, HasSubstr("name:     mem://t/docs/hello.txt\n"));
   EXPECT_THAT(stat, HasSubstr("kind:     file\n"));

@@ -49,6 +49,30 @@ std::string entryLine(fsp::FolderEntry const& entry, bool longFormat) {
   return line;
 }
 
+// Everything below `folder`, folders before their content, named by relative path; for
+// stores that do not list recursively themselves.
+void walk(StorageItem const& folder, std::u16string const& prefix, std::vector<fsp::FolderEntry>& out) {
+  for (auto& entry : collect(*folder.listAll())) {
+    auto const relative = prefix.empty() ? entry.getName() : prefix + u"/" + entry.getName();
+    bool const isFolder = !entry.isFile();
+    out.push_back(entry.withName(relative));
+    if (isFolder) {
+      walk(StorageItem(folder.getProvider(), fsp::StorageIRI(folder.getLocation(), entry.getName())), relative, out);
+    }
+  }
+}
+
+std::vector<fsp::FolderEntry> listRecursively(StorageItem const& folder) {
+  try {
+    return collect(*folder.listAllRecursive());
+  } catch (fsp::Exception const& e) {
+    if (e.getErrorCode() != ErrorCode::NotSupported) throw;
+  }
+  std::vector<fsp::FolderEntry> entries;
+  walk(folder, {}, entries);
+  return entries;
+}
+
 int runLs(Session& session, Arguments const& args) {
   auto const item = session.resolve(args.operands[0]);
   bool const longFormat = args.has("--long");
@@ -62,7 +86,7 @@ int runLs(Session& session, Arguments const& args) {
     case ExistenceKind::Folder:
       break;
   }
-  auto entries = collect(args.has("--recursive") ? *item.listAllRecursive() : *item.listAll());
+  auto entries = args.has("--recursive") ? listRecursively(item) : collect(*item.listAll());
   std::stable_sort(entries.begin(), entries.end(),
                    [](auto const& a, auto const& b) { return a.getName() < b.getName(); });
   for (auto const& entry : entries) session.out() << entryLine(entry, longFormat) << '\n';

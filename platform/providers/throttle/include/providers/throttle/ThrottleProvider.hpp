@@ -48,7 +48,6 @@
 #include <initializer_list>
 #include <memory>
 #include <optional>
-#include <thread>
 
 namespace providers::throttle {
 
