@@ -1,0 +1,930 @@
+#include <core/MetadataCache.hpp>
+
+#include <core/FutureFolderEntry.hpp>
+#include <core/IRIHelpers.hpp>
+#include <core/Logger.hpp>
+
+#include <foundation/log/Severity.hpp>
+#include <foundation/storage/provider/Exception.hpp>
+
+#include <boost/date_time/posix_time/posix_time_types.hpp>
+
+#include <algorithm>
+#include <chrono>
+#include <exception>
+#include <utility>
+
+namespace storage::overlayprovider {
+
+namespace {
+
+using foundation::log::Severity;
+using fsp::ErrorCode;
+using fsp::Exception;
+
+constexpr char const* kRecursiveListingFailure =
+    "Couldn't read file/folder metadata during a backend folder "
+    "recursive listing operation. This is possibly due to a bad filename "
+    "(g2635196).";
+
+boost::posix_time::ptime nowUtc() { return boost::posix_time::microsec_clock::universal_time(); }
+
+bool doesNotExist(Exception const& e) { return e.getErrorCode() == ErrorCode::DoesNotExist; }
+
+std::string describe(std::exception_ptr failure) {
+  try {
+    std::rethrow_exception(failure);
+  } catch (std::exception const& e) {
+    return e.what();
+  } catch (...) {
+    return "unknown exception";
+  }
+}
+
+// Waits, without any cache lock, until a listing entry's content can be read. True when
+// the entry's children may be read now (a plain entry, a finished build, or a listing
+// that succeeded). A failed listing is left for the first reader of the entry.
+bool awaitEntry(std::shared_ptr<IFolderEntry> const& entry) {
+  auto const* listing = dynamic_cast<FutureFolderEntry const*>(entry.get());
+  if (listing == nullptr || listing->isBuilt()) return true;
+  return listing->awaitListing();
+}
+
+bool isUnbuiltListing(std::shared_ptr<IFolderEntry> const& entry) {
+  auto const* listing = dynamic_cast<FutureFolderEntry const*>(entry.get());
+  return listing != nullptr && !listing->isBuilt();
+}
+
+}  // namespace
+
+// Takes the cache lock; entries retired while it was held are destroyed after it is
+// released (destroying a listing entry waits for its listing).
+class MetadataCache::CacheLock {
+ public:
+  explicit CacheLock(MetadataCache const& cache) : cache_(cache), lock_(cache.guard_) {}
+  ~CacheLock() { unlock(); }
+  CacheLock(CacheLock const&) = delete;
+  CacheLock& operator=(CacheLock const&) = delete;
+
+  void lock() { lock_.lock(); }
+  void unlock() {
+    if (!lock_.owns_lock()) return;
+    std::vector<std::shared_ptr<IFolderEntry>> retired;
+    retired.swap(cache_.retired_);
+    lock_.unlock();
+  }
+
+ private:
+  MetadataCache const& cache_;
+  std::unique_lock<std::mutex> lock_;
+};
+
+MetadataCache::MetadataCache(std::shared_ptr<fsp::StorageItem> inner, bool caseSensitive)
+    : inner_(std::move(inner)), caseSensitive_(caseSensitive) {}
+
+MetadataCache::~MetadataCache() {
+  std::lock_guard lock(populationMutex_);
+  if (population_ && population_->valid() &&
+      population_->wait_for(std::chrono::seconds(0)) != std::future_status::deferred) {
+    try {
+      population_->get();
+    } catch (...) {
+    }
+  }
+}
+
+void MetadataCache::retire(std::shared_ptr<IFolderEntry> entry) const { retired_.push_back(std::move(entry)); }
+
+// ---- finding and creating entries ----------------------------------------------------------
+
+MetadataCache::FolderMap::iterator MetadataCache::getCacheIterator(StorageIRI const& key) const {
+  if (caseSensitive_) return folders_.find(key);
+  std::size_t const wanted = IFolderEntry::lowerCaseHash(key);
+  for (auto it = folders_.begin(); it != folders_.end(); ++it) {
+    if (IFolderEntry::lowerCaseHash(it->first) == wanted) return it;
+  }
+  return folders_.end();
+}
+
+std::shared_ptr<IFolderEntry> MetadataCache::doGetFolderContainer(StorageIRI const& iri, bool create) const {
+  auto const key = getInnerMostURL(iri);
+  auto it = getCacheIterator(key);
+  if (it != folders_.end()) return it->second;
+  if (!create) return nullptr;
+  std::shared_ptr<IFolderEntry> entry = std::make_shared<FutureFolderEntry>(key, inner_);
+  folders_.emplace(key, entry);
+  return entry;
+}
+
+void MetadataCache::insertFolderEntry(StorageIRI const& iri, std::shared_ptr<IFolderEntry> const& entry) const {
+  folders_.emplace(getInnerMostURL(iri), entry);
+}
+
+std::shared_ptr<IFolderEntry> MetadataCache::doLoadAndGetFolderContainer(StorageIRI const& iri) const {
+  auto const key = getInnerMostURL(iri);
+  std::shared_ptr<IFolderEntry> entry;
+  {
+    CacheLock lock(*this);
+    auto it = getCacheIterator(key);
+    if (it != folders_.end()) entry = it->second;
+  }
+  if (!entry) {
+    auto fresh = std::make_shared<FutureFolderEntry>(key, inner_);
+    fresh->getMetadata();  // waits for the listing; its failure goes to the caller
+    CacheLock lock(*this);
+    insertFolderEntry(key, fresh);
+    return fresh;
+  }
+  try {
+    entry->getMetadata();  // waits if the entry is still listing
+  } catch (Exception const& e) {
+    if (doesNotExist(e)) {
+      // The folder vanished on the inner side: forget it and what was cached below it.
+      CacheLock lock(*this);
+      doInvalidateFolder(entry->getLocation());
+    }
+    throw;
+  }
+  return entry;
+}
+
+template <class Resolve>
+void MetadataCache::awaitEntries(Resolve&& resolve) const {
+  std::vector<std::shared_ptr<IFolderEntry>> entries;
+  {
+    CacheLock lock(*this);
+    resolve(entries);
+  }
+  for (auto const& entry : entries) {
+    if (entry) awaitEntry(entry);
+  }
+}
+
+void MetadataCache::awaitSubtree(StorageIRI const& iri, bool create) const {
+  std::deque<StorageIRI> folders{iri};
+  while (!folders.empty()) {
+    StorageIRI const folder = std::move(folders.front());
+    folders.pop_front();
+    std::shared_ptr<IFolderEntry> entry;
+    {
+      CacheLock lock(*this);
+      entry = doGetFolderContainer(folder, create);
+    }
+    if (!entry || !awaitEntry(entry)) continue;
+    for (auto const& [location, child] : entry->getAllContent()) {
+      if (child.index() == 1) folders.push_back(location);
+    }
+  }
+}
+
+void MetadataCache::awaitFrozenReAdd() const {
+  awaitEntries([this](std::vector<std::shared_ptr<IFolderEntry>>& entries) {
+    if (!frozenReAddPending_) return;
+    for (auto const& [key, record] : frozen_) {
+      bool const frozen = record.index() == 0 ? std::get<0>(record)->isFrozen() : std::get<1>(record)->isFrozen();
+      if (!frozen || !key.hasParent()) continue;  // a thawed record is discarded unseen
+      auto const parent = key.getParent();
+      bool const parentCached = folders_.count(parent) != 0;
+      entries.push_back(doGetFolderContainer(parent, true));
+      // Without its parent the record is surely re-added, which stamps the grandparent.
+      if (!parentCached && parent.hasParent()) entries.push_back(doGetFolderContainer(parent.getParent(), true));
+    }
+  });
+}
+
+// ---- queries ----------------------------------------------------------------------------------
+
+std::shared_ptr<FileMetadata> MetadataCache::getFileMetadata(StorageIRI const& iri) const {
+  try {
+    auto const key = getInnerMostURL(iri);
+    if (!key.hasParent()) return nullptr;
+    auto entry = doLoadAndGetFolderContainer(key.getParent());
+    return entry->getFileMetadata(key, caseSensitive_);
+  } catch (Exception const& e) {
+    if (doesNotExist(e)) return nullptr;
+    throw;
+  }
+}
+
+std::shared_ptr<FolderMetadata> MetadataCache::doGetFolderMetadata(StorageIRI const& iri) const {
+  try {
+    auto const key = getInnerMostURL(iri);
+    if (key.hasParent()) {
+      auto entry = doLoadAndGetFolderContainer(key.getParent());
+      return entry->getFolderMetadata(key, caseSensitive_);
+    }
+    return doLoadAndGetFolderContainer(key)->getMetadata();
+  } catch (Exception const& e) {
+    if (doesNotExist(e)) return nullptr;
+    throw;
+  }
+}
+
+std::shared_ptr<FolderMetadata> MetadataCache::getFolderMetadata(StorageIRI const& iri) const {
+  return doGetFolderMetadata(iri);
+}
+
+bool MetadataCache::hasFile(StorageIRI const& iri) const {
+  {
+    CacheLock lock(*this);
+    triggerInvalidationProcess();
+  }
+  try {
+    return getFileMetadata(iri) != nullptr;
+  } catch (Exception const& e) {
+    if (doesNotExist(e)) return false;
+    throw;
+  }
+}
+
+bool MetadataCache::hasFolder(StorageIRI const& iri) const {
+  {
+    CacheLock lock(*this);
+    triggerInvalidationProcess();
+  }
+  try {
+    return getFolderMetadata(iri) != nullptr;
+  } catch (Exception const& e) {
+    if (doesNotExist(e)) return false;
+    throw;
+  }
+}
+
+std::shared_ptr<FileMetadata> MetadataCache::doGetFileMetadataFromCache(StorageIRI const& iri) const {
+  if (!iri.hasParent()) return nullptr;
+  auto it = folders_.find(getInnerMostURL(iri.getParent()));
+  if (it == folders_.end()) return nullptr;
+  return it->second->getFileMetadata(iri, true);
+}
+
+std::shared_ptr<FolderMetadata> MetadataCache::doGetFolderMetadataFromCache(StorageIRI const& iri) const {
+  if (!iri.hasParent()) {
+    // The root is listed by no parent; its record is its own entry's.
+    auto it = folders_.find(getInnerMostURL(iri));
+    return it == folders_.end() ? nullptr : it->second->getMetadata();
+  }
+  auto it = folders_.find(getInnerMostURL(iri.getParent()));
+  if (it == folders_.end()) return nullptr;
+  return it->second->getFolderMetadata(iri, true);
+}
+
+std::shared_ptr<FileMetadata> MetadataCache::getFileMetadataFromCache(StorageIRI const& iri) const {
+  CacheLock lock(*this);
+  return doGetFileMetadataFromCache(iri);
+}
+
+std::shared_ptr<FolderMetadata> MetadataCache::getFolderMetadataFromCache(StorageIRI const& iri) const {
+  CacheLock lock(*this);
+  return doGetFolderMetadataFromCache(iri);
+}
+
+std::shared_ptr<IFolderEntry> MetadataCache::getFolderContainer(StorageIRI const& iri) const {
+  std::shared_ptr<IFolderEntry> entry;
+  {
+    CacheLock lock(*this);
+    triggerInvalidationProcess();
+    entry = doGetFolderContainer(iri, true);
+  }
+  // The re-add looks into the folders of the saved records; their listings are waited
+  // for here, without the cache lock.
+  awaitFrozenReAdd();
+  CacheLock lock(*this);
+  addFrozenEntries();
+  return entry;
+}
+
+std::shared_ptr<IFolderEntry> MetadataCache::loadAndGetFolderContainer(StorageIRI const& iri) const {
+  {
+    CacheLock lock(*this);
+    triggerInvalidationProcess();
+  }
+  auto entry = doLoadAndGetFolderContainer(iri);
+  awaitFrozenReAdd();
+  CacheLock lock(*this);
+  addFrozenEntries();
+  return entry;
+}
+
+// ---- adding -----------------------------------------------------------------------------------
+
+void MetadataCache::updateParentLastModified(StorageIRI const& iri, boost::posix_time::ptime time) const {
+  if (!iri.hasParent()) return;
+  auto const parent = iri.getParent();
+  if (!parent.hasParent()) return;  // the root is listed by no entry
+  auto entry = doGetFolderContainer(parent.getParent(), true);
+  if (auto record = entry->getFolderMetadata(parent, true)) record->withLastModified(time);
+}
+
+void MetadataCache::doAddFileMetadata(std::shared_ptr<FileMetadata> const& record, bool updateParent) const {
+  auto const location = record->getLocation();
+  if (!location.hasParent()) return;  // the root is a folder
+  if (updateParent) updateParentLastModified(location, record->getLastModified());
+  auto entry = doGetFolderContainer(location.getParent(), true);
+  entry->addFileMetadata(record, updateParent);
+}
+
+void MetadataCache::doAddFolderMetadata(std::shared_ptr<FolderMetadata> const& record, bool updateParent,
+                                        bool listFromBackend) const {
+  auto const location = record->getLocation();
+  auto it = folders_.find(getInnerMostURL(location));
+  if (it != folders_.end()) {
+    it->second->withMetadata(record);
+  } else {
+    std::shared_ptr<IFolderEntry> entry;
+    if (listFromBackend) {
+      entry = std::make_shared<FutureFolderEntry>(location, inner_);
+    } else {
+      entry = std::make_shared<IFolderEntry>(location);
+    }
+    entry->withMetadata(record);
+    insertFolderEntry(location, entry);
+  }
+  if (!location.hasParent()) return;
+  if (updateParent) updateParentLastModified(location, record->getLastModified());
+  auto parentEntry = doGetFolderContainer(location.getParent(), true);
+  parentEntry->addFolderMetadata(record, updateParent);
+}
+
+void MetadataCache::addFolderContainer(std::shared_ptr<IFolderEntry> const& entry) const {
+  auto const meta = entry->getMetadata();
+  auto const location = entry->getLocation();
+  auto const time = meta->getLastModified();
+  auto parentEntry = doGetFolderContainer(location.getParent(), true);
+  insertFolderEntry(location, entry);
+  if (auto parentRecord = parentEntry->getMetadata()) parentRecord->withLastModified(time);
+  parentEntry->addFolderMetadata(meta, true);
+  updateParentLastModified(location, time);
+}
+
+// ---- removing ---------------------------------------------------------------------------------
+
+void MetadataCache::doRemoveFile(StorageIRI const& iri) const {
+  auto const key = getInnerMostURL(iri);
+  if (!key.hasParent()) return;
+  auto entry = doGetFolderContainer(key.getParent(), false);
+  if (!entry) return;
+  entry->removeFileMetadata(key, caseSensitive_);
+  if (auto parentRecord = entry->getMetadata()) updateParentLastModified(key, parentRecord->getLastModified());
+}
+
+void MetadataCache::doRemoveFolder(StorageIRI const& iri) const {
+  auto const key = getInnerMostURL(iri);
+  if (key.hasParent()) {
+    if (auto entry = doGetFolderContainer(key.getParent(), false)) {
+      entry->removeFolderMetadata(key, caseSensitive_);
+      if (auto parentRecord = entry->getMetadata()) updateParentLastModified(key, parentRecord->getLastModified());
+    }
+  }
+  doInvalidateFolder(key);
+}
+
+// ---- mutations ------------------------------------------------------------------------------
+
+namespace {
+
+// The folders an addition at `key` looks into: the parent (whose entry lists the new
+// record) and the grandparent (whose entry holds the parent's record and its time).
+template <class GetEntry>
+void foldersForAdding(StorageIRI const& key, std::vector<std::shared_ptr<IFolderEntry>>& entries, GetEntry get) {
+  if (!key.hasParent()) return;
+  auto const parent = key.getParent();
+  entries.push_back(get(parent, true));
+  if (parent.hasParent()) entries.push_back(get(parent.getParent(), true));
+}
+
+// The folders a removal at `key` looks into: the parent if cached, and then the
+// grandparent.
+template <class GetEntry>
+void foldersForRemoving(StorageIRI const& key, std::vector<std::shared_ptr<IFolderEntry>>& entries, GetEntry get) {
+  if (!key.hasParent()) return;
+  auto const parent = key.getParent();
+  auto entry = get(parent, false);
+  if (!entry) return;
+  entries.push_back(entry);
+  if (parent.hasParent()) entries.push_back(get(parent.getParent(), true));
+}
+
+}  // namespace
+
+void MetadataCache::createFileMetadata(StorageIRI const& iri) const {
+  auto const key = getInnerMostURL(iri);
+  auto get = [this](StorageIRI const& folder, bool create) { return doGetFolderContainer(folder, create); };
+  awaitEntries([&](auto& entries) { foldersForAdding(key, entries, get); });
+
+  CacheLock lock(*this);
+  triggerInvalidationProcess();
+  auto record = std::make_shared<FileMetadata>(key, true);
+  record->withLastModified(nowUtc()).withWritable(true).withSize(0);
+  if (key.hasParent()) {
+    auto parentEntry = doGetFolderContainer(key.getParent(), true);
+    if (auto parentRecord = parentEntry->getMetadata()) {
+      record->withExtendedAttributes(parentRecord->getExtendedAttributes());
+    }
+  }
+  doAddFileMetadata(record, true);
+}
+
+void MetadataCache::createFolderMetadata(StorageIRI const& iri) const {
+  auto const key = getInnerMostURL(iri);
+  auto get = [this](StorageIRI const& folder, bool create) { return doGetFolderContainer(folder, create); };
+  awaitEntries([&](auto& entries) { foldersForAdding(key, entries, get); });
+
+  CacheLock lock(*this);
+  triggerInvalidationProcess();
+  auto record = std::make_shared<FolderMetadata>(key, true);
+  record->withLastModified(nowUtc()).withWritable(true);
+  if (key.hasParent()) {
+    auto parentEntry = doGetFolderContainer(key.getParent(), true);
+    if (auto parentRecord = parentEntry->getMetadata()) {
+      record->withExtendedAttributes(parentRecord->getExtendedAttributes());
+    }
+  }
+  doAddFolderMetadata(record, true, false);
+}
+
+void MetadataCache::addFileMetadata(std::shared_ptr<FileMetadata> record) const {
+  auto const key = record->getLocation();
+  auto get = [this](StorageIRI const& folder, bool create) { return doGetFolderContainer(folder, create); };
+  awaitEntries([&](auto& entries) { foldersForAdding(key, entries, get); });
+
+  CacheLock lock(*this);
+  triggerInvalidationProcess();
+  doAddFileMetadata(record, true);
+}
+
+void MetadataCache::addFolderMetadata(std::shared_ptr<FolderMetadata> record) const {
+  auto const key = record->getLocation();
+  auto get = [this](StorageIRI const& folder, bool create) { return doGetFolderContainer(folder, create); };
+  awaitEntries([&](auto& entries) { foldersForAdding(key, entries, get); });
+
+  CacheLock lock(*this);
+  triggerInvalidationProcess();
+  doAddFolderMetadata(record, true, false);
+}
+
+void MetadataCache::removeFile(StorageIRI const& iri) const {
+  auto const key = getInnerMostURL(iri);
+  auto get = [this](StorageIRI const& folder, bool create) { return doGetFolderContainer(folder, create); };
+  awaitEntries([&](auto& entries) { foldersForRemoving(key, entries, get); });
+
+  CacheLock lock(*this);
+  triggerInvalidationProcess();
+  doRemoveFile(iri);
+  removeFrozenMetadata(iri, true);
+}
+
+void MetadataCache::removeFolder(StorageIRI const& iri) const {
+  auto const key = getInnerMostURL(iri);
+  auto get = [this](StorageIRI const& folder, bool create) { return doGetFolderContainer(folder, create); };
+  awaitEntries([&](auto& entries) { foldersForRemoving(key, entries, get); });
+
+  CacheLock lock(*this);
+  triggerInvalidationProcess();
+  doRemoveFolder(iri);
+  removeFrozenMetadata(iri, true);
+}
+
+void MetadataCache::doMoveOrCopyFile(StorageIRI const& src, StorageIRI const& dst, bool move) const {
+  auto const s = getInnerMostURL(src);
+  auto const d = getInnerMostURL(dst);
+  // The source is looked up before anything changes, so that a missing source leaves
+  // the tree as it was.
+  std::shared_ptr<FileMetadata> source;
+  if (s.hasParent()) source = doGetFolderContainer(s.getParent(), true)->getFileMetadata(s, true);
+  if (!source || !d.hasParent()) throw Exception(ErrorCode::DoesNotExist, source ? dst : src);
+
+  doRemoveFile(d);
+  auto record = std::make_shared<FileMetadata>(d, true);
+  record->withSize(source->getFileSize())
+      .withWritable(source->isWritable())
+      .withLastModified(source->getLastModified())
+      .withExtendedAttributes(source->getExtendedAttributes());
+  doAddFileMetadata(record, true);
+  if (move) {
+    doRemoveFile(s);
+    removeFrozenMetadata(s, true);
+  }
+}
+
+void MetadataCache::moveFile(StorageIRI const& src, StorageIRI const& dst) const {
+  auto const s = getInnerMostURL(src);
+  auto const d = getInnerMostURL(dst);
+  auto get = [this](StorageIRI const& folder, bool create) { return doGetFolderContainer(folder, create); };
+  awaitEntries([&](auto& entries) {
+    foldersForAdding(s, entries, get);
+    foldersForAdding(d, entries, get);
+  });
+
+  CacheLock lock(*this);
+  triggerInvalidationProcess();
+  doMoveOrCopyFile(src, dst, true);
+}
+
+void MetadataCache::copyFile(StorageIRI const& src, StorageIRI const& dst) const {
+  auto const s = getInnerMostURL(src);
+  auto const d = getInnerMostURL(dst);
+  auto get = [this](StorageIRI const& folder, bool create) { return doGetFolderContainer(folder, create); };
+  awaitEntries([&](auto& entries) {
+    if (s.hasParent()) entries.push_back(get(s.getParent(), true));
+    foldersForAdding(d, entries, get);
+  });
+
+  CacheLock lock(*this);
+  triggerInvalidationProcess();
+  doMoveOrCopyFile(src, dst, false);
+}
+
+void MetadataCache::moveFolder(StorageIRI const& src, StorageIRI const& dst, fsp::ReplacementPolicy policy) const {
+  auto const s = getInnerMostURL(src);
+  auto const d = getInnerMostURL(dst);
+  // The whole source sub-tree is listed (as the move itself would) and the destination's
+  // cached entries are waited for before the cache lock is taken.
+  awaitSubtree(s, true);
+  awaitSubtree(d, false);
+  auto get = [this](StorageIRI const& folder, bool create) { return doGetFolderContainer(folder, create); };
+  awaitEntries([&](auto& entries) {
+    // A new destination entry is registered with its parent and grandparent; a new
+    // sub-folder entry stamps its grandparent, which is the destination's parent at the
+    // first level.
+    if (folders_.count(d) == 0) {
+      foldersForAdding(d, entries, get);
+    } else if (d.hasParent()) {
+      auto source = doGetFolderContainer(s, false);
+      bool hasSubFolders = false;
+      if (source && !isUnbuiltListing(source)) {
+        for (auto const& [location, child] : source->getAllContent()) hasSubFolders |= child.index() == 1;
+      }
+      if (hasSubFolders) entries.push_back(get(d.getParent(), true));
+    }
+    foldersForRemoving(s, entries, get);
+  });
+
+  CacheLock lock(*this);
+  triggerInvalidationProcess();
+  auto const source = doGetFolderContainer(s, true)->getMetadata();
+  if (!source) throw Exception(ErrorCode::DoesNotExist, src);
+  auto record = std::make_shared<FolderMetadata>(d, true);
+  record->withWritable(source->isWritable())
+      .withLastModified(source->getLastModified())
+      .withExtendedAttributes(source->getExtendedAttributes());
+
+  std::deque<FolderMove> queue;
+  std::vector<StorageIRI> movedSources;
+  moveFolderDetail(s, d, record, policy, queue, movedSources);
+  // Breadth-first: each level queues the sub-folders of the next one.
+  while (!queue.empty()) {
+    FolderMove next = std::move(queue.front());
+    queue.pop_front();
+    moveFolderDetail(next.source, next.destination, next.record, next.policy, queue, movedSources);
+  }
+  // The old folders go only once the whole sub-tree has moved, so that the walk never
+  // meets a folder that it dropped itself; the deepest go first, the source itself last.
+  for (auto it = movedSources.rbegin(); it != movedSources.rend(); ++it) {
+    doRemoveFolder(*it);
+    removeFrozenMetadata(*it, true);
+  }
+}
+
+void MetadataCache::moveFolderDetail(StorageIRI const& src, StorageIRI const& dst,
+                                     std::shared_ptr<FolderMetadata> const& record, fsp::ReplacementPolicy policy,
+                                     std::deque<FolderMove>& queue, std::vector<StorageIRI>& movedSources) const {
+  std::shared_ptr<IFolderEntry> destination;
+  bool made = false;
+  if (auto it = folders_.find(dst); it != folders_.end()) {
+    destination = it->second;
+  } else {
+    destination = std::make_shared<IFolderEntry>(dst);
+    made = true;
+  }
+  destination->withMetadata(record);
+
+  auto source = doGetFolderContainer(src, true);
+  bool const keepExisting = static_cast<int>(policy) == 4;
+  for (auto const& [location, child] : source->getAllContent()) {
+    StorageIRI const target(dst, std::visit(GetNameVisitor(), child));
+    if (keepExisting && destination->hasFileMetadata(target)) continue;
+    destination->removeFileMetadata(target, true);
+    removeFrozenMetadata(target, true);
+    auto const oldLocation = std::visit(GetLocationVisitor(), child);
+    std::visit(SetParentVisitor(dst), child);
+    std::visit(FreezeMetadataVisitor(), child);
+    std::visit(AddFileOrFolderVisitor(*destination), child);
+    if (child.index() == 1) queue.push_back(FolderMove{oldLocation, target, std::get<1>(child), policy});
+  }
+  if (made) addFolderContainer(destination);
+  movedSources.push_back(src);
+}
+
+// ---- invalidation ---------------------------------------------------------------------------
+
+void MetadataCache::doInvalidateFolder(StorageIRI const& iri) const {
+  if (iri.getPath() == u"/") {
+    getLogger().log(Severity::Info, "Invalidating root.");
+    for (auto& [key, entry] : folders_) retire(std::move(entry));
+    folders_.clear();
+    return;
+  }
+  auto it = folders_.find(iri);
+  // A folder that was never loaded has nothing stale of its own; its cached
+  // descendants stay.
+  if (it == folders_.end()) return;
+  retire(std::move(it->second));
+  folders_.erase(it);
+  for (auto descendant = folders_.begin(); descendant != folders_.end();) {
+    if (iri.isAncestorOf(descendant->first)) {
+      retire(std::move(descendant->second));
+      descendant = folders_.erase(descendant);
+    } else {
+      ++descendant;
+    }
+  }
+}
+
+void MetadataCache::doInvalidateAll() const {
+  for (auto& [key, entry] : folders_) retire(std::move(entry));
+  folders_.clear();
+  frozen_.clear();
+}
+
+void MetadataCache::invalidateFolder(StorageIRI const& iri) const {
+  auto const key = getInnerMostURL(iri);
+  CacheLock lock(*this);
+  doInvalidateFolder(key.hasParent() ? key.getParent() : key);
+}
+
+void MetadataCache::invalidateAll() {
+  CacheLock lock(*this);
+  doInvalidateAll();
+}
+
+void MetadataCache::enqueueInvalidationProcess(StorageIRI const& iri) {
+  auto key = getInnerMostURL(iri);
+  CacheLock lock(*this);
+  pending_.insert(std::move(key));
+  frozenReAddPending_ = true;
+}
+
+void MetadataCache::triggerInvalidationProcess() const {
+  while (!pending_.empty()) {
+    StorageIRI const next = *pending_.begin();
+    pending_.erase(pending_.begin());
+    doSnapshotFrozenMetadata();
+    if (next.hasParent()) {
+      // One parent per operation: the rest wait for the next operations.
+      doInvalidateFolder(next.getParent());
+      return;
+    }
+    doInvalidateFolder(next);
+  }
+}
+
+void MetadataCache::doSnapshotFrozenMetadata() const {
+  bool const logging = getLogger().isEnabled(Severity::Debug);
+  for (auto const& [key, entry] : folders_) {
+    if (isUnbuiltListing(entry)) {
+      // Still listing: its children are the inner store's (never frozen, since nothing
+      // is added to an entry before its listing is done), and its own record may only
+      // have been given to it; neither is waited for here.
+      auto const metadata = entry->peekMetadata();
+      if (metadata && metadata->isFrozen()) frozen_.emplace(key, metadata);
+      continue;
+    }
+    try {
+      auto const metadata = entry->getMetadata();
+      if (metadata && metadata->isFrozen()) frozen_.emplace(key, metadata);
+      for (auto const& [location, child] : entry->getAllContent()) {
+        if (child.index() != 0) continue;
+        auto const& file = std::get<0>(child);
+        if (file->isFrozen()) {
+          if (logging) getLogger().log(Severity::Debug, location.toUtf8() + " is frozen.");
+          frozen_.emplace(location, child);
+        } else if (logging) {
+          getLogger().log(Severity::Debug, location.toUtf8() + " is not frozen.");
+        }
+      }
+    } catch (...) {
+      // An entry whose listing failed holds nothing of the overlay's own.
+      getLogger().log(Severity::Diagnostic, "Exception caught: " + describe(std::current_exception()));
+    }
+  }
+}
+
+void MetadataCache::snapshotFrozenMetadata() {
+  CacheLock lock(*this);
+  doSnapshotFrozenMetadata();
+}
+
+void MetadataCache::snapshotFrozenMetadataAndInvalidate(StorageIRI const& iri) {
+  auto const key = getInnerMostURL(iri);
+  CacheLock lock(*this);
+  doSnapshotFrozenMetadata();
+  doInvalidateFolder(key.hasParent() ? key.getParent() : key);
+}
+
+void MetadataCache::addFrozenEntries() const {
+  if (!frozenReAddPending_) return;
+  frozenReAddPending_ = false;
+  for (auto const& [key, saved] : frozen_) {
+    bool present = false;
+    try {
+      present = saved.index() == 1 ? doGetFolderMetadataFromCache(key) != nullptr
+                                   : doGetFileMetadataFromCache(key) != nullptr;
+    } catch (...) {
+      getLogger().log(Severity::Diagnostic, "Exception caught: " + describe(std::current_exception()));
+      present = false;
+    }
+    if (present) continue;
+    if (saved.index() == 1) {
+      auto const& folder = std::get<1>(saved);
+      if (folder->isFrozen()) doAddFolderMetadata(folder, true, false);
+    } else {
+      auto const& file = std::get<0>(saved);
+      if (file->isFrozen()) doAddFileMetadata(file, true);
+    }
+  }
+  frozen_.clear();
+}
+
+void MetadataCache::removeFrozenMetadata(StorageIRI const& iri, bool recursive) const {
+  auto const key = getInnerMostURL(iri);
+  auto it = frozen_.find(key);
+  if (it == frozen_.end()) return;
+  if (it->second.index() == 1 && recursive) {
+    for (auto saved = frozen_.begin(); saved != frozen_.end();) {
+      if (key.isAncestorOf(saved->first)) {
+        saved = frozen_.erase(saved);
+      } else {
+        ++saved;
+      }
+    }
+  }
+  frozen_.erase(key);
+}
+
+void MetadataCache::thawFile(StorageIRI const& iri) {
+  auto const key = getInnerMostURL(iri);
+  CacheLock lock(*this);
+  if (key.hasParent() && folders_.count(key.getParent()) != 0) {
+    // The lookup may list the parent; it runs without the cache lock.
+    lock.unlock();
+    if (auto record = getFileMetadata(iri)) record->thaw();
+    lock.lock();
+  }
+  removeFrozenMetadata(iri, true);
+}
+
+void MetadataCache::thawFolderImpl(StorageIRI const& iri, bool recursive) const {
+  auto it = folders_.find(iri);
+  if (it == folders_.end()) return;
+  auto const entry = it->second;
+  entry->thaw();
+  if (!recursive) return;
+  for (auto const& [location, child] : entry->getAllContent()) {
+    if (child.index() == 0) {
+      std::get<0>(child)->thaw();
+    } else {
+      thawFolderImpl(location, true);
+    }
+  }
+}
+
+void MetadataCache::thawFolder(StorageIRI const& iri, bool recursive) {
+  auto const key = getInnerMostURL(iri);
+  if (recursive) {
+    awaitSubtree(key, false);
+  } else {
+    awaitEntries([&](auto& entries) {
+      if (auto it = folders_.find(key); it != folders_.end()) entries.push_back(it->second);
+    });
+  }
+  CacheLock lock(*this);
+  thawFolderImpl(key, recursive);
+  removeFrozenMetadata(iri, false);
+}
+
+// ---- population ---------------------------------------------------------------------------
+
+void MetadataCache::populateWholeFolderTreeWhenPossible(bool wait) {
+  if (!inner_->hasFeature(static_cast<fsp::ExtendedFeature>(1))) return;
+  if (!wait) loadAndGetFolderContainer(inner_->getLocation());
+  std::lock_guard lock(populationMutex_);
+  population_ = std::make_unique<std::future<void>>(std::async([this, wait] { populate(wait); }));
+  if (wait) population_->get();
+}
+
+void MetadataCache::populate(bool wait) {
+  try {
+    // Keys are inner-most IRIs, so the listed names are joined to the inner-most form
+    // of the inner root.
+    auto const base = getInnerMostURL(inner_->getLocation());
+    auto listing = inner_->listAllRecursive(u"*");
+    while (listing->notAtEnd()) {
+      listing->advance();
+      fsp::FolderEntry const entry = listing->current();
+      try {
+        addListedEntry(entry, base);
+      } catch (...) {
+        getLogger().log(Severity::Error, kRecursiveListingFailure);
+      }
+    }
+  } catch (...) {
+    getLogger().log(Severity::Error, "Recursive folder listing failure");
+    {
+      CacheLock lock(*this);
+      doInvalidateAll();
+    }
+    if (wait) throw;
+  }
+}
+
+void MetadataCache::addListedEntry(fsp::FolderEntry const& entry, StorageIRI const& base) {
+  StorageIRI const location(base, entry.getName());
+  auto const record = FutureFolderEntry::recordFor(entry, location, inner_);
+  // The entry that receives the record is waited for without the cache lock.
+  awaitEntries([&](auto& entries) {
+    if (location.hasParent()) entries.push_back(doGetFolderContainer(location.getParent(), false));
+  });
+  if (record.index() == 0) {
+    CacheLock lock(*this);
+    doAddFileMetadata(std::get<0>(record), false);
+    return;
+  }
+  auto const& folder = std::get<1>(record);
+  bool const initiallyInvalid = folder->getExtendedAttributes().hasAttribute(kInitiallyInvalid);
+  CacheLock lock(*this);
+  doAddFolderMetadata(folder, false, initiallyInvalid);
+}
+
+void MetadataCache::waitForFuturePopulationToFinish() {
+  if (populationWaited_.load(std::memory_order_acquire)) return;
+  std::lock_guard lock(populationMutex_);
+  if (populationWaited_.load(std::memory_order_relaxed)) return;
+  if (population_ && population_->valid()) population_->get();  // a failure leaves the next call to wait again
+  populationWaited_.store(true, std::memory_order_release);
+}
+
+void MetadataCache::doWaitForFuturePopulationToFinish() {
+  std::lock_guard lock(populationMutex_);
+  if (population_ && population_->valid()) population_->get();
+}
+
+// ---- space --------------------------------------------------------------------------------
+
+std::uint64_t MetadataCache::getSpaceOccupiedByFile(StorageIRI const& iri) const {
+  {
+    CacheLock lock(*this);
+    triggerInvalidationProcess();
+  }
+  auto record = getFileMetadata(iri);
+  return record ? record->getFileSize() : 0;
+}
+
+std::uint64_t MetadataCache::getSpaceOccupiedByFolder(StorageIRI const& iri) const {
+  awaitSubtree(getInnerMostURL(iri), false);
+  CacheLock lock(*this);
+  return doGetSpaceOccupiedByFolder(iri);
+}
+
+std::uint64_t MetadataCache::doGetSpaceOccupiedByFolder(StorageIRI const& iri) const {
+  auto entry = doGetFolderContainer(iri, false);
+  if (!entry) return 0;
+  IFolderEntry::Children content;
+  try {
+    content = entry->getAllContent();
+  } catch (Exception const& e) {
+    if (doesNotExist(e)) return 0;  // vanished on the inner side: nothing cached there
+    throw;
+  }
+  std::uint64_t total = 0;
+  for (auto const& [location, child] : content) {
+    if (child.index() == 0) {
+      total += std::get<0>(child)->getFileSize();
+    } else {
+      total += doGetSpaceOccupiedByFolder(location);
+    }
+  }
+  return total;
+}
+
+// ---- inspection ---------------------------------------------------------------------------
+
+std::vector<fsp::StorageIRI> MetadataCache::cachedFolders() const {
+  CacheLock lock(*this);
+  std::vector<StorageIRI> keys;
+  for (auto const& [key, entry] : folders_) keys.push_back(key);
+  return keys;
+}
+
+std::vector<fsp::StorageIRI> MetadataCache::frozenSnapshot() const {
+  CacheLock lock(*this);
+  std::vector<StorageIRI> keys;
+  for (auto const& [key, record] : frozen_) keys.push_back(key);
+  return keys;
+}
+
+std::vector<fsp::StorageIRI> MetadataCache::pendingInvalidations() const {
+  CacheLock lock(*this);
+  return {pending_.begin(), pending_.end()};
+}
+
+}  // namespace storage::overlayprovider
