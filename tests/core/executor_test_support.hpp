@@ -8,8 +8,6 @@
 #include <foundation/log/MemorySink.hpp>
 #include <foundation/log/Severity.hpp>
 
-// Boost 1.74's JSON parser still includes <boost/bind.hpp>, which otherwise prints a
-// deprecation note.
 #include <boost/property_tree/json_parser.hpp>
 #include <boost/property_tree/ptree.hpp>
 
