@@ -303,12 +303,16 @@ LoadedBundle const& BundleRuntime::load(std::filesystem::path const& modulePath)
       record->instance = newInstance();
     } catch (std::exception const& e) {
       fail(path, newName + " failed: " + e.what());
+    } catch (...) {
+      fail(path, newName + " failed with an exception that is not a std::exception");
     }
     if (!record->instance) fail(path, newName + " returned no instance");
     try {
       factory = static_cast<ComponentInstance*>(record->instance)->getFactory();
     } catch (std::exception const& e) {
       fail(path, "the component " + info.implementationClass + " failed to give its factory: " + e.what());
+    } catch (...) {
+      fail(path, "the component " + info.implementationClass + " failed to give its factory");
     }
     if (!factory) fail(path, "the component " + info.implementationClass + " offers no factory");
     registry_.registerFactory(info.scheme, std::make_shared<ModuleFactory>(record->module, std::move(factory)));
@@ -318,6 +322,9 @@ LoadedBundle const& BundleRuntime::load(std::filesystem::path const& modulePath)
   } catch (std::exception const& e) {
     release(*record);
     fail(path, e.what());
+  } catch (...) {
+    release(*record);
+    throw;
   }
 
   record->info = std::move(info);

@@ -13,8 +13,9 @@
 // wrapping factory receives the item of that resolved inner IRI.
 //
 // Factories are called without the registry's lock held, so that a factory may use the
-// registry itself (for another root). Two threads asking for the same new root get the
-// same provider: the second waits for the first to finish making it.
+// registry itself (for another root; two factories that each wait for the other's root
+// from different threads would deadlock). Two threads asking for the same new root get
+// the same provider: the second waits for the first to finish making it.
 //
 // Thread-safe: every member may be called from several threads at once.
 #pragma once
