@@ -48,12 +48,26 @@ bool readsTrue(std::string const& text) {
   return !in.fail() && value;
 }
 
+// The metadata cache given, or a new one that matches names as the inner store does.
+std::shared_ptr<MetadataCache> metadataCacheFor(std::shared_ptr<fsp::StorageItem> const& inner,
+                                                std::unique_ptr<MetadataCache> given) {
+  if (given) return std::shared_ptr<MetadataCache>(std::move(given));
+  bool const caseSensitive = inner->getFilenameSensitivity() == fsp::FilenameSensitivity::CaseSensitive;
+  return std::make_shared<MetadataCache>(inner, caseSensitive);
+}
+
 }  // namespace
 
-OverlayProvider::OverlayProvider(StorageItem inner) : OverlayProvider(std::move(inner), nullptr) {}
+OverlayProvider::OverlayProvider(StorageItem inner) : OverlayProvider(std::move(inner), nullptr, nullptr) {}
 
 OverlayProvider::OverlayProvider(StorageItem inner, std::shared_ptr<IExecutor> executor)
-    : inner_(std::make_shared<StorageItem>(std::move(inner))), executor_(std::move(executor)) {}
+    : OverlayProvider(std::move(inner), nullptr, std::move(executor)) {}
+
+OverlayProvider::OverlayProvider(StorageItem inner, std::unique_ptr<MetadataCache> metadataCache,
+                                 std::shared_ptr<IExecutor> executor)
+    : inner_(std::make_shared<StorageItem>(std::move(inner))),
+      metadataCache_(metadataCacheFor(inner_, std::move(metadataCache))),
+      executor_(std::move(executor)) {}
 
 OverlayProvider::~OverlayProvider() {
   try {
@@ -81,6 +95,7 @@ void OverlayProvider::lazyInitialize() const {
     // Event handling is paused and resumed through the latch; the callbacks act on the
     // event listener, which subscribes to the inner store's changes.
     timedLatch_ = std::make_shared<TimedLatch>([] {}, [] {}, TimedLatch::timeoutFromEnvironment());
+    metadataCache_->populateWholeFolderTreeWhenPossible(synchronous_.load(std::memory_order_acquire));
   });
 }
 
@@ -356,6 +371,7 @@ fsp::ProviderStorageInfo OverlayProvider::doGetProviderStorageInfo(StorageIRI co
 void OverlayProvider::doFlushFilesystem() {
   OVERLAY_TRACE();
   lazyInitialize();
+  metadataCache_->waitForFuturePopulationToFinish();
   doFlushFilesystemImpl();
 }
 
@@ -367,6 +383,7 @@ void OverlayProvider::doFlushFilesystemImpl() const {
   } else {
     getLogger().log(Severity::Error, "BackgroundExecutor should be in an initialized state.");
   }
+  metadataCache_->invalidateAll();
   auto const elapsed =
       std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start).count();
   getLogger().log(Severity::Debug, "Flush took " + std::to_string(elapsed) + "ms");
@@ -375,8 +392,10 @@ void OverlayProvider::doFlushFilesystemImpl() const {
 void OverlayProvider::doInvalidate(StorageIRI const& iri) {
   OVERLAY_TRACE_IRI(iri);
   lazyInitialize();
+  metadataCache_->waitForFuturePopulationToFinish();
   auto root = getInnerMostURL(iri).withPath(u"/");
   auto lock = pathLocks_.acquire(root);
+  metadataCache_->invalidateAll();
   fsp::invalidateProvider(*inner_);
 }
 

@@ -4,11 +4,13 @@
 // ("overlay:<mem://s1/>/docs/a.txt"). Every operation maps its IRI to the inner-most
 // IRI and works on the inner store through `StorageItem(inner item, inner path)`.
 //
-// Lifecycle. Construction starts no thread. The first operation of any kind runs the
-// lazy initialization once (retried by the next operation if it threw): the executor
-// (a BackendExecutor unless one was injected or synchronous mode installed a
-// SynchronousExecutor) and the timed latch. `doShutdown` stops everything in a fixed
-// order and is harmless to repeat; the destructor runs it again.
+// Lifecycle. Construction makes the metadata cache and starts no thread. The first
+// operation of any kind runs the lazy initialization once (retried by the next
+// operation if it threw): the executor (a BackendExecutor unless one was injected or
+// synchronous mode installed a SynchronousExecutor), the timed latch, and then the
+// whole-tree population of the metadata cache (in the background, or waited for in
+// synchronous mode). `doShutdown` stops everything in a fixed order and is harmless to
+// repeat; the destructor runs it again.
 //
 // What is served from where. The caches (content on local disk, metadata in memory),
 // the quota accountant and the event listener are built on top of this class; until an
@@ -21,6 +23,7 @@
 #pragma once
 
 #include <core/IExecutor.hpp>
+#include <core/MetadataCache.hpp>
 #include <core/PathLocks.hpp>
 #include <core/TimedLatch.hpp>
 
@@ -47,10 +50,15 @@ class OverlayProvider : public fsp::IConfigurableProvider,
 
   static constexpr std::int64_t kDefaultPayloadSize = 4194304;
 
-  // Lays the overlay on `inner`; no thread starts.
+  // Lays the overlay on `inner`; no thread starts. The metadata cache matches names as
+  // the inner store does (`getFilenameSensitivity()`).
   explicit OverlayProvider(StorageItem inner);
   // As above with the executor given; lazy initialization never replaces it.
   OverlayProvider(StorageItem inner, std::shared_ptr<IExecutor> executor);
+  // As above with the metadata cache given too (taken into shared ownership; a null one
+  // is replaced by a new cache as the first constructor makes it).
+  OverlayProvider(StorageItem inner, std::unique_ptr<MetadataCache> metadataCache,
+                  std::shared_ptr<IExecutor> executor);
   // Runs doShutdown again, logging and swallowing its failures.
   ~OverlayProvider() override;
 
@@ -92,13 +100,18 @@ class OverlayProvider : public fsp::IConfigurableProvider,
   // configured.
   void doConfigure(boost::property_tree::ptree config) override;
 
-  // Returns when every change queued so far has reached the inner store.
+  // Returns when every change queued so far has reached the inner store (after a
+  // pending whole-tree population of the metadata cache), then empties the metadata
+  // cache: the next access reloads from the inner store.
   void doFlushFilesystem() override;
   void doFlushFilesystemImpl() const;
-  // Invalidates the whole overlay, whatever `iri` names, and the inner store's caches.
+  // Invalidates the whole overlay (the metadata cache), whatever `iri` names, and the
+  // inner store's caches.
   void doInvalidate(StorageIRI const& iri) override;
 
-  // Creates the executor and the latch once; safe to call from many threads.
+  // Creates the executor and the latch once, then starts the whole-tree population of
+  // the metadata cache (waiting for it in synchronous mode); safe to call from many
+  // threads. If a step throws, the next call tries again.
   void lazyInitialize() const;
 
   // Read access for tests and tools.
@@ -114,6 +127,7 @@ class OverlayProvider : public fsp::IConfigurableProvider,
   bool isShutDown() const { return shutDown_.load(std::memory_order_acquire); }
   std::shared_ptr<TimedLatch> timedLatch() const;
   StorageItem const& innerItem() const { return *inner_; }
+  std::shared_ptr<MetadataCache> const& metadataCache() const { return metadataCache_; }
 
  private:
   // The inner store's item for the inner-most IRI of `iri`.
@@ -128,6 +142,7 @@ class OverlayProvider : public fsp::IConfigurableProvider,
   void triggerLatch() const;
 
   std::shared_ptr<StorageItem> const inner_;
+  std::shared_ptr<MetadataCache> const metadataCache_;  // set at construction; locks internally
   mutable std::shared_ptr<IExecutor> executor_;  // guarded by initMutex_
   std::atomic<double> maxQueueWeight_{0};
   std::atomic<double> minQueueItemWeight_{0};
