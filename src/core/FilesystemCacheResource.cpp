@@ -57,7 +57,9 @@ std::string utf8ForLog(std::u16string const& text) {
   };
   for (std::size_t i = 0; i < text.size(); ++i) {
     char32_t const unit = text[i];
-    if (unit >= 0xD800 && unit <= 0xDBFF && i + 1 < text.size() && text[i + 1] >= 0xDC00 && text[i + 1] <= 0xDFFF) {
+    bool const pairs = unit >= 0xD800 && unit <= 0xDBFF && i + 1 < text.size() &&
+                       text[i + 1] >= 0xDC00 && text[i + 1] <= 0xDFFF;
+    if (pairs) {
       put(0x10000 + ((unit - 0xD800) << 10) + (text[i + 1] - 0xDC00));
       ++i;
     } else if (unit >= 0xD800 && unit <= 0xDFFF) {
@@ -67,6 +69,11 @@ std::string utf8ForLog(std::u16string const& text) {
     }
   }
   return out;
+}
+
+// One past the last byte of the file as the metadata knows it.
+std::streampos wholeFileEnd(FileMetadata const& metadata) {
+  return std::streampos(static_cast<std::streamoff>(metadata.getFileSize()));
 }
 
 std::string describeCurrentException() {
@@ -103,7 +110,7 @@ FilesystemCacheResource::FilesystemCacheResource(std::shared_ptr<FileMetadata> c
     checkAndRemoveStaleEntry();
     if (fl::filesystem::exists(checkoutPath_)) {
       // Left by an earlier run and not older than the content: every byte is valid.
-      cachedRanges_.emplace(std::streampos(0), std::streampos(static_cast<std::streamoff>(metadata->getFileSize())));
+      cachedRanges_.emplace(std::streampos(0), wholeFileEnd(*metadata));
     }
   } catch (...) {
     cachedRanges_.clear();
@@ -121,7 +128,7 @@ FilesystemCacheResource::FilesystemCacheResource(std::shared_ptr<FileMetadata> c
   try {
     if (fl::filesystem::exists(sourcePath)) {
       fl::filesystem::copy_file(sourcePath, checkoutPath_, /*overwrite=*/true);
-      cachedRanges_.emplace(std::streampos(0), std::streampos(static_cast<std::streamoff>(metadata->getFileSize())));
+      cachedRanges_.emplace(std::streampos(0), wholeFileEnd(*metadata));
     }
   } catch (...) {
     cachedRanges_.clear();
@@ -331,7 +338,8 @@ std::vector<std::pair<std::streamoff, std::streamoff>> FilesystemCacheResource::
 void FilesystemCacheResource::logFailure(unsigned severity, char const* message) const noexcept {
   try {
     std::string const description = describeCurrentException();
-    std::string const prefix = std::string("overlay.") + (severity == foundation::log::Debug ? "debug" : "error") + ".";
+    char const* const word = severity == foundation::log::Debug ? "debug" : "error";
+    std::string const prefix = std::string("overlay.") + word + ".";
     boost::property_tree::ptree record;
     record.put(prefix + "message", message);
     record.put(prefix + "location", utf8ForLog(location_.toString()));

@@ -36,13 +36,15 @@
 // Thread-safety and locks. One mutex (`guard_`) guards the tree, the snapshot and the
 // pending set. Lock order: the cache lock, then a folder entry's lock, then a record's
 // lock; never the reverse. The cache lock is not held while waiting for a listing:
-// lookups release it around the wait, and mutations first wait, without it, for the
-// listings of the folders they are about to touch, so that their work under the lock
-// finds those entries complete. (Only if an entry is dropped or created anew between
-// that wait and the work does the work wait for a listing under the lock.) Entries that
-// leave the tree are destroyed after the lock is released, as destroying a listing entry
-// waits for its listing. Records carry their own locks and may be used by callers without
-// the cache lock.
+// lookups release it around the wait; mutations, the putting back of saved records,
+// thawing and space queries first wait, without it, for the listings of the folders
+// they are about to look into (creating the entries the work itself would create), so
+// that their work under the lock finds those entries complete; saving frozen records
+// skips entries still listing (they hold nothing of the overlay's own). Only if an entry
+// is dropped or created anew between that wait and the work does the work wait for a
+// listing under the lock. Entries that leave the tree are destroyed after the lock is
+// released, as destroying a listing entry waits for its listing. Records carry their
+// own locks and may be used by callers without the cache lock.
 #pragma once
 
 #include <core/FileOrFolderMetadata.hpp>

@@ -14,6 +14,7 @@
 #include <core/FilesystemCacheResource.hpp>
 #include <core/NOOPCacheResource.hpp>
 
+#include <fl/i18n.hpp>
 #include <foundation/log/MemorySink.hpp>
 #include <foundation/log/Severity.hpp>
 
@@ -583,6 +584,33 @@ TEST_F(CacheResourceTest, CopyMoveAndRemoveFailures) {
   }
   EXPECT_EQ(resource.getCachedRuns(), (Runs{{0, 7}}));
   EXPECT_EQ(check(resource, 0, 7).status, IntegrityStatus::Complete);
+}
+
+TEST_F(CacheResourceTest, LocationsThatCannotBeNamed) {
+  // A lone surrogate has no UTF-8 form, hence no cache file name.
+  std::u16string text = u"overlay:<mem://store/>/bad";
+  text += static_cast<char16_t>(0xD800);
+  text += u"name";
+  StorageIRI const bad(text);
+  EXPECT_THROW(FilesystemCacheResource(metadata(bad, pt::microsec_clock::universal_time(), 1), dataDir_),
+               fl::i18n::internal_runtime_error);
+
+  // Moving onto such a location keeps the current file name and says so; later failure
+  // records show the location with U+FFFD in place of the surrogate.
+  writeFile(root_ / "plain-file", "x");
+  FilesystemCacheResource resource(metadata(1), root_ / "plain-file" / "V1.0");
+  stdfs::path const path = resource.getCheckoutPath();
+  foundation::log::MemorySink sink;
+  resource.setLocation(bad);
+  EXPECT_EQ(resource.getLocation(), bad);
+  EXPECT_EQ(resource.getCheckoutPath(), path);
+  resource.write(std::streampos(0), "a", 1);
+  auto const records = failureRecords(sink);
+  ASSERT_EQ(records.size(), 2u);
+  expectFailureRecord(records[0], foundation::log::Error, "error", "Failure in moving cached item",
+                      "overlay:<mem://store/>/docs/report.txt", path);
+  expectFailureRecord(records[1], foundation::log::Error, "error", "Failure in local cache writing",
+                      "overlay:<mem://store/>/bad\xef\xbf\xbdname", path);
 }
 
 TEST(NOOPCacheResource, KeepsNothing) {
