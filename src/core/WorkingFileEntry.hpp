@@ -335,12 +335,30 @@ class WorkingFileEntry : public std::enable_shared_from_this<WorkingFileEntry> {
                         std::chrono::steady_clock::time_point enqueued, OpenOperation const& openOperation,
                         foundation::storage::provider::StorageIRI const& location,
                         std::shared_ptr<FileMetadata> const& metadata);
-  // The body of a FILE_CLOSE transaction. Takes providerStreamMutex_, never mutex_.
+  // The body of an open transaction: reuses or (re)opens the inner stream for
+  // `location` and marks it as claimed by open number `generation`. Takes
+  // providerStreamMutex_, never mutex_.
+  ByteStreamPtr openProviderStream(foundation::storage::provider::StorageIRI const& location, bool forWriting,
+                                   foundation::storage::provider::ByteStreamOpenOptions const& options,
+                                   std::uint64_t generation);
+  // The body of a FILE_CLOSE transaction queued when open number `generation` was the
+  // latest. Takes providerStreamMutex_, never mutex_.
   void runProviderClose(foundation::storage::provider::StorageIRI const& location,
-                        std::shared_ptr<FileMetadata> const& metadata);
-  // Closes and drops the inner stream now, then thaws `metadata`. Caller holds neither
-  // mutex_ nor providerStreamMutex_.
-  void closeProviderStreamNow(std::shared_ptr<FileMetadata> const& metadata);
+                        std::shared_ptr<FileMetadata> const& metadata, std::uint64_t generation);
+  // Closes and drops the inner stream unless an open queued after open number
+  // `generation` has claimed it. Caller holds providerStreamMutex_. Passes on what the
+  // inner close throws (the stream is dropped anyway).
+  void closeProviderStreamUnlessReclaimed(std::uint64_t generation);
+  // Closes and drops the inner stream now (as above), then thaws `metadata`. Caller
+  // holds no entry mutex. Close failures are logged.
+  void closeProviderStreamNow(std::shared_ptr<FileMetadata> const& metadata, std::uint64_t generation);
+  // Stores the fetched bytes [position, position + count) in the cache, except where
+  // the cache already holds bytes; copies those cached bytes over `payload` instead, so
+  // that the payload shows what the overlay's file holds. Caller holds mutex_.
+  void mergePayloadWithCache(std::streamoff position, char* payload, std::streamsize count);
+  // Fetches every byte of [0, size) that the cache lacks. Returns whether the whole file
+  // is cached afterwards. Takes no lock across inner I/O.
+  bool cacheWholeFile();
   // Pushes out what is buffered: cache flush, then the buffer's payload. Caller holds
   // mutex_.
   void flushBuffered();
@@ -379,6 +397,9 @@ class WorkingFileEntry : public std::enable_shared_from_this<WorkingFileEntry> {
   std::int64_t refCount_ = 0;             // guarded by mutex_
   std::int32_t openMode_ = kNotOpened;    // guarded by mutex_
   OpenOperation openOperation_;           // guarded by mutex_; empty until an open is queued
+  std::uint64_t openGeneration_ = 0;      // guarded by mutex_; number of the latest queued open
+  std::uint64_t streamGeneration_ = 0;    // guarded by providerStreamMutex_; the open that last
+                                          // claimed providerStream_
 
   std::chrono::steady_clock::time_point abortTime_{};  // guarded by abortMutex_
   std::int32_t abortState_ = 0;                         // guarded by abortMutex_
