@@ -32,15 +32,14 @@ void requireOpen(bool closed) {
 
 }  // namespace
 
-WorkingFileByteStream::WorkingFileByteStream(std::shared_ptr<WorkingFileEntry> entry, ReadOnlyTag)
-    : entry_(std::move(entry)), appendMode_(false) {
+WorkingFileByteStream::WorkingFileByteStream(std::shared_ptr<WorkingFileEntry> entry, bool appendMode, bool readOnly)
+    : entry_(std::move(entry)), appendMode_(appendMode), readOnly_(readOnly) {
   if (!entry_) throw std::invalid_argument("WorkingFileByteStream: no entry");
 }
 
 WorkingFileByteStream::WorkingFileByteStream(std::shared_ptr<WorkingFileEntry> entry,
                                              fsp::ByteStreamOpenOptions const& options)
-    : entry_(std::move(entry)), appendMode_(options.append) {
-  if (!entry_) throw std::invalid_argument("WorkingFileByteStream: no entry");
+    : WorkingFileByteStream(std::move(entry), options.append, false) {
   try {
     entry_->openReadWrite(options);
   } catch (...) {
@@ -51,7 +50,7 @@ WorkingFileByteStream::WorkingFileByteStream(std::shared_ptr<WorkingFileEntry> e
 }
 
 std::unique_ptr<WorkingFileByteStream> WorkingFileByteStream::openReadOnly(std::shared_ptr<WorkingFileEntry> entry) {
-  std::unique_ptr<WorkingFileByteStream> stream(new WorkingFileByteStream(std::move(entry), ReadOnlyTag{}));
+  std::unique_ptr<WorkingFileByteStream> stream(new WorkingFileByteStream(std::move(entry), false, true));
   try {
     stream->entry_->openReadOnly();
   } catch (...) {
@@ -73,6 +72,8 @@ long WorkingFileByteStream::read(char* buffer, long count) {
 long WorkingFileByteStream::write(char const* data, long count) {
   return wrapFailures<fsp::ByteStreamWriteFailure>("ByteStreamWriteFailure", [&]() -> long {
     requireOpen(closed_);
+    if (readOnly_)
+      throw fsp::Exception(fsp::ErrorCode::NotWritable, entry_->getLocation(), "the stream was opened read-only");
     if (appendMode_) {
       entry_->append(data, count);
       position_ = static_cast<std::streamoff>(entry_->getProviderFileSize());

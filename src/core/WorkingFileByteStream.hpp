@@ -49,7 +49,8 @@ class WorkingFileByteStream final : public foundation::storage::provider::ByteSt
 
   // Writes `count` bytes at the position, or at the end of the file in append mode, and
   // moves the position past them; returns `count`.
-  // Throws ByteStreamWriteFailure (also when the stream is closed).
+  // Throws ByteStreamWriteFailure (also when the stream is closed, and with NotWritable
+  // on a read-only stream).
   long write(char const* data, long count) override;
 
   // Moves the position to `offset` from the beginning, the current position or the end
@@ -64,15 +65,17 @@ class WorkingFileByteStream final : public foundation::storage::provider::ByteSt
 
   std::streampos getPosition() const { return position_; }
   bool isAppendMode() const { return appendMode_; }
+  bool isReadOnly() const { return readOnly_; }
   std::shared_ptr<WorkingFileEntry> const& getEntry() const { return entry_; }
 
  private:
-  struct ReadOnlyTag {};
-  WorkingFileByteStream(std::shared_ptr<WorkingFileEntry> entry, ReadOnlyTag);
+  // Takes `entry` without opening it. Throws std::invalid_argument for a null entry.
+  WorkingFileByteStream(std::shared_ptr<WorkingFileEntry> entry, bool appendMode, bool readOnly);
 
   std::shared_ptr<WorkingFileEntry> const entry_;
   std::streampos position_ = 0;
   bool const appendMode_;
+  bool const readOnly_;
   bool closed_ = false;
 };
 

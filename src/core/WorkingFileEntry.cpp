@@ -393,37 +393,41 @@ std::streamsize WorkingFileEntry::readFromProviderStream(std::streampos position
   return n < 0 ? 0 : n;
 }
 
-void WorkingFileEntry::mergePayloadWithCache(std::streamoff position, char* payload, std::streamsize count) {
-  if (cacheResource_->cacheWriteErrored()) return;
+std::streamsize WorkingFileEntry::mergePayloadWithCache(std::streamoff position, char* payload, std::streamsize fetched,
+                                                       std::streamsize payloadSize) {
+  if (cacheResource_->cacheWriteErrored()) return fetched;
   auto const* filesystemResource = dynamic_cast<FilesystemCacheResource const*>(cacheResource_.get());
   if (filesystemResource == nullptr) {
-    cacheResource_->write(position, payload, count);
-    return;
+    if (fetched > 0) cacheResource_->write(position, payload, fetched);
+    return fetched;
   }
-  std::int64_t const end = position + count;
-  std::int64_t cursor = position;
-  auto storeGap = [&](std::int64_t from, std::int64_t to) {
+  std::int64_t const fetchedEnd = position + fetched;
+  std::int64_t const payloadEnd = position + payloadSize;
+  std::int64_t cursor = position;  // bytes before it are stored or known to be cached
+  std::int64_t known = fetchedEnd;
+  auto storeFetched = [&](std::int64_t from, std::int64_t to) {
+    to = std::min(to, fetchedEnd);
     if (to > from) cacheResource_->write(from, payload + (from - position), to - from);
   };
   // Runs may overlap (see FilesystemCacheResource); walking them in order of start and
   // keeping a cursor covers their union.
   for (auto const& [runStart, runEnd] : filesystemResource->getCachedRuns()) {
     if (runEnd <= cursor) continue;
-    if (runStart >= end) break;
-    storeGap(cursor, runStart);
+    if (runStart >= payloadEnd) break;
+    storeFetched(cursor, runStart);
     std::int64_t const from = std::max<std::int64_t>(runStart, cursor);
-    std::int64_t const to = std::min<std::int64_t>(runEnd, end);
+    std::int64_t const to = std::min<std::int64_t>(runEnd, payloadEnd);
     if (to > from) {
       // What the cache holds may be newer than the inner store (written behind later);
       // keep the fetched bytes only where the cache read falls short.
-      std::vector<char> cached(static_cast<std::size_t>(to - from));
-      std::streamsize const got = cacheResource_->read(from, cached.data(), to - from);
-      if (got > 0) std::memcpy(payload + (from - position), cached.data(), static_cast<std::size_t>(got));
+      std::streamsize const got = cacheResource_->read(from, payload + (from - position), to - from);
+      if (got > 0 && from <= known) known = std::max<std::int64_t>(known, from + got);
     }
     cursor = std::max(cursor, to);
-    if (cursor >= end) break;
+    if (cursor >= payloadEnd) break;
   }
-  storeGap(cursor, end);
+  storeFetched(cursor, fetchedEnd);
+  return known - position;
 }
 
 std::streamsize WorkingFileEntry::readFromProviderAndWriteToCache(std::streampos position, char* buffer,
@@ -451,9 +455,9 @@ std::streamsize WorkingFileEntry::readFromProviderAndWriteToCache(std::streampos
     return -1;
   }
   n = std::min<std::streamsize>(n, payload);
-  if (n > 0 && params_.usesDiskCaching()) {
+  if (params_.usesDiskCaching()) {
     std::lock_guard lock(mutex_);
-    mergePayloadWithCache(start, bytes.data(), n);
+    n = mergePayloadWithCache(start, bytes.data(), n, payload);
   }
   std::streamsize const copied = std::min<std::streamsize>(n, count);
   if (copied > 0) std::memcpy(buffer, bytes.data(), static_cast<std::size_t>(copied));

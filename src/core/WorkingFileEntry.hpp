@@ -352,10 +352,14 @@ class WorkingFileEntry : public std::enable_shared_from_this<WorkingFileEntry> {
   // Closes and drops the inner stream now (as above), then thaws `metadata`. Caller
   // holds no entry mutex. Close failures are logged.
   void closeProviderStreamNow(std::shared_ptr<FileMetadata> const& metadata, std::uint64_t generation);
-  // Stores the fetched bytes [position, position + count) in the cache, except where
-  // the cache already holds bytes; copies those cached bytes over `payload` instead, so
-  // that the payload shows what the overlay's file holds. Caller holds mutex_.
-  void mergePayloadWithCache(std::streamoff position, char* payload, std::streamsize count);
+  // `payload` holds `payloadSize` bytes at `position` of which the inner store
+  // delivered the first `fetched`. Stores the fetched bytes in the cache except where the
+  // cache already holds bytes, and copies cached bytes over the payload instead, so the
+  // payload shows what the overlay's file holds (the cache may hold bytes the inner store
+  // does not have yet). Returns how many bytes from the start of the payload are known:
+  // the fetched ones, extended by cached runs that continue them. Caller holds mutex_.
+  std::streamsize mergePayloadWithCache(std::streamoff position, char* payload, std::streamsize fetched,
+                                        std::streamsize payloadSize);
   // Fetches every byte of [0, size) that the cache lacks. Returns whether the whole file
   // is cached afterwards. Takes no lock across inner I/O.
   bool cacheWholeFile();
