@@ -286,6 +286,8 @@ WorkingFileEntry::ByteStreamPtr WorkingFileEntry::openProviderStream(fsp::Storag
                                                                      fsp::ByteStreamOpenOptions const& options,
                                                                      std::uint64_t generation) {
   std::lock_guard lock(providerStreamMutex_);
+  // Opened and closed again before this transaction ran: nobody is left to use it.
+  if (generation <= closedGeneration_) return providerStream_;
   bool const reusable = providerStream_ && (!forWriting || (providerStreamWritable_ && !options.truncate));
   if (!reusable) {
     if (providerStream_) {
@@ -332,6 +334,7 @@ void WorkingFileEntry::openReadWrite(fsp::ByteStreamOpenOptions const& options) 
   std::unique_lock lock(mutex_);
   ++refCount_;
   bool const wasReadOnly = openMode_ == kOpenedReadOnly;
+  bool const othersHoldIt = refCount_ > 1;
   bool const needsOpen = !(openMode_ == kOpenedReadWrite && !options.truncate);
   if (needsOpen) {
     if (options.truncate) {
@@ -351,7 +354,9 @@ void WorkingFileEntry::openReadWrite(fsp::ByteStreamOpenOptions const& options) 
   auto const metadata = metadata_;
   std::uint64_t const generation = openGeneration_;
   lock.unlock();
-  if (wasReadOnly && !hasPendingBackgroundIO()) closeProviderStreamNow(metadata, generation);
+  // Readers on other streams keep the read-only inner stream until the read-write open
+  // replaces it.
+  if (wasReadOnly && !othersHoldIt && !hasPendingBackgroundIO()) closeProviderStreamNow(metadata, generation);
   lock.lock();
   enqueueOpenOperation(ObservableTransactionType::FILE_OPEN_READWRITE, options);
   OpenOperation const toAwait = params_.isSynchronous() ? openOperation_ : OpenOperation();
@@ -768,6 +773,7 @@ std::streamsize WorkingFileEntry::append(char const* data, std::streamsize count
 // ---- closing ----------------------------------------------------------------------------------
 
 void WorkingFileEntry::closeProviderStreamUnlessReclaimed(std::uint64_t generation) {
+  closedGeneration_ = std::max(closedGeneration_, generation);
   if (!providerStream_ || streamGeneration_ > generation) return;
   ByteStreamPtr const stream = std::move(providerStream_);
   providerStream_.reset();

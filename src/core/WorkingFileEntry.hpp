@@ -228,7 +228,8 @@ class WorkingFileEntry : public std::enable_shared_from_this<WorkingFileEntry> {
   // count. With `options.truncate`, drops the unsent write buffer, aborts the entry (so
   // queued payloads are skipped), tells the quota accountant to forget the file, empties
   // the cache and sets the size to 0. Then marks the entry read-write; if it was open
-  // read-only with nothing pending, closes the read-only inner stream now; then queues a
+  // read-only by no other stream with nothing pending, closes the read-only inner stream
+  // now; then queues a
   // FILE_OPEN_READWRITE open with `options` (unless the entry was already open
   // read-write and no truncation is asked for). Takes mutex_, releasing it before
   // touching the inner stream. With synchronous parameters the open has completed on
@@ -336,8 +337,9 @@ class WorkingFileEntry : public std::enable_shared_from_this<WorkingFileEntry> {
                         foundation::storage::provider::StorageIRI const& location,
                         std::shared_ptr<FileMetadata> const& metadata);
   // The body of an open transaction: reuses or (re)opens the inner stream for
-  // `location` and marks it as claimed by open number `generation`. Takes
-  // providerStreamMutex_, never mutex_.
+  // `location` and marks it as claimed by open number `generation`. Opens nothing when
+  // the callers of that open have all closed it already. Takes providerStreamMutex_,
+  // never mutex_.
   ByteStreamPtr openProviderStream(foundation::storage::provider::StorageIRI const& location, bool forWriting,
                                    foundation::storage::provider::ByteStreamOpenOptions const& options,
                                    std::uint64_t generation);
@@ -404,6 +406,8 @@ class WorkingFileEntry : public std::enable_shared_from_this<WorkingFileEntry> {
   std::uint64_t openGeneration_ = 0;      // guarded by mutex_; number of the latest queued open
   std::uint64_t streamGeneration_ = 0;    // guarded by providerStreamMutex_; the open that last
                                           // claimed providerStream_
+  std::uint64_t closedGeneration_ = 0;    // guarded by providerStreamMutex_; opens up to this
+                                          // one were closed by their last caller stream
 
   std::chrono::steady_clock::time_point abortTime_{};  // guarded by abortMutex_
   std::int32_t abortState_ = 0;                         // guarded by abortMutex_

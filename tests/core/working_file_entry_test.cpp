@@ -349,6 +349,12 @@ TEST_F(WorkingFileEntryTest, ReferenceCountsAndOpeningOnce) {
   EXPECT_EQ(store->elsewhere().openStreams(), 0u);  // read-only, nothing pending: closed at once
   entry->flushContentCache();
   EXPECT_EQ(entry->getRefCount(), 0);
+
+  // Opened and closed again before the open transaction ran: it opens nothing.
+  entry->openReadOnly();
+  entry->flushContentCache();
+  EXPECT_EQ(executor->runAll(), 1);
+  EXPECT_EQ(store->elsewhere().openStreams(), 0u);
 }
 
 TEST_F(WorkingFileEntryTest, OpenFailureSurfacesAtTheFirstUseOfTheInnerStream) {

@@ -1,0 +1,241 @@
+// WorkingFileEntry across threads: a read waits for the entry's pending write-behind (and
+// no longer than the wait-for-zero period), an abort releases a wait for the open,
+// writers and readers share one entry through their own streams, and read-only streams
+// come and go while others read. Interleavings are driven by gates, a hand-run executor
+// and injected clocks, never by sleeping.
+#include "executor_test_support.hpp"
+#include "working_file_test_support.hpp"
+
+#include <core/BackendExecutor.hpp>
+
+#include <foundation/storage/provider/Exception.hpp>
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <thread>
+
+namespace overlay_test {
+namespace {
+
+using namespace std::chrono_literals;
+using ovl::WorkingFileEntry;
+using ovl::WorkingFileEntryParams;
+
+std::string readAt(WorkingFileEntry& entry, long long position, long long count) {
+  std::string buffer(static_cast<std::size_t>(count), '\0');
+  auto const n = entry.read(position, buffer.data(), count);
+  if (n == -1) return "<eof>";
+  buffer.resize(static_cast<std::size_t>(n));
+  return buffer;
+}
+
+class WorkingFileEntryConcurrencyTest : public EntryFixture {
+ protected:
+  void SetUp() override { ::unsetenv("QV_OVERLAY_WAIT_FOR_ZERO_PERIOD"); }
+  void TearDown() override { ::unsetenv("QV_OVERLAY_WAIT_FOR_ZERO_PERIOD"); }
+
+  // An entry without disk caching (every read goes to the store) over a hand-run
+  // executor, opened for writing, with "0000000000" in the store and "1111111111"
+  // written and queued but not yet run.
+  std::shared_ptr<WorkingFileEntry> entryWithPendingWrite(ovl::EntryTiming timing) {
+    store->elsewhere().writeFile(u"/p", "0000000000");
+    auto entry = makeEntry(u"/p", WorkingFileEntryParams(64, 64).withDiskCaching(false), executor, std::move(timing));
+    entry->openReadWrite({});
+    EXPECT_TRUE(executor->runNext());  // the open
+    entry->write(0, "1111111111", 10);
+    EXPECT_TRUE(entry->hasPendingBackgroundIO());
+    return entry;
+  }
+
+  std::shared_ptr<RecordingExecutor> executor = std::make_shared<RecordingExecutor>();
+  ManualClock clock;
+};
+
+TEST_F(WorkingFileEntryConcurrencyTest, AReadThatNeedsTheStoreWaitsForPendingWrites) {
+  Signal waiting;
+  std::vector<std::chrono::steady_clock::time_point> deadlines;
+  ovl::EntryTiming timing;
+  timing.now = clock.source();
+  // Waits for a real notification only; the hand clock never reaches the deadline.
+  timing.waitUntil = [&](std::unique_lock<std::mutex>& lock, std::condition_variable& cv,
+                         std::chrono::steady_clock::time_point deadline) {
+    deadlines.push_back(deadline);
+    waiting.set();
+    cv.wait(lock);
+  };
+  auto entry = entryWithPendingWrite(timing);
+
+  std::string got;
+  std::thread reader([&] { got = readAt(*entry, 0, 10); });
+  waiting.wait();
+  executor->runAll();  // the payload reaches the store and wakes the reader
+  reader.join();
+
+  EXPECT_EQ(got, "1111111111");
+  ASSERT_FALSE(deadlines.empty());
+  EXPECT_EQ(deadlines.front(), clock.now() + 2000ms);
+  EXPECT_FALSE(entry->hasPendingBackgroundIO());
+}
+
+TEST_F(WorkingFileEntryConcurrencyTest, AReadWaitsNoLongerThanThePeriod) {
+  int waits = 0;
+  std::chrono::steady_clock::time_point lastDeadline;
+  ovl::EntryTiming timing;
+  timing.now = clock.source();
+  // Time passes while the read waits: the deadline arrives without a notification.
+  timing.waitUntil = [&](std::unique_lock<std::mutex>&, std::condition_variable&,
+                         std::chrono::steady_clock::time_point deadline) {
+    ++waits;
+    lastDeadline = deadline;
+    clock.advance(deadline - clock.now());
+  };
+  auto entry = entryWithPendingWrite(timing);
+
+  ::setenv("QV_OVERLAY_WAIT_FOR_ZERO_PERIOD", "500", 1);
+  auto const start = clock.now();
+  EXPECT_EQ(readAt(*entry, 0, 10), "0000000000");  // gave up: the payload has not run
+  EXPECT_EQ(waits, 1);
+  EXPECT_EQ(lastDeadline, start + 500ms);
+
+  ::setenv("QV_OVERLAY_WAIT_FOR_ZERO_PERIOD", "0", 1);  // no wait at all
+  EXPECT_EQ(readAt(*entry, 0, 10), "0000000000");
+  EXPECT_EQ(waits, 1);
+
+  executor->runAll();
+  EXPECT_EQ(readAt(*entry, 0, 10), "1111111111");
+  EXPECT_EQ(waits, 1);  // nothing pending: no wait
+}
+
+TEST_F(WorkingFileEntryConcurrencyTest, AnAbortReleasesAWaitForTheOpen) {
+  store->elsewhere().writeFile(u"/o", "content");
+  auto& gate = store->gate(providers::mem::Operation::OpenReadOnlyStream);
+  gate.close();
+  auto backend = std::make_shared<ovl::BackendExecutor>([] {}, 0.0);
+  ovl::EntryTiming timing;
+  timing.now = clock.source();  // standing still: the abort is never earlier than the wait
+  timing.abortPollInterval = 1ms;
+  auto entry = makeEntry(u"/o", WorkingFileEntryParams(64, 64), backend, timing);
+  entry->openReadOnly();
+  gate.waitForWaiters(1);  // the open transaction is held in the store
+
+  std::optional<fsp::ErrorCode> code;
+  std::thread waiter([&] {
+    try {
+      entry->checkAndOpenIfNecessary();
+    } catch (fsp::Exception const& e) {
+      code = e.getErrorCode();
+    }
+  });
+  entry->setAbort();
+  waiter.join();
+  EXPECT_EQ(code, fsp::ErrorCode::TransientFailure);
+
+  gate.open();
+  backend->waitForPendingToFinish();
+  backend->shutdown(false);
+  backend->join();
+}
+
+// Four writers, each through its own stream, fill disjoint quarters of a file in
+// shuffled 1000-byte chunks while two readers read random ranges. A reader may see any
+// byte either as it was or as written, never anything else; at the end the store holds
+// exactly the written file.
+TEST_F(WorkingFileEntryConcurrencyTest, WritersAndReadersShareOneEntry) {
+  constexpr int kWriters = 4;
+  constexpr long long kQuarter = 100000;
+  std::string const original = patternBytes(kWriters * kQuarter, 3);
+  std::string const written = patternBytes(kWriters * kQuarter, 4);
+  store->elsewhere().writeFile(u"/shared", original);
+  auto backend = std::make_shared<ovl::BackendExecutor>([] {}, 0.0);
+  auto entry = makeEntry(u"/shared", WorkingFileEntryParams(4096, 8192), backend);
+  for (int i = 0; i < kWriters; ++i) entry->openReadWrite({});
+
+  std::atomic<bool> writing{true};
+  std::atomic<int> badReads{0};
+  std::vector<std::thread> threads;
+  for (int w = 0; w < kWriters; ++w) {
+    threads.emplace_back([&, w] {
+      std::vector<long long> chunks;
+      for (long long c = 0; c < kQuarter; c += 1000) chunks.push_back(w * kQuarter + c);
+      std::shuffle(chunks.begin(), chunks.end(), std::mt19937(static_cast<unsigned>(w)));
+      for (long long position : chunks) entry->write(position, written.data() + position, 1000);
+      entry->flushContentCache();
+    });
+  }
+  for (int r = 0; r < 2; ++r) {
+    threads.emplace_back([&, r] {
+      std::mt19937 random(static_cast<unsigned>(100 + r));
+      while (writing.load()) {
+        long long const position = std::uniform_int_distribution<long long>(0, kWriters * kQuarter - 1)(random);
+        long long const count = std::uniform_int_distribution<long long>(1, 5000)(random);
+        std::string const got = readAt(*entry, position, count);
+        for (std::size_t i = 0; i < got.size(); ++i) {
+          auto const at = static_cast<std::size_t>(position) + i;
+          if (got[i] != original[at] && got[i] != written[at]) {
+            ++badReads;
+            break;
+          }
+        }
+      }
+    });
+  }
+  for (int w = 0; w < kWriters; ++w) threads[static_cast<std::size_t>(w)].join();
+  writing.store(false);
+  for (std::size_t t = kWriters; t < threads.size(); ++t) threads[t].join();
+  backend->waitForPendingToFinish();
+  backend->shutdown(false);
+  backend->join();
+
+  EXPECT_EQ(badReads.load(), 0);
+  EXPECT_EQ(entry->getRefCount(), 0);
+  EXPECT_FALSE(entry->hasPendingBackgroundIO());
+  EXPECT_EQ(storeContent(u"/shared"), written);
+  EXPECT_EQ(store->elsewhere().openStreams(), 0u);
+  EXPECT_EQ(readAt(*entry, 0, kWriters * kQuarter), written);
+}
+
+// Readers open and close read-only streams on one entry over and over while others
+// read; without disk caching every read uses the inner stream, so a stream closed under
+// a reader that has just reopened the entry would show as a short read.
+TEST_F(WorkingFileEntryConcurrencyTest, ReadOnlyStreamsComeAndGoWhileOthersRead) {
+  std::string const content = patternBytes(50000, 9);
+  store->elsewhere().writeFile(u"/ro", content);
+  auto backend = std::make_shared<ovl::BackendExecutor>([] {}, 0.0);
+  auto entry = makeEntry(u"/ro", WorkingFileEntryParams(4096, 4096).withDiskCaching(false), backend);
+  // Slower inner reads make the threads' opens and closes overlap more often; nothing
+  // here depends on how long anything takes.
+  store->setLatency(providers::mem::Operation::Read, 20us);
+
+  std::atomic<int> badReads{0};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([&, t] {
+      std::mt19937 random(static_cast<unsigned>(t));
+      for (int round = 0; round < 200; ++round) {
+        entry->openReadOnly();
+        for (int i = 0; i < 3; ++i) {
+          long long const position = std::uniform_int_distribution<long long>(0, 49999)(random);
+          long long const count = std::uniform_int_distribution<long long>(1, 3000)(random);
+          long long const expected = std::min<long long>(count, 50000 - position);
+          if (readAt(*entry, position, count) != content.substr(static_cast<std::size_t>(position),
+                                                                static_cast<std::size_t>(expected)))
+            ++badReads;
+        }
+        entry->flushContentCache();
+      }
+    });
+  }
+  for (auto& thread : threads) thread.join();
+  backend->waitForPendingToFinish();
+  backend->shutdown(false);
+  backend->join();
+
+  EXPECT_EQ(badReads.load(), 0);
+  EXPECT_EQ(entry->getRefCount(), 0);
+  EXPECT_FALSE(entry->isOpen());
+  EXPECT_EQ(store->elsewhere().openStreams(), 0u);
+}
+
+}  // namespace
+}  // namespace overlay_test
