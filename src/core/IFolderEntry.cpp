@@ -1,12 +1,7 @@
 #include <core/IFolderEntry.hpp>
 
-#include <fl/i18n.hpp>
-
 #include <boost/date_time/posix_time/posix_time_types.hpp>
 
-#include <array>
-#include <functional>
-#include <string_view>
 
 namespace storage::overlayprovider {
 
@@ -54,31 +49,23 @@ std::shared_ptr<FolderMetadata> IFolderEntry::getMetadata() const {
   return peekMetadata();
 }
 
-std::size_t IFolderEntry::lowerCaseHash(fsp::StorageIRI const& iri) {
-  std::u16string const& text = iri.toString();
-  std::array<char16_t, 1024> buffer;
-  std::size_t const length = fl::i18n::to_lower(text, buffer.data(), buffer.size());
-  if (length <= buffer.size()) return std::hash<std::u16string_view>{}(std::u16string_view(buffer.data(), length));
-  std::u16string exact(length, u'\0');
-  fl::i18n::to_lower(text, exact.data(), exact.size());
-  return std::hash<std::u16string>{}(exact);
-}
+std::size_t IFolderEntry::lowerCaseHash(fsp::StorageIRI const& iri) { return lowerCaseHashOf(iri); }
 
-IFolderEntry::const_iterator IFolderEntry::find(fsp::StorageIRI const& iri, CheckType type, bool caseSensitive) const {
-  auto found = children_.end();
-  if (caseSensitive) {
-    found = children_.find(iri);
-  } else {
-    std::size_t const wanted = lowerCaseHash(iri);
-    for (auto it = children_.begin(); it != children_.end(); ++it) {
-      if (lowerCaseHash(it->first) == wanted) {
-        found = it;
-        break;
-      }
-    }
-  }
+IFolderEntry::Children::iterator IFolderEntry::find(fsp::StorageIRI const& iri, CheckType type,
+                                                    bool caseSensitive) const {
+  auto const found = caseSensitive ? index_.findExact(iri) : index_.findFolded(iri);
   if (found != children_.end() && !fits(found->second, type)) return children_.end();
   return found;
+}
+
+void IFolderEntry::insertChild(fsp::StorageIRI location, FileOrFolderMetadata child) const {
+  auto const [it, inserted] = children_.emplace(std::move(location), std::move(child));
+  if (inserted) index_.inserted(it);
+}
+
+void IFolderEntry::eraseChild(Children::iterator it) const {
+  index_.erasing(it);
+  children_.erase(it);
 }
 
 IFolderEntry::const_iterator IFolderEntry::getIteratorForFileOrFolderPath(fsp::StorageIRI const& iri, CheckType type,
@@ -125,7 +112,7 @@ void IFolderEntry::removeFileMetadata(fsp::StorageIRI const& iri, bool caseSensi
   doBuildFolder();
   auto it = find(iri, CheckType::FILE, caseSensitive);
   if (it == children_.end()) return;
-  children_.erase(it);
+  eraseChild(it);
   stampNow();
 }
 
@@ -134,7 +121,7 @@ void IFolderEntry::removeFolderMetadata(fsp::StorageIRI const& iri, bool caseSen
   doBuildFolder();
   auto it = find(iri, CheckType::FOLDER, caseSensitive);
   if (it == children_.end()) return;
-  children_.erase(it);
+  eraseChild(it);
   stampNow();
 }
 
@@ -143,7 +130,7 @@ void IFolderEntry::addFileMetadata(std::shared_ptr<FileMetadata> child, bool upd
   doBuildFolder();
   if (updateLastModified) stampWith(child->getLastModified());
   auto location = child->getLocation();
-  children_.emplace(std::move(location), FileOrFolderMetadata(std::move(child)));
+  insertChild(std::move(location), FileOrFolderMetadata(std::move(child)));
 }
 
 void IFolderEntry::addFolderMetadata(std::shared_ptr<FolderMetadata> child, bool updateLastModified) const {
@@ -151,7 +138,7 @@ void IFolderEntry::addFolderMetadata(std::shared_ptr<FolderMetadata> child, bool
   doBuildFolder();
   if (updateLastModified) stampWith(child->getLastModified());
   auto location = child->getLocation();
-  children_.emplace(std::move(location), FileOrFolderMetadata(std::move(child)));
+  insertChild(std::move(location), FileOrFolderMetadata(std::move(child)));
 }
 
 IFolderEntry::const_iterator IFolderEntry::begin() const {

@@ -16,7 +16,8 @@
 // child's key is lower-cased (fl::i18n::to_lower) and hashed with
 // std::hash<std::u16string>; the first child, in key order, whose hash equals the wanted
 // one is the match. Two names whose lower-cased forms collide in the hash are treated
-// as the same name.
+// as the same name. Lookups of either kind go through hash indexes of the children
+// (LocationIndex), so they cost the same in a folder of ten children or of ten thousand.
 //
 // Thread-safety: the entry's lock serialises all readers and writers of the children;
 // the folder's record pointer has a lock of its own so that `withMetadata` never waits
@@ -24,6 +25,7 @@
 #pragma once
 
 #include <core/FileOrFolderMetadata.hpp>
+#include <core/LocationIndex.hpp>
 
 #include <foundation/storage/provider/StorageIRI.hpp>
 
@@ -112,7 +114,11 @@ class IFolderEntry {
 
  private:
   // Guard held by the caller.
-  const_iterator find(fsp::StorageIRI const& iri, CheckType type, bool caseSensitive) const;
+  Children::iterator find(fsp::StorageIRI const& iri, CheckType type, bool caseSensitive) const;
+  // Guard held by the caller: inserts `child` under `location` unless that key is present.
+  void insertChild(fsp::StorageIRI location, FileOrFolderMetadata child) const;
+  // Guard held by the caller: erases the child at `it`.
+  void eraseChild(Children::iterator it) const;
   void stampNow() const;
   void stampWith(boost::posix_time::ptime time) const;
 
@@ -120,8 +126,11 @@ class IFolderEntry {
   mutable std::mutex metadataGuard_;         // guards metadata_ and metadataGiven_ (a leaf lock)
   std::shared_ptr<FolderMetadata> metadata_;
   bool metadataGiven_ = false;
-  mutable std::mutex guard_;                 // guards children_ (after the build) and serialises builds
+  mutable std::mutex guard_;  // guards children_ and index_ (after the build) and serialises builds
   mutable Children children_;
+  // Lookup tables over children_, built at the first lookup after the build (a listing
+  // fills children_ directly, before anyone looks) and kept in step by every change.
+  mutable LocationIndex<Children> index_{children_};
 };
 
 }  // namespace storage::overlayprovider

@@ -12,6 +12,8 @@
 #include <algorithm>
 #include <chrono>
 #include <exception>
+#include <optional>
+#include <string_view>
 #include <utility>
 
 namespace storage::overlayprovider {
@@ -55,7 +57,78 @@ bool isUnbuiltListing(std::shared_ptr<IFolderEntry> const& entry) {
   return listing != nullptr && !listing->isBuilt();
 }
 
+// A scheme that getInnerMostURL keeps as it is: lower case, no "+".
+bool isKeyScheme(std::u16string const& scheme) {
+  if (scheme.empty()) return false;
+  return std::all_of(scheme.begin(), scheme.end(), [](char16_t c) {
+    return (c >= u'a' && c <= u'z') || (c >= u'0' && c <= u'9') || c == u'.' || c == u'-';
+  });
+}
+
+// A resolved path ("/" or "/a/b": no empty, "." or ".." segment, no trailing slash) of
+// characters that the text conversions and the parser keep as they are.
+bool isKeyPath(std::u16string const& path) {
+  if (path.empty() || path.front() != u'/') return false;
+  if (path.size() == 1) return true;
+  std::size_t segment = 1;
+  for (std::size_t i = 1; i <= path.size(); ++i) {
+    if (i == path.size() || path[i] == u'/') {
+      std::size_t const length = i - segment;
+      if (length == 0) return false;
+      if (path[segment] == u'.' && (length == 1 || (length == 2 && path[segment + 1] == u'.'))) return false;
+      segment = i + 1;
+      continue;
+    }
+    char16_t const c = path[i];
+    if (c < 0x20 || c == 0x7F || (c >= 0xD800 && c <= 0xDFFF)) return false;
+    if (c == u'?' || c == u'#' || c == u'<' || c == u'>' || c == u'%' || c == u'\\') return false;
+  }
+  return true;
+}
+
+// An IRI that getInnerMostURL returns unchanged, and so does for its parent.
+bool isPlainKey(StorageIRI const& iri) {
+  return !iri.hasInnerIRI() && iri.getAuthority().empty() && !iri.getQuery() && !iri.getFragment() &&
+         isKeyScheme(iri.getScheme()) && isKeyPath(iri.getPath());
+}
+
+// The text of the parent of a plain key that has a parent: the key's text without its
+// last segment ("mem:///a/b" -> "mem:///a", "mem:///a" -> "mem:///"), as the parent's
+// IRI would render it.
+std::u16string_view parentTextOf(StorageIRI const& key) {
+  std::u16string_view const text = key.toString();
+  std::u16string_view const path = key.getPath();
+  std::size_t const slash = path.rfind(u'/');
+  return text.substr(0, text.size() - path.size() + (slash == 0 ? 1 : slash));
+}
+
 }  // namespace
+
+StorageIRI MetadataCache::keyFor(StorageIRI const& iri) { return isPlainKey(iri) ? iri : getInnerMostURL(iri); }
+
+// The key of an argument, without copying an argument that is already a plain key.
+// Refers to the argument, which must outlive it.
+class MetadataCache::Key {
+ public:
+  explicit Key(StorageIRI const& iri) : plain_(isPlainKey(iri)), key_(&iri) {
+    if (!plain_) {
+      mapped_ = getInnerMostURL(iri);
+      key_ = &*mapped_;
+      plain_ = isPlainKey(*mapped_);
+    }
+  }
+  Key(Key const&) = delete;
+  Key& operator=(Key const&) = delete;
+
+  StorageIRI const& get() const { return *key_; }
+  // The key and its parent are their own keys, so the parent's text is the parent's key.
+  bool plain() const { return plain_; }
+
+ private:
+  bool plain_;
+  std::optional<StorageIRI> mapped_;
+  StorageIRI const* key_;
+};
 
 // Takes the cache lock; entries retired while it was held are destroyed after it is
 // released (destroying a listing entry waits for its listing).
@@ -98,43 +171,76 @@ void MetadataCache::retire(std::shared_ptr<IFolderEntry> entry) const { retired_
 // ---- finding and creating entries ----------------------------------------------------------
 
 MetadataCache::FolderMap::iterator MetadataCache::getCacheIterator(StorageIRI const& key) const {
-  if (caseSensitive_) return folders_.find(key);
-  std::size_t const wanted = IFolderEntry::lowerCaseHash(key);
-  for (auto it = folders_.begin(); it != folders_.end(); ++it) {
-    if (IFolderEntry::lowerCaseHash(it->first) == wanted) return it;
-  }
-  return folders_.end();
+  return caseSensitive_ ? folderIndex_.findExact(key) : folderIndex_.findFolded(key);
+}
+
+void MetadataCache::emplaceFolder(StorageIRI key, std::shared_ptr<IFolderEntry> const& entry) const {
+  auto const [it, inserted] = folders_.emplace(std::move(key), entry);
+  if (inserted) folderIndex_.inserted(it);
+}
+
+MetadataCache::FolderMap::iterator MetadataCache::eraseFolder(FolderMap::iterator it) const {
+  retire(std::move(it->second));
+  folderIndex_.erasing(it);
+  return folders_.erase(it);
+}
+
+void MetadataCache::clearFolders() const {
+  for (auto& [key, entry] : folders_) retire(std::move(entry));
+  folderIndex_.cleared();
+  folders_.clear();
 }
 
 std::shared_ptr<IFolderEntry> MetadataCache::doGetFolderContainer(StorageIRI const& iri, bool create) const {
-  auto const key = getInnerMostURL(iri);
+  auto const key = keyFor(iri);
   auto it = getCacheIterator(key);
   if (it != folders_.end()) return it->second;
   if (!create) return nullptr;
   std::shared_ptr<IFolderEntry> entry = std::make_shared<FutureFolderEntry>(key, inner_);
-  folders_.emplace(key, entry);
+  emplaceFolder(key, entry);
   return entry;
 }
 
 void MetadataCache::insertFolderEntry(StorageIRI const& iri, std::shared_ptr<IFolderEntry> const& entry) const {
-  folders_.emplace(getInnerMostURL(iri), entry);
+  emplaceFolder(keyFor(iri), entry);
 }
 
 std::shared_ptr<IFolderEntry> MetadataCache::doLoadAndGetFolderContainer(StorageIRI const& iri) const {
-  auto const key = getInnerMostURL(iri);
+  auto const key = keyFor(iri);
   std::shared_ptr<IFolderEntry> entry;
   {
     CacheLock lock(*this);
     auto it = getCacheIterator(key);
     if (it != folders_.end()) entry = it->second;
   }
-  if (!entry) {
-    auto fresh = std::make_shared<FutureFolderEntry>(key, inner_);
-    fresh->getMetadata();  // waits for the listing; its failure goes to the caller
+  return entry ? awaitCachedEntry(entry) : loadFolderEntry(key);
+}
+
+std::shared_ptr<IFolderEntry> MetadataCache::loadParentEntry(Key const& key) const {
+  if (!key.plain()) return doLoadAndGetFolderContainer(key.get().getParent());
+  // The parent is found by its text, without building its IRI.
+  auto const parent = parentTextOf(key.get());
+  std::shared_ptr<IFolderEntry> entry;
+  {
     CacheLock lock(*this);
-    insertFolderEntry(key, fresh);
-    return fresh;
+    auto it = caseSensitive_ ? folderIndex_.findExact(parent) : folderIndex_.findFolded(parent);
+    if (it != folders_.end()) entry = it->second;
   }
+  return entry ? awaitCachedEntry(entry) : loadFolderEntry(key.get().getParent());
+}
+
+std::shared_ptr<IFolderEntry> MetadataCache::loadFolderEntry(StorageIRI const& key) const {
+  auto fresh = std::make_shared<FutureFolderEntry>(key, inner_);
+  fresh->getMetadata();  // waits for the listing; its failure goes to the caller
+  CacheLock lock(*this);
+  insertFolderEntry(key, fresh);
+  return fresh;
+}
+
+std::shared_ptr<IFolderEntry> MetadataCache::awaitCachedEntry(std::shared_ptr<IFolderEntry> const& entry) const {
+  // A plain entry, or a listing entry built already, has nothing to wait for and no
+  // failure to pass on.
+  if (!isUnbuiltListing(entry)) return entry;
   try {
     entry->getMetadata();  // waits if the entry is still listing
   } catch (Exception const& e) {
@@ -196,10 +302,10 @@ void MetadataCache::awaitFrozenReAdd() const {
 
 std::shared_ptr<FileMetadata> MetadataCache::getFileMetadata(StorageIRI const& iri) const {
   try {
-    auto const key = getInnerMostURL(iri);
-    if (!key.hasParent()) return nullptr;
-    auto entry = doLoadAndGetFolderContainer(key.getParent());
-    return entry->getFileMetadata(key, caseSensitive_);
+    Key const key(iri);
+    if (!key.get().hasParent()) return nullptr;
+    auto entry = loadParentEntry(key);
+    return entry->getFileMetadata(key.get(), caseSensitive_);
   } catch (Exception const& e) {
     if (doesNotExist(e)) return nullptr;
     throw;
@@ -208,12 +314,12 @@ std::shared_ptr<FileMetadata> MetadataCache::getFileMetadata(StorageIRI const& i
 
 std::shared_ptr<FolderMetadata> MetadataCache::doGetFolderMetadata(StorageIRI const& iri) const {
   try {
-    auto const key = getInnerMostURL(iri);
-    if (key.hasParent()) {
-      auto entry = doLoadAndGetFolderContainer(key.getParent());
-      return entry->getFolderMetadata(key, caseSensitive_);
+    Key const key(iri);
+    if (key.get().hasParent()) {
+      auto entry = loadParentEntry(key);
+      return entry->getFolderMetadata(key.get(), caseSensitive_);
     }
-    return doLoadAndGetFolderContainer(key)->getMetadata();
+    return doLoadAndGetFolderContainer(key.get())->getMetadata();
   } catch (Exception const& e) {
     if (doesNotExist(e)) return nullptr;
     throw;
@@ -252,7 +358,7 @@ bool MetadataCache::hasFolder(StorageIRI const& iri) const {
 
 std::shared_ptr<FileMetadata> MetadataCache::doGetFileMetadataFromCache(StorageIRI const& iri) const {
   if (!iri.hasParent()) return nullptr;
-  auto it = folders_.find(getInnerMostURL(iri.getParent()));
+  auto it = folderIndex_.findExact(keyFor(iri.getParent()));
   if (it == folders_.end()) return nullptr;
   return it->second->getFileMetadata(iri, true);
 }
@@ -260,10 +366,10 @@ std::shared_ptr<FileMetadata> MetadataCache::doGetFileMetadataFromCache(StorageI
 std::shared_ptr<FolderMetadata> MetadataCache::doGetFolderMetadataFromCache(StorageIRI const& iri) const {
   if (!iri.hasParent()) {
     // The root is listed by no parent; its record is its own entry's.
-    auto it = folders_.find(getInnerMostURL(iri));
+    auto it = folderIndex_.findExact(keyFor(iri));
     return it == folders_.end() ? nullptr : it->second->getMetadata();
   }
-  auto it = folders_.find(getInnerMostURL(iri.getParent()));
+  auto it = folderIndex_.findExact(keyFor(iri.getParent()));
   if (it == folders_.end()) return nullptr;
   return it->second->getFolderMetadata(iri, true);
 }
@@ -326,7 +432,7 @@ void MetadataCache::doAddFileMetadata(std::shared_ptr<FileMetadata> const& recor
 void MetadataCache::doAddFolderMetadata(std::shared_ptr<FolderMetadata> const& record, bool updateParent,
                                         bool listFromBackend) const {
   auto const location = record->getLocation();
-  auto it = folders_.find(getInnerMostURL(location));
+  auto it = folderIndex_.findExact(keyFor(location));
   if (it != folders_.end()) {
     it->second->withMetadata(record);
   } else {
@@ -359,7 +465,7 @@ void MetadataCache::addFolderContainer(std::shared_ptr<IFolderEntry> const& entr
 // ---- removing ---------------------------------------------------------------------------------
 
 void MetadataCache::doRemoveFile(StorageIRI const& iri) const {
-  auto const key = getInnerMostURL(iri);
+  auto const key = keyFor(iri);
   if (!key.hasParent()) return;
   auto entry = doGetFolderContainer(key.getParent(), false);
   if (!entry) return;
@@ -368,7 +474,7 @@ void MetadataCache::doRemoveFile(StorageIRI const& iri) const {
 }
 
 void MetadataCache::doRemoveFolder(StorageIRI const& iri) const {
-  auto const key = getInnerMostURL(iri);
+  auto const key = keyFor(iri);
   if (key.hasParent()) {
     if (auto entry = doGetFolderContainer(key.getParent(), false)) {
       entry->removeFolderMetadata(key, caseSensitive_);
@@ -407,7 +513,7 @@ void foldersForRemoving(StorageIRI const& key, std::vector<std::shared_ptr<IFold
 }  // namespace
 
 void MetadataCache::createFileMetadata(StorageIRI const& iri) const {
-  auto const key = getInnerMostURL(iri);
+  auto const key = keyFor(iri);
   auto get = [this](StorageIRI const& folder, bool create) { return doGetFolderContainer(folder, create); };
   awaitEntries([&](auto& entries) { foldersForAdding(key, entries, get); });
 
@@ -425,7 +531,7 @@ void MetadataCache::createFileMetadata(StorageIRI const& iri) const {
 }
 
 void MetadataCache::createFolderMetadata(StorageIRI const& iri) const {
-  auto const key = getInnerMostURL(iri);
+  auto const key = keyFor(iri);
   auto get = [this](StorageIRI const& folder, bool create) { return doGetFolderContainer(folder, create); };
   awaitEntries([&](auto& entries) { foldersForAdding(key, entries, get); });
 
@@ -463,7 +569,7 @@ void MetadataCache::addFolderMetadata(std::shared_ptr<FolderMetadata> record) co
 }
 
 void MetadataCache::removeFile(StorageIRI const& iri) const {
-  auto const key = getInnerMostURL(iri);
+  auto const key = keyFor(iri);
   auto get = [this](StorageIRI const& folder, bool create) { return doGetFolderContainer(folder, create); };
   awaitEntries([&](auto& entries) { foldersForRemoving(key, entries, get); });
 
@@ -474,7 +580,7 @@ void MetadataCache::removeFile(StorageIRI const& iri) const {
 }
 
 void MetadataCache::removeFolder(StorageIRI const& iri) const {
-  auto const key = getInnerMostURL(iri);
+  auto const key = keyFor(iri);
   auto get = [this](StorageIRI const& folder, bool create) { return doGetFolderContainer(folder, create); };
   awaitEntries([&](auto& entries) { foldersForRemoving(key, entries, get); });
 
@@ -485,8 +591,8 @@ void MetadataCache::removeFolder(StorageIRI const& iri) const {
 }
 
 void MetadataCache::doMoveOrCopyFile(StorageIRI const& src, StorageIRI const& dst, bool move) const {
-  auto const s = getInnerMostURL(src);
-  auto const d = getInnerMostURL(dst);
+  auto const s = keyFor(src);
+  auto const d = keyFor(dst);
   // The source is looked up before anything changes, so that a missing source leaves
   // the tree as it was.
   std::shared_ptr<FileMetadata> source;
@@ -507,8 +613,8 @@ void MetadataCache::doMoveOrCopyFile(StorageIRI const& src, StorageIRI const& ds
 }
 
 void MetadataCache::moveFile(StorageIRI const& src, StorageIRI const& dst) const {
-  auto const s = getInnerMostURL(src);
-  auto const d = getInnerMostURL(dst);
+  auto const s = keyFor(src);
+  auto const d = keyFor(dst);
   auto get = [this](StorageIRI const& folder, bool create) { return doGetFolderContainer(folder, create); };
   awaitEntries([&](auto& entries) {
     foldersForAdding(s, entries, get);
@@ -521,8 +627,8 @@ void MetadataCache::moveFile(StorageIRI const& src, StorageIRI const& dst) const
 }
 
 void MetadataCache::copyFile(StorageIRI const& src, StorageIRI const& dst) const {
-  auto const s = getInnerMostURL(src);
-  auto const d = getInnerMostURL(dst);
+  auto const s = keyFor(src);
+  auto const d = keyFor(dst);
   auto get = [this](StorageIRI const& folder, bool create) { return doGetFolderContainer(folder, create); };
   awaitEntries([&](auto& entries) {
     if (s.hasParent()) entries.push_back(get(s.getParent(), true));
@@ -535,8 +641,8 @@ void MetadataCache::copyFile(StorageIRI const& src, StorageIRI const& dst) const
 }
 
 void MetadataCache::moveFolder(StorageIRI const& src, StorageIRI const& dst, fsp::ReplacementPolicy policy) const {
-  auto const s = getInnerMostURL(src);
-  auto const d = getInnerMostURL(dst);
+  auto const s = keyFor(src);
+  auto const d = keyFor(dst);
   // The whole source sub-tree is listed (as the move itself would) and the destination's
   // cached entries are waited for before the cache lock is taken.
   awaitSubtree(s, true);
@@ -590,7 +696,7 @@ void MetadataCache::moveFolderDetail(StorageIRI const& src, StorageIRI const& ds
                                      std::deque<FolderMove>& queue, std::vector<StorageIRI>& movedSources) const {
   std::shared_ptr<IFolderEntry> destination;
   bool made = false;
-  if (auto it = folders_.find(dst); it != folders_.end()) {
+  if (auto it = folderIndex_.findExact(dst); it != folders_.end()) {
     destination = it->second;
   } else {
     destination = std::make_shared<IFolderEntry>(dst);
@@ -620,20 +726,17 @@ void MetadataCache::moveFolderDetail(StorageIRI const& src, StorageIRI const& ds
 void MetadataCache::doInvalidateFolder(StorageIRI const& iri) const {
   if (iri.getPath() == u"/") {
     getLogger().log(Severity::Info, "Invalidating root.");
-    for (auto& [key, entry] : folders_) retire(std::move(entry));
-    folders_.clear();
+    clearFolders();
     return;
   }
-  auto it = folders_.find(iri);
+  auto it = folderIndex_.findExact(iri);
   // A folder that was never loaded has nothing stale of its own; its cached
   // descendants stay.
   if (it == folders_.end()) return;
-  retire(std::move(it->second));
-  folders_.erase(it);
+  eraseFolder(it);
   for (auto descendant = folders_.begin(); descendant != folders_.end();) {
     if (iri.isAncestorOf(descendant->first)) {
-      retire(std::move(descendant->second));
-      descendant = folders_.erase(descendant);
+      descendant = eraseFolder(descendant);
     } else {
       ++descendant;
     }
@@ -641,13 +744,12 @@ void MetadataCache::doInvalidateFolder(StorageIRI const& iri) const {
 }
 
 void MetadataCache::doInvalidateAll() const {
-  for (auto& [key, entry] : folders_) retire(std::move(entry));
-  folders_.clear();
+  clearFolders();
   frozen_.clear();
 }
 
 void MetadataCache::invalidateFolder(StorageIRI const& iri) const {
-  auto const key = getInnerMostURL(iri);
+  auto const key = keyFor(iri);
   CacheLock lock(*this);
   doInvalidateFolder(key.hasParent() ? key.getParent() : key);
 }
@@ -658,7 +760,7 @@ void MetadataCache::invalidateAll() {
 }
 
 void MetadataCache::enqueueInvalidationProcess(StorageIRI const& iri) {
-  auto key = getInnerMostURL(iri);
+  auto key = keyFor(iri);
   CacheLock lock(*this);
   pending_.insert(std::move(key));
   frozenReAddPending_ = true;
@@ -715,7 +817,7 @@ void MetadataCache::snapshotFrozenMetadata() {
 }
 
 void MetadataCache::snapshotFrozenMetadataAndInvalidate(StorageIRI const& iri) {
-  auto const key = getInnerMostURL(iri);
+  auto const key = keyFor(iri);
   CacheLock lock(*this);
   doSnapshotFrozenMetadata();
   doInvalidateFolder(key.hasParent() ? key.getParent() : key);
@@ -746,7 +848,7 @@ void MetadataCache::addFrozenEntries() const {
 }
 
 void MetadataCache::removeFrozenMetadata(StorageIRI const& iri, bool recursive) const {
-  auto const key = getInnerMostURL(iri);
+  auto const key = keyFor(iri);
   auto it = frozen_.find(key);
   if (it == frozen_.end()) return;
   if (it->second.index() == 1 && recursive) {
@@ -762,7 +864,7 @@ void MetadataCache::removeFrozenMetadata(StorageIRI const& iri, bool recursive) 
 }
 
 void MetadataCache::thawFile(StorageIRI const& iri) {
-  auto const key = getInnerMostURL(iri);
+  auto const key = keyFor(iri);
   CacheLock lock(*this);
   if (key.hasParent() && folders_.count(key.getParent()) != 0) {
     // The lookup may list the parent; it runs without the cache lock.
@@ -774,7 +876,7 @@ void MetadataCache::thawFile(StorageIRI const& iri) {
 }
 
 void MetadataCache::thawFolderImpl(StorageIRI const& iri, bool recursive) const {
-  auto it = folders_.find(iri);
+  auto it = folderIndex_.findExact(iri);
   if (it == folders_.end()) return;
   auto const entry = it->second;
   entry->thaw();
@@ -789,12 +891,12 @@ void MetadataCache::thawFolderImpl(StorageIRI const& iri, bool recursive) const 
 }
 
 void MetadataCache::thawFolder(StorageIRI const& iri, bool recursive) {
-  auto const key = getInnerMostURL(iri);
+  auto const key = keyFor(iri);
   if (recursive) {
     awaitSubtree(key, false);
   } else {
     awaitEntries([&](auto& entries) {
-      if (auto it = folders_.find(key); it != folders_.end()) entries.push_back(it->second);
+      if (auto it = folderIndex_.findExact(key); it != folders_.end()) entries.push_back(it->second);
     });
   }
   CacheLock lock(*this);
@@ -816,7 +918,7 @@ void MetadataCache::populate(bool wait) {
   try {
     // Keys are inner-most IRIs, so the listed names are joined to the inner-most form
     // of the inner root.
-    auto const base = getInnerMostURL(inner_->getLocation());
+    auto const base = keyFor(inner_->getLocation());
     auto listing = inner_->listAllRecursive(u"*");
     while (listing->notAtEnd()) {
       listing->advance();
@@ -880,7 +982,7 @@ std::uint64_t MetadataCache::getSpaceOccupiedByFile(StorageIRI const& iri) const
 }
 
 std::uint64_t MetadataCache::getSpaceOccupiedByFolder(StorageIRI const& iri) const {
-  awaitSubtree(getInnerMostURL(iri), false);
+  awaitSubtree(keyFor(iri), false);
   CacheLock lock(*this);
   return doGetSpaceOccupiedByFolder(iri);
 }

@@ -10,7 +10,8 @@
 // Keys. Every public operation first maps its IRI argument with getInnerMostURL and works
 // on that form only; entries, children and snapshot entries are keyed by inner-most IRIs.
 // With case sensitivity off, folders and children are matched by the lower-case hash rule
-// of IFolderEntry.
+// of IFolderEntry. Folders and children are found through hash indexes (LocationIndex),
+// so a lookup costs the same in a tree of any size.
 //
 // Freezing. Records made by local changes are frozen. Before a queued invalidation drops
 // folders, the frozen records are saved in the frozen snapshot and put back into the
@@ -49,6 +50,7 @@
 
 #include <core/FileOrFolderMetadata.hpp>
 #include <core/IFolderEntry.hpp>
+#include <core/LocationIndex.hpp>
 
 #include <foundation/storage/provider/StorageIRI.hpp>
 #include <foundation/storage/provider/StorageItem.hpp>
@@ -191,6 +193,14 @@ class MetadataCache {
   // folder that is not cached. Loads nothing. Does not trigger.
   std::uint64_t getSpaceOccupiedByFolder(StorageIRI const& iri) const;
 
+  // ---- keys ---------------------------------------------------------------------------------
+
+  // The key the cache files `iri` under: getInnerMostURL(iri). An IRI already in that
+  // form (no inner IRI, no authority, query or fragment, a lower-case scheme without "+",
+  // a resolved path of plain characters) is returned as it is, without the round trip
+  // through the network IRI that the mapping makes. Throws what getInnerMostURL throws.
+  static StorageIRI keyFor(StorageIRI const& iri);
+
   // ---- inspection, for tests and tools ---------------------------------------------------
   bool isCaseSensitive() const { return caseSensitive_; }
   // Keys of the cached folders, in order.
@@ -211,6 +221,11 @@ class MetadataCache {
 
   // ---- guard_ held by the caller -----------------------------------------------------------
   FolderMap::iterator getCacheIterator(StorageIRI const& key) const;
+  // Every change of folders_ goes through these three, which keep folderIndex_ in step;
+  // entries that leave are retired.
+  void emplaceFolder(StorageIRI key, std::shared_ptr<IFolderEntry> const& entry) const;
+  FolderMap::iterator eraseFolder(FolderMap::iterator it) const;
+  void clearFolders() const;
   std::shared_ptr<IFolderEntry> doGetFolderContainer(StorageIRI const& iri, bool create) const;
   std::shared_ptr<FileMetadata> doGetFileMetadataFromCache(StorageIRI const& iri) const;
   std::shared_ptr<FolderMetadata> doGetFolderMetadataFromCache(StorageIRI const& iri) const;
@@ -240,8 +255,18 @@ class MetadataCache {
   void retire(std::shared_ptr<IFolderEntry> entry) const;
 
   // ---- guard_ not held ----------------------------------------------------------------------
+  class Key;
   // Loads the folder's entry and waits for its listing; takes and releases guard_.
   std::shared_ptr<IFolderEntry> doLoadAndGetFolderContainer(StorageIRI const& iri) const;
+  // doLoadAndGetFolderContainer of the parent of `key` (which has one); a plain key's
+  // parent is found by its text, without building the parent's IRI.
+  std::shared_ptr<IFolderEntry> loadParentEntry(Key const& key) const;
+  // Lists the folder at `key` (a key) into a fresh entry, waits for it, then inserts it
+  // (an entry inserted meanwhile under that key is kept). Passes on the listing's failure.
+  std::shared_ptr<IFolderEntry> loadFolderEntry(StorageIRI const& key) const;
+  // Waits for a cached entry that may still be listing; on error code 4 drops the folder
+  // and its cached sub-tree, then passes the failure on.
+  std::shared_ptr<IFolderEntry> awaitCachedEntry(std::shared_ptr<IFolderEntry> const& entry) const;
   std::shared_ptr<FolderMetadata> doGetFolderMetadata(StorageIRI const& iri) const;
   // Waits for the listings of the entries `resolve` picks under the cache lock.
   template <class Resolve>
@@ -263,8 +288,10 @@ class MetadataCache {
   std::unique_ptr<std::future<void>> population_;  // null until a population starts
   std::atomic<bool> populationWaited_{false};     // set (under populationMutex_) by the first successful wait
 
-  mutable std::mutex guard_;  // the cache lock: guards folders_, frozen_, pending_, frozenReAddPending_, retired_
+  mutable std::mutex guard_;  // the cache lock: guards folders_, folderIndex_, frozen_, pending_,
+                              // frozenReAddPending_, retired_
   mutable FolderMap folders_;
+  mutable LocationIndex<FolderMap> folderIndex_{folders_};  // exact and case-insensitive lookup in folders_
   mutable Snapshot frozen_;
   mutable std::set<StorageIRI> pending_;
   mutable bool frozenReAddPending_ = false;
