@@ -1,0 +1,195 @@
+// ContentCache: the registry of every file whose content the overlay holds on local disk.
+//
+// It maps each file location to one WorkingFileEntry, hands the entry out to every stream
+// opened on the location, rebuilds it when an earlier write-behind failed, evicts the
+// least recently accessed entry when the disk that holds the cache runs short, and
+// follows the overlay's moves, copies and invalidations.
+//
+// Disk layout: <cache root>/<Versioning::GetVersionString()>/<name>.cache. The default
+// cache root is the host's temporary directory joined with "overlay_cache-" and a fresh
+// UUID; withCacheRoot replaces it. Nothing touches the disk before the first operation:
+// every operation first checks the data directory and creates it (with any missing
+// parent) when it is missing, so a data directory removed from outside comes back, and
+// on the first successful check installs a LocalFSCacheSpaceArbitrator on it unless an
+// arbitrator was installed before.
+//
+// Leaving entries. An entry that leaves the map (invalidation, a move that replaces it,
+// eviction) goes to the recycle bin rather than being destroyed on the spot: streams,
+// queued write-behind and readers on other threads may still hold it. emptyRecycleBin()
+// only asks for the bin to be emptied; that happens at the next disposal (or at
+// invalidateAll), under the cache's lock.
+//
+// Failures. Setting up the data directory or the arbitrator fails with
+// CachingErrorException("Problem initializing cache root.") and is tried again at the next
+// operation. Every failure to make an entry, lack of space included, is logged with its
+// cause and reaches the caller as CachingErrorException("Caching failed due to an
+// unknown error."); the caller then reads the inner store directly.
+//
+// Thread-safety and locks. One mutex (`mutex_`) serialises every operation on the map,
+// the recycle bin and the arbitrator, including the space check and the evictions of
+// retrieveEntry, so that two threads opening files cannot both pass the check for the
+// same free bytes. Calls into entries are made with `mutex_` held; entries take their
+// own locks inside, so the order is always this cache first, an entry second (an entry
+// never calls back into the cache). moveFolder consults the metadata cache with
+// `mutex_` held: this cache's lock comes before the metadata cache's.
+#pragma once
+
+#include <core/CachingErrorException.hpp>
+#include <core/FileMetadata.hpp>
+#include <core/ICacheSpaceArbitrator.hpp>
+#include <core/IExecutor.hpp>
+#include <core/IQuotaAccountant.hpp>
+#include <core/LocalFSCacheSpaceArbitrator.hpp>
+#include <core/TimedLatch.hpp>
+#include <core/WorkingFileEntry.hpp>
+#include <core/WorkingFileEntryParams.hpp>
+
+#include <fl/filesystem.hpp>
+#include <foundation/storage/provider/StorageIRI.hpp>
+#include <foundation/storage/provider/StorageItem.hpp>
+#include <foundation/storage/provider/Types.hpp>
+
+#include <atomic>
+#include <cstddef>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace storage::overlayprovider {
+
+class MetadataCache;
+
+class ContentCache {
+ public:
+  using StorageIRI = foundation::storage::provider::StorageIRI;
+
+  // A cache whose root is the host's temporary directory joined with "overlay_cache-" and
+  // a fresh UUID. Nothing is created on disk. `entryTiming` is given to every entry this
+  // cache makes (tests pass clocks of their own); `spaceQuery` measures the volume for
+  // the LocalFSCacheSpaceArbitrator made at initialization. Throws when the temporary
+  // directory is unusable or no UUID can be generated.
+  explicit ContentCache(EntryTiming entryTiming = {},
+                        LocalFSCacheSpaceArbitrator::SpaceQuery spaceQuery = LocalFSCacheSpaceArbitrator::measureVolume);
+  ~ContentCache();
+  ContentCache(ContentCache const&) = delete;
+  ContentCache& operator=(ContentCache const&) = delete;
+
+  // Replaces the cache root; returns this cache. Meant to be called before first use.
+  // Called later, entries made afterwards live under the new root, and an arbitrator
+  // this cache made for itself is made anew for the new root at the next operation
+  // (one installed with setCacheSpaceArbitrator stays). Takes `mutex_`.
+  ContentCache& withCacheRoot(fl::filesystem::path cacheRoot);
+  // Installs `arbitrator`, replacing any present one; with one installed before the first
+  // operation, no LocalFSCacheSpaceArbitrator is made. Takes `mutex_`.
+  void setCacheSpaceArbitrator(std::unique_ptr<ICacheSpaceArbitrator> arbitrator);
+
+  // Makes sure the data directory exists and the arbitrator is installed (see above).
+  // Takes `mutex_`. Throws CachingErrorException("Problem initializing cache root.").
+  void lazyInitialize() const;
+
+  // Each operation below takes `mutex_` for its whole duration and first runs the
+  // initialization, whose failure (CachingErrorException) it passes on.
+
+  // An entry is registered for `location`.
+  bool hasEntry(StorageIRI const& location) const;
+  // An entry is registered for `location` and some caller stream holds it; with
+  // `forWriting`, moreover, the entry is not opened read-only.
+  bool hasAliveEntry(StorageIRI const& location, bool forWriting) const;
+
+  // The entry for `location`: the registered one, unless its write-behind failed; then
+  // (logged "Retrieving <location> due to previous abort.") its cache file is deleted,
+  // it is disposed and a fresh entry is made. Before making an entry, asks the arbitrator
+  // for `metadata`'s size, evicting the least recently accessed entry while the answer
+  // is no. The new entry gets the data directory and every other argument unchanged.
+  // Throws CachingErrorException("Caching failed due to an unknown error.") when no
+  // entry can be made (also when there is no space and nothing left to evict), after
+  // logging the cause.
+  std::shared_ptr<WorkingFileEntry> retrieveEntry(StorageIRI const& location,
+                                                  std::shared_ptr<foundation::storage::provider::StorageItem> innerItem,
+                                                  std::shared_ptr<FileMetadata> metadata,
+                                                  std::shared_ptr<IExecutor> executor,
+                                                  std::shared_ptr<IQuotaAccountant> quota,
+                                                  std::shared_ptr<TimedLatch> latch, WorkingFileEntryParams params,
+                                                  std::atomic<bool>& shutdownFlag) const;
+
+  // Drops the entry of `location`, if any: it finishes its pending open, is aborted when
+  // `abort` is set, learns that it was invalidated, and goes to the recycle bin. Its cache
+  // file stays for the next entry of the location to check. A failure of the pending
+  // open is logged; the entry is dropped all the same.
+  void invalidate(StorageIRI const& location, bool abort) const;
+  // Drops the entry of `location` only when its content differs from `watermark` (the
+  // file changed elsewhere): aborted when `abort` is set, its cache file deleted, then
+  // disposed. An equal watermark keeps it. Passes on what reading the entry's watermark
+  // throws.
+  void invalidateOldEntry(StorageIRI const& location, std::string const& watermark, bool abort) const;
+  // Drops every entry strictly below `folder` (aborted when `abort` is set); an entry
+  // registered for `folder` itself stays.
+  void invalidateAllDescendantsOf(StorageIRI const& folder, bool abort) const;
+
+  // The file moved from `from` to `to` with record `newMetadata`: its entry, if any,
+  // finishes its pending open and moves there with its cache file, replacing (and
+  // disposing) an entry registered at `to`. Nothing happens without an entry at `from`.
+  void moveFile(StorageIRI const& from, StorageIRI const& to, std::shared_ptr<FileMetadata> newMetadata) const;
+  // The file at `from` was copied to `to` with record `newMetadata`: an entry at `from`
+  // gives a new entry at `to` whose cache file is a copy of its bytes (replacing and
+  // disposing one registered there); the source entry is untouched. When the copy cannot
+  // be made it is logged and whatever was registered at `to` is dropped, so that `to` is
+  // read from the inner store.
+  void copyFile(StorageIRI const& from, StorageIRI const& to, std::shared_ptr<FileMetadata> newMetadata) const;
+  // The folder moved from `from` to `to`; call after `metadataCache` has followed the
+  // move. Every entry below `from` moves to the same relative place below `to` with the
+  // record the metadata cache now has there, after whatever was registered at that place
+  // is dropped (aborted). With policy KeepExisting (4), a file that stayed at the
+  // destination (the metadata cache holds a record there other than the moving entry's)
+  // keeps its entry and the moving entry is dropped instead. An entry for which the
+  // metadata cache has no record, or whose lookup fails (logged), is dropped.
+  void moveFolder(StorageIRI const& from, StorageIRI const& to, foundation::storage::provider::ReplacementPolicy policy,
+                  MetadataCache const& metadataCache) const;
+
+  // Asks for the recycle bin to be emptied at the next disposal. Lock-free: callable from
+  // any thread with any lock held.
+  void emptyRecycleBin() const;
+  // Empties the recycle bin, then releases every entry of the map. Nothing is aborted and
+  // no cache file is deleted.
+  void invalidateAll() const;
+
+  // ---- inspection, for tests and tools (each takes `mutex_`, no initialization) ----------
+  fl::filesystem::path getCacheRoot() const;
+  // The cache root joined with the version text.
+  fl::filesystem::path getDataDirectory() const;
+  std::size_t recycleBinSize() const;
+  // Locations of the registered entries, in order.
+  std::vector<StorageIRI> entryLocations() const;
+
+ private:
+  using EntryPtr = std::shared_ptr<WorkingFileEntry>;
+
+  // ---- `mutex_` held by the caller -----------------------------------------------------
+  void doLazyInitialize() const;
+  fl::filesystem::path doGetDataDirectory() const;
+  // Moves `entry` into the recycle bin, first emptying the bin if that was asked for.
+  void dispose(EntryPtr entry) const;
+  // Evicts the entry with the oldest last access time (the first in location order among
+  // equal times): deletes its cache file, disposes it, tells the arbitrator.
+  void removeLeastRecentlyUsedItem() const;
+  void doInvalidate(StorageIRI const& location, bool abort) const;
+  // Registers `entry` at `location`, disposing an entry registered there before.
+  void replaceEntry(StorageIRI const& location, EntryPtr entry) const;
+
+  EntryTiming const entryTiming_;
+  LocalFSCacheSpaceArbitrator::SpaceQuery const spaceQuery_;
+
+  mutable std::mutex mutex_;  // guards every member below except recycleBinEmptyRequested_
+  fl::filesystem::path cacheRoot_;
+  mutable std::map<StorageIRI, EntryPtr> entries_;  // never holds an empty owner
+  mutable std::vector<EntryPtr> recycleBin_;
+  mutable std::unique_ptr<ICacheSpaceArbitrator> spaceArbitrator_;
+  mutable bool arbitratorIsOwn_ = false;  // spaceArbitrator_ was made by initialization, not installed
+  mutable bool initialized_ = false;
+  // Set by emptyRecycleBin(), taken (exchanged with false) by the next disposal.
+  mutable std::atomic<bool> recycleBinEmptyRequested_{false};
+};
+
+}  // namespace storage::overlayprovider
