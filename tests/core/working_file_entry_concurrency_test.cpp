@@ -98,7 +98,7 @@ TEST_F(WorkingFileEntryConcurrencyTest, AReadWaitsNoLongerThanThePeriod) {
   EXPECT_EQ(waits, 1);
   EXPECT_EQ(lastDeadline, start + 500ms);
 
-  ::setenv("QV_OVERLAY_WAIT_FOR_ZERO_PERIOD", "0", 1);  // no wait at all
+  ::setenv("QV_OVERLAY_WAIT_FOR_ZERO_PERIOD", "none", 1);  // atol gives 0: no wait at all
   EXPECT_EQ(readAt(*entry, 0, 10), "0000000000");
   EXPECT_EQ(waits, 1);
 

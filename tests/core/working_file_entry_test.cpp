@@ -14,7 +14,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <functional>
 
 namespace overlay_test {
@@ -547,16 +546,6 @@ TEST_F(WorkingFileEntryTest, RandomOperationsMatchAModelOfTheFile) {
   EXPECT_FALSE(entry->hasPendingBackgroundIO());
   EXPECT_GT(delivered, 0);
   EXPECT_EQ(storeContent(u"/model"), model);
-}
-
-TEST_F(WorkingFileEntryTest, WaitForZeroPeriodComesFromTheEnvironment) {
-  ::unsetenv("QV_OVERLAY_WAIT_FOR_ZERO_PERIOD");
-  EXPECT_EQ(WorkingFileEntry::waitForZeroPeriod(), 2000ms);
-  ::setenv("QV_OVERLAY_WAIT_FOR_ZERO_PERIOD", "250", 1);
-  EXPECT_EQ(WorkingFileEntry::waitForZeroPeriod(), 250ms);
-  ::setenv("QV_OVERLAY_WAIT_FOR_ZERO_PERIOD", "abc", 1);
-  EXPECT_EQ(WorkingFileEntry::waitForZeroPeriod(), 0ms);
-  ::unsetenv("QV_OVERLAY_WAIT_FOR_ZERO_PERIOD");
 }
 
 }  // namespace

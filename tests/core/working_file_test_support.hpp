@@ -18,7 +18,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <deque>
 #include <filesystem>
 #include <fstream>
@@ -99,7 +98,6 @@ class RecordingExecutor final : public ovl::IExecutor {
       records_.push_back({type, weight});
       if (!inline_) {
         queue_.push_back(std::move(task));
-        changed_.notify_all();
         return;
       }
     }
@@ -146,11 +144,6 @@ class RecordingExecutor final : public ovl::IExecutor {
     task();
     return true;
   }
-  // Blocks until at least `n` tasks are queued.
-  void waitQueued(std::size_t n) {
-    std::unique_lock lock(mutex_);
-    changed_.wait(lock, [&] { return queue_.size() >= n; });
-  }
   std::vector<Record> records() const {
     std::lock_guard lock(mutex_);
     return records_;
@@ -161,15 +154,10 @@ class RecordingExecutor final : public ovl::IExecutor {
       if (r.type == type) out.push_back(r);
     return out;
   }
-  std::size_t queued() const {
-    std::lock_guard lock(mutex_);
-    return queue_.size();
-  }
 
  private:
   bool const inline_;
   mutable std::mutex mutex_;  // guards records_, queue_, shutdown_
-  std::condition_variable changed_;
   std::vector<Record> records_;
   std::deque<Task> queue_;
   bool shutdown_ = false;
