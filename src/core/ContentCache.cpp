@@ -1,6 +1,7 @@
 #include <core/ContentCache.hpp>
 
 #include <core/CacheFileNaming.hpp>
+#include <core/FilesystemCacheResource.hpp>
 #include <core/Logger.hpp>
 #include <core/MetadataCache.hpp>
 #include <core/Versioning.hpp>
@@ -166,9 +167,30 @@ std::shared_ptr<WorkingFileEntry> ContentCache::retrieveEntry(
         removeLeastRecentlyUsedItem();
       }
     }
-    auto entry = std::make_shared<WorkingFileEntry>(doGetDataDirectory(), std::move(metadata), std::move(innerItem),
-                                                    std::move(executor), std::move(quota), std::move(latch),
-                                                    std::move(params), shutdownFlag, entryTiming_);
+    auto const dataDirectory = doGetDataDirectory();
+    fl::filesystem::path checkoutPath;
+    if (params.usesDiskCaching()) {
+      checkoutPath = FilesystemCacheResource::checkoutPathFor(dataDirectory, metadata->getLocation());
+    }
+    EntryPtr entry;
+    if (!checkoutPath.empty() && madePaths_.count(checkoutPath) != 0) {
+      // An earlier entry of this cache used this file and may still be using it through
+      // its open handle; what the file holds is known to that entry only. The new entry
+      // gets a file of its own and starts with nothing cached: it is made as a copy of a
+      // file that does not exist (no cache file is named ".none"), which adopts nothing,
+      // whatever appears under the cache file's name meanwhile.
+      fl::filesystem::remove(checkoutPath);
+      auto nothing = checkoutPath;
+      nothing.replace_extension(".none");
+      entry = std::make_shared<WorkingFileEntry>(dataDirectory, std::move(metadata), std::move(innerItem),
+                                                 std::move(executor), std::move(quota), std::move(latch), nothing,
+                                                 std::streampos(0), std::move(params), shutdownFlag, entryTiming_);
+    } else {
+      entry = std::make_shared<WorkingFileEntry>(dataDirectory, std::move(metadata), std::move(innerItem),
+                                                 std::move(executor), std::move(quota), std::move(latch),
+                                                 std::move(params), shutdownFlag, entryTiming_);
+      if (!checkoutPath.empty()) madePaths_.insert(std::move(checkoutPath));
+    }
     entries_[location] = entry;
     return entry;
   } catch (...) {
@@ -204,6 +226,11 @@ void ContentCache::replaceEntry(StorageIRI const& location, EntryPtr entry) cons
   if (inserted) return;
   if (it->second != entry) dispose(std::move(it->second));
   it->second = std::move(entry);
+}
+
+void ContentCache::noteCheckoutPath(WorkingFileEntry const& entry) const {
+  auto path = entry.getCheckoutPath();
+  if (!path.empty()) madePaths_.insert(std::move(path));
 }
 
 // ---- invalidation -----------------------------------------------------------------------------
@@ -271,6 +298,7 @@ void ContentCache::moveFile(StorageIRI const& from, StorageIRI const& to, std::s
     // Logged by the entry; its bytes still follow the file.
   }
   entry->moveToNewLocation(to, std::move(newMetadata));
+  noteCheckoutPath(*entry);
   replaceEntry(to, std::move(entry));
 }
 
@@ -287,6 +315,7 @@ void ContentCache::copyFile(StorageIRI const& from, StorageIRI const& to, std::s
     doInvalidate(to, true);
     return;
   }
+  noteCheckoutPath(*copy);
   replaceEntry(to, std::move(copy));
 }
 
@@ -327,6 +356,7 @@ void ContentCache::moveFolder(StorageIRI const& from, StorageIRI const& to,
     }
     doInvalidate(target, true);
     entry->withNewLocation(target);
+    noteCheckoutPath(*entry);
     entry->withNewMetadata(std::move(record));
     entries_[target] = std::move(entry);
   }

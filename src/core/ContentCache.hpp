@@ -19,6 +19,16 @@
 // only asks for the bin to be emptied; that happens at the next disposal (or at
 // invalidateAll), under the cache's lock.
 //
+// Cache files. Eviction, a changed watermark and a write problem delete the entry's
+// cache file; a plain invalidation keeps it, since the entry may go on serving its open
+// streams from it. A new entry takes a cache file it finds on disk for a complete copy
+// of the file (after a staleness check); that is right for files left by an earlier run
+// under a persistent cache root, but not for one that an entry of this run used: such a
+// file holds only the bytes that entry fetched, and the entry may still be writing to
+// it. So when this cache makes an entry for a file whose cache file one of its earlier
+// entries used, it deletes the name first and starts the new entry with nothing cached
+// (the earlier entry keeps reading through its open handle).
+
 // Failures. Setting up the data directory or the arbitrator fails with
 // CachingErrorException("Problem initializing cache root.") and is tried again at the next
 // operation. Every failure to make an entry, lack of space included, is logged with its
@@ -54,6 +64,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -177,6 +188,8 @@ class ContentCache {
   void doInvalidate(StorageIRI const& location, bool abort) const;
   // Registers `entry` at `location`, disposing an entry registered there before.
   void replaceEntry(StorageIRI const& location, EntryPtr entry) const;
+  // Records the file `entry` now uses among the files this cache's entries used.
+  void noteCheckoutPath(WorkingFileEntry const& entry) const;
 
   EntryTiming const entryTiming_;
   LocalFSCacheSpaceArbitrator::SpaceQuery const spaceQuery_;
@@ -188,6 +201,9 @@ class ContentCache {
   mutable std::unique_ptr<ICacheSpaceArbitrator> spaceArbitrator_;
   mutable bool arbitratorIsOwn_ = false;  // spaceArbitrator_ was made by initialization, not installed
   mutable bool initialized_ = false;
+  // The cache files of every entry this cache made with disk caching. A later entry for
+  // the same file does not take over what is on disk there (see "Cache files" above).
+  mutable std::set<fl::filesystem::path> madePaths_;
   // Set by emptyRecycleBin(), taken (exchanged with false) by the next disposal.
   mutable std::atomic<bool> recycleBinEmptyRequested_{false};
 };

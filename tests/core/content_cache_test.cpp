@@ -241,6 +241,32 @@ TEST_F(ContentCacheTest, InvalidationsDropWhatChangedAndKeepTheRest) {
   EXPECT_FALSE(unaborted->getAbortTime().has_value());
 }
 
+TEST_F(ContentCacheTest, ANewEntryDoesNotTakeThePartlyFilledCacheFileOfAnInvalidatedOne) {
+  std::string const content = overlay_test::patternBytes(20000, 5);
+  store->elsewhere().writeFile(u"/p", content);
+  auto const first = retrieve(u"p");
+  // Two 4096-byte payloads: the cache file has a hole between them.
+  EXPECT_EQ(readThrough(*first, 0, 100), content.substr(0, 100));
+  EXPECT_EQ(readThrough(*first, 15000, 100), content.substr(15000, 100));
+  first->openReadOnly();  // a stream goes on reading the invalidated entry
+  cache.invalidate(iri(u"p"), false);
+  ASSERT_TRUE(std::filesystem::exists(first->getCheckoutPath())) << "kept for the entry's open stream";
+
+  auto const second = retrieve(u"p");
+  ASSERT_NE(second, first);
+  second->openReadOnly();
+  std::string buffer(100, '\0');
+  ASSERT_EQ(second->read(10000, buffer.data(), 100), 100);
+  EXPECT_EQ(buffer, content.substr(10000, 100)) << "bytes the first entry never fetched";
+  second->flushContentCache();
+  // The first entry still reads what it cached, and fetches the rest for itself.
+  ASSERT_EQ(first->read(50, buffer.data(), 100), 100);
+  EXPECT_EQ(buffer, content.substr(50, 100));
+  ASSERT_EQ(first->read(8000, buffer.data(), 100), 100);
+  EXPECT_EQ(buffer, content.substr(8000, 100));
+  first->flushContentCache();
+}
+
 TEST_F(ContentCacheTest, AnAliveEntryIsOneAStreamHoldsAndForWritingNotReadOnly) {
   EXPECT_FALSE(cache.hasAliveEntry(iri(u"r"), false));
   auto const reader = retrieve(u"r");

@@ -11,6 +11,8 @@
 
 #include <foundation/log/MemorySink.hpp>
 
+#include <boost/date_time/posix_time/posix_time_types.hpp>
+
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -98,7 +100,10 @@ class ContentCacheFixture : public ::testing::Test {
   std::shared_ptr<ovl::FileMetadata> metadataFor(std::u16string const& path) const {
     auto record = std::make_shared<ovl::FileMetadata>(iri(path), false);
     auto const content = store->contentOf(u"/" + path);
-    record->withSize(content ? static_cast<unsigned long>(content->size()) : 0).withWritable(true);
+    // A time in whole seconds, as file times are: a cache file stamped with it is fresh.
+    record->withSize(content ? static_cast<unsigned long>(content->size()) : 0)
+        .withWritable(true)
+        .withLastModified(boost::posix_time::ptime(boost::gregorian::date(2024, 1, 2), boost::posix_time::hours(3)));
     return record;
   }
 
