@@ -1,15 +1,23 @@
 #include <core/OverlayProvider.hpp>
 
 #include <core/BackendExecutor.hpp>
+#include <core/CachingErrorException.hpp>
+#include <core/FolderIterator.hpp>
 #include <core/IRIHelpers.hpp>
 #include <core/Logger.hpp>
+#include <core/QuotaAccountant.hpp>
+#include <core/SwitchableExecutor.hpp>
 #include <core/SynchronousExecutor.hpp>
+#include <core/WorkingFileByteStream.hpp>
 
+#include <fl/i18n.hpp>
 #include <foundation/log/ScopedTrace.hpp>
 #include <foundation/storage/provider/Exception.hpp>
 
+#include <boost/date_time/posix_time/posix_time.hpp>
 #include <boost/property_tree/ptree.hpp>
 
+#include <filesystem>
 #include <optional>
 #include <sstream>
 #include <stdexcept>
@@ -23,6 +31,7 @@ using fsp::ErrorCode;
 using fsp::Exception;
 
 constexpr char const* kSourceFile = "src/core/OverlayProvider.cpp";
+constexpr std::chrono::milliseconds kQuotaPollPeriod{30000};
 
 std::string iriDetail(fsp::StorageIRI const& iri) {
   return getLogger().isEnabled(Severity::Trace) ? "iri=" + iri.toUtf8() : std::string();
@@ -58,16 +67,20 @@ std::shared_ptr<MetadataCache> metadataCacheFor(std::shared_ptr<fsp::StorageItem
 
 }  // namespace
 
-OverlayProvider::OverlayProvider(StorageItem inner) : OverlayProvider(std::move(inner), nullptr, nullptr) {}
+OverlayProvider::OverlayProvider(StorageItem inner) : OverlayProvider(std::move(inner), nullptr, nullptr, nullptr) {}
 
 OverlayProvider::OverlayProvider(StorageItem inner, std::shared_ptr<IExecutor> executor)
-    : OverlayProvider(std::move(inner), nullptr, std::move(executor)) {}
+    : OverlayProvider(std::move(inner), nullptr, nullptr, std::move(executor)) {}
 
-OverlayProvider::OverlayProvider(StorageItem inner, std::unique_ptr<MetadataCache> metadataCache,
-                                 std::shared_ptr<IExecutor> executor)
+OverlayProvider::OverlayProvider(StorageItem inner, std::unique_ptr<ContentCache> contentCache,
+                                 std::unique_ptr<MetadataCache> metadataCache, std::shared_ptr<IExecutor> executor)
     : inner_(std::make_shared<StorageItem>(std::move(inner))),
+      contentCache_(contentCache ? std::move(contentCache) : std::make_unique<ContentCache>()),
       metadataCache_(metadataCacheFor(inner_, std::move(metadataCache))),
-      executor_(std::move(executor)) {}
+      executor_(std::move(executor)),
+      executorHandle_(std::make_shared<SwitchableExecutor>()) {
+  executorHandle_->set(executor_);
+}
 
 OverlayProvider::~OverlayProvider() {
   try {
@@ -76,6 +89,17 @@ OverlayProvider::~OverlayProvider() {
     getLogger().log(Severity::Diagnostic, std::string("Exception caught: ") + e.what());
   } catch (...) {
     getLogger().log(Severity::Diagnostic, "Exception caught: unknown exception");
+  }
+  // Streams, queued transactions and listeners are gone; drop the working entries, then
+  // the cache files of a root nobody else knows about.
+  try {
+    contentCache_->invalidateAll();
+    if (ownCacheRoot_.load(std::memory_order_acquire) && !persistContentCache_.load(std::memory_order_acquire)) {
+      std::error_code ignored;
+      std::filesystem::remove_all(contentCache_->getCacheRoot(), ignored);
+    }
+  } catch (std::exception const& e) {
+    getLogger().log(Severity::Diagnostic, std::string("Exception caught: ") + e.what());
   }
 }
 
@@ -87,14 +111,20 @@ void OverlayProvider::lazyInitialize() const {
     {
       std::lock_guard lock(initMutex_);
       if (!executor_) {
-        // The idle callback empties the content cache's recycle bin once that cache is
-        // part of the provider; nothing is held in a bin before then.
-        executor_ = std::make_shared<BackendExecutor>([] {}, maxQueueWeight_.load(std::memory_order_acquire));
+        // Whenever the queue runs dry, working entries set aside are let go.
+        executor_ = std::make_shared<BackendExecutor>([cache = contentCache_.get()] { cache->emptyRecycleBin(); },
+                                                      maxQueueWeight_.load(std::memory_order_acquire));
+        executorHandle_->set(executor_);
       }
     }
-    // Event handling is paused and resumed through the latch; the callbacks act on the
-    // event listener, which subscribes to the inner store's changes.
-    timedLatch_ = std::make_shared<TimedLatch>([] {}, [] {}, TimedLatch::timeoutFromEnvironment());
+    auto const executor = executorHandle_;
+    quota_ = std::make_shared<QuotaAccountant>(*inner_, kQuotaPollPeriod, *metadataCache_, executor);
+    eventListener_ = std::make_shared<EventListener>(*inner_, *metadataCache_, *contentCache_, executor, quota_);
+    // While the overlay changes the inner store, event handling is paused; it resumes a
+    // full time-out after the last change.
+    timedLatch_ = std::make_shared<TimedLatch>([listener = eventListener_] { listener->pause(); },
+                                               [listener = eventListener_] { listener->unpause(); },
+                                               TimedLatch::timeoutFromEnvironment());
     metadataCache_->populateWholeFolderTreeWhenPossible(synchronous_.load(std::memory_order_acquire));
   });
 }
@@ -138,187 +168,562 @@ decltype(auto) OverlayProvider::forwarding(StorageIRI const& iri, Call&& call) c
   }
 }
 
+// --- Helpers of the operations ------------------------------------------------------
+
+WorkingFileEntryParams OverlayProvider::workingFileEntryParams() const {
+  WorkingFileEntryParams params(static_cast<unsigned long long>(maxReadPayloadSize_.load(std::memory_order_acquire)),
+                                static_cast<unsigned long long>(maxWritePayloadSize_.load(std::memory_order_acquire)));
+  params.withPersist(persistContentCache_.load(std::memory_order_acquire))
+      .withDiskCaching(!disableContentCache_.load(std::memory_order_acquire))
+      .withMinItemWeight(minQueueItemWeight_.load(std::memory_order_acquire))
+      .withSynchronous(synchronous_.load(std::memory_order_acquire));
+  return params;
+}
+
+std::shared_ptr<IQuotaAccountant> OverlayProvider::quotaAccountant() const {
+  lazyInitialize();
+  return quota_;
+}
+
+void OverlayProvider::submit(char const* name, ObservableTransactionType type, std::function<void()> call,
+                             std::function<void()> after) const {
+  if (shutDown_.load(std::memory_order_acquire)) return;
+  auto task = [this, name, call = std::move(call), after = std::move(after)] {
+    if (shutDown_.load(std::memory_order_acquire)) return;
+    constexpr int kRetries = 2;
+    for (int attempt = 0;; ++attempt) {
+      try {
+        call();
+        break;
+      } catch (Exception const& e) {
+        getLogger().log(Severity::Debug, std::string("Exception caught: ") + e.what());
+        if (e.getErrorCode() != ErrorCode::TransientFailure || attempt >= kRetries) return;
+      } catch (std::exception const& e) {
+        getLogger().log(Severity::Error, std::string("Unexpected exception in ") + name + " (attempt " +
+                                             std::to_string(attempt) + ")");
+        getLogger().log(Severity::Debug, std::string("Exception caught: ") + e.what());
+        if (attempt >= kRetries) return;
+      } catch (...) {
+        getLogger().log(Severity::Error, std::string("Unexpected exception in ") + name + " (attempt " +
+                                             std::to_string(attempt) + ")");
+        if (attempt >= kRetries) return;
+      }
+    }
+    if (after) after();
+  };
+  executor()->execute(std::move(task), type, minQueueItemWeight_.load(std::memory_order_acquire));
+}
+
+bool OverlayProvider::parentKnown(StorageIRI const& inner) const {
+  if (inner.getPath() == u"/") return true;
+  for (auto folder = inner.getParent(); folder.getPath() != u"/"; folder = folder.getParent()) {
+    if (!metadataCache_->getFolderMetadata(folder)) return false;
+  }
+  return true;
+}
+
+std::shared_ptr<FileMetadata> OverlayProvider::fileRecord(StorageIRI const& inner) const {
+  return parentKnown(inner) ? metadataCache_->getFileMetadata(inner) : nullptr;
+}
+
+std::shared_ptr<FolderMetadata> OverlayProvider::folderRecord(StorageIRI const& inner) const {
+  return parentKnown(inner) ? metadataCache_->getFolderMetadata(inner) : nullptr;
+}
+
+bool OverlayProvider::hasFileRecord(StorageIRI const& inner) const {
+  return parentKnown(inner) && metadataCache_->hasFile(inner);
+}
+
+bool OverlayProvider::hasFolderRecord(StorageIRI const& inner) const {
+  return parentKnown(inner) && metadataCache_->hasFolder(inner);
+}
+
+bool OverlayProvider::recordIsWritable(StorageIRI const& inner) const {
+  if (auto file = fileRecord(inner)) return file->isWritable();
+  if (auto folder = folderRecord(inner)) return folder->isWritable();
+  return false;
+}
+
+void OverlayProvider::discardCachedContent(StorageIRI const& inner) const {
+  updateContentCache([&] {
+    if (auto record = fileRecord(inner)) {
+      auto entry = contentCache_->retrieveEntry(inner, inner_, record, executorHandle_, quota_, timedLatch_,
+                                                workingFileEntryParams(), shutDown_);
+      entry->removeCachedEntry();
+    }
+    contentCache_->invalidate(inner, true);
+  });
+}
+
+std::shared_ptr<FileMetadata> OverlayProvider::getFileMetadata(StorageIRI const& inner) const {
+  auto record = fileRecord(inner);
+  if (!record) return nullptr;
+  try {
+    contentCache_->invalidateOldEntry(inner, record->getWatermark(), false);
+    auto entry = contentCache_->retrieveEntry(inner, inner_, record, executorHandle_, quota_, timedLatch_,
+                                              workingFileEntryParams(), shutDown_);
+    return entry->getMetadata();
+  } catch (CachingErrorException const&) {
+    // Without a content entry the metadata cache's record is the best answer.
+    return record;
+  }
+}
+
+template <class Update>
+void OverlayProvider::updateContentCache(Update&& update) const {
+  try {
+    update();
+  } catch (CachingErrorException const& e) {
+    // A content cache that cannot initialize holds no entries: nothing to update.
+    getLogger().log(Severity::Debug, std::string("Exception caught: ") + e.what());
+  }
+}
+
+void OverlayProvider::dropContentCache() const {
+  updateContentCache([&] {
+    contentCache_->invalidateAll();
+    if (persistContentCache_.load(std::memory_order_acquire)) return;
+    // Without persistence nobody needs the files again, and a file kept would be taken
+    // up by the next entry of its location whenever it is not older than the content.
+    std::error_code failure;
+    for (auto const& file : std::filesystem::directory_iterator(contentCache_->getDataDirectory(), failure)) {
+      std::error_code ignored;
+      if (file.is_regular_file(ignored)) std::filesystem::remove(file.path(), ignored);
+    }
+  });
+}
+
+void OverlayProvider::checkNotOpen(StorageIRI const& iri, StorageIRI const& inner) const {
+  bool open = false;
+  updateContentCache([&] {
+    if (inner_->hasFeature(fsp::ExtendedFeature::RemoveFilesOpenForReading)) {
+      open = contentCache_->hasAliveEntry(inner, true);
+    } else if (!inner_->hasFeature(fsp::ExtendedFeature::RemoveOpenFiles)) {
+      open = contentCache_->hasAliveEntry(inner, false);
+    }
+  });
+  if (open) throw Exception(ErrorCode::InUse, iri);
+}
+
+void OverlayProvider::requireWritableParent(StorageIRI const& iri, StorageIRI const& inner) const {
+  auto parent = folderRecord(inner.getParent());
+  if (!parent) throw Exception(ErrorCode::DoesNotExist, iri.getParent());
+  if (!parent->isWritable()) throw Exception(ErrorCode::NotWritable, iri.getParent());
+}
+
+
 // --- Mutations -----------------------------------------------------------------------
-// Each changes the inner store under the path lock, with the latch triggered so that the
-// inner store's echo of the change is not taken for a change made elsewhere.
+// Each: entry trace, lazy initialization, the inner-most IRI, the latch triggered (the
+// inner store's echo of the change is not taken for a change made elsewhere), the path
+// lock, the checks, the cache updates, then the queued transaction.
 
 void OverlayProvider::doCreateFile(StorageIRI const& iri) const {
   OVERLAY_TRACE_IRI(iri);
   lazyInitialize();
-  auto item = innerItemFor(iri);
+  metadataCache_->waitForFuturePopulationToFinish();
+  auto const inner = getInnerMostURL(iri);
   triggerLatch();
-  auto lock = pathLocks_.acquire(item.getLocation());
-  forwarding(iri, [&] { item.createFile(); });
+  {
+    auto lock = pathLocks_.acquire(inner);
+    if ((hasFileRecord(inner) || hasFolderRecord(inner))) throw Exception(ErrorCode::AlreadyExists, iri);
+    requireWritableParent(iri, inner);
+    updateContentCache([&] { contentCache_->invalidate(inner, false); });
+    metadataCache_->createFileMetadata(inner);
+  }
+  submit(
+      "createFile", ObservableTransactionType::FILE_CREATION, [this, inner] { StorageItem(*inner_, inner.getPath()).createFile(); },
+      [cache = metadataCache_, inner] { cache->thawFile(inner); });
 }
 
 void OverlayProvider::doCreateFolder(StorageIRI const& iri) const {
   OVERLAY_TRACE_IRI(iri);
   lazyInitialize();
-  auto item = innerItemFor(iri);
+  metadataCache_->waitForFuturePopulationToFinish();
+  auto const inner = getInnerMostURL(iri);
   triggerLatch();
-  auto lock = pathLocks_.acquire(item.getLocation());
-  forwarding(iri, [&] { item.createFolder(); });
+  {
+    auto lock = pathLocks_.acquire(inner);
+    if ((hasFileRecord(inner) || hasFolderRecord(inner))) throw Exception(ErrorCode::AlreadyExists, iri);
+    requireWritableParent(iri, inner);
+    metadataCache_->createFolderMetadata(inner);
+  }
+  submit(
+      "createFolder", ObservableTransactionType::FOLDER_CREATION,
+      [this, inner] { StorageItem(*inner_, inner.getPath()).createFolder(); },
+      [cache = metadataCache_, inner] { cache->thawFolder(inner, false); });
 }
 
 void OverlayProvider::doCreateFolderRecursive(StorageIRI const& iri) const {
   OVERLAY_TRACE_IRI(iri);
   lazyInitialize();
-  auto item = innerItemFor(iri);
+  metadataCache_->waitForFuturePopulationToFinish();
+  auto const inner = getInnerMostURL(iri);
   triggerLatch();
-  auto lock = pathLocks_.acquire(item.getLocation());
-  forwarding(iri, [&] { item.createFolderRecursive(); });
+  {
+    auto lock = pathLocks_.acquire(inner);
+    if ((hasFileRecord(inner) || hasFolderRecord(inner))) throw Exception(ErrorCode::AlreadyExists, iri);
+    // The missing levels, from the IRI up to the nearest folder the cache knows.
+    std::vector<StorageIRI> missing{inner};
+    StorageIRI level = inner;
+    std::shared_ptr<FolderMetadata> nearest;
+    while (level.getPath() != u"/") {
+      level = level.getParent();
+      nearest = folderRecord(level);
+      if (nearest) break;
+      if (hasFileRecord(level)) throw Exception(ErrorCode::AlreadyExists, overlayIRIFor(iri, level));
+      missing.push_back(level);
+    }
+    if (nearest && missing.size() == 1 && !nearest->isWritable()) {
+      throw Exception(ErrorCode::NotWritable, iri.getParent());
+    }
+    for (auto it = missing.rbegin(); it != missing.rend(); ++it) metadataCache_->createFolderMetadata(*it);
+  }
+  submit(
+      "createFolderRecursive", ObservableTransactionType::FOLDER_CREATION_RECURSIVE,
+      [this, inner] { StorageItem(*inner_, inner.getPath()).createFolderRecursive(); },
+      [cache = metadataCache_, inner] { cache->thawFolder(inner, false); });
 }
 
 void OverlayProvider::doRemoveFile(StorageIRI const& iri) const {
   OVERLAY_TRACE_IRI(iri);
   lazyInitialize();
-  auto item = innerItemFor(iri);
+  metadataCache_->waitForFuturePopulationToFinish();
+  auto const inner = getInnerMostURL(iri);
   triggerLatch();
-  auto lock = pathLocks_.acquire(item.getLocation());
-  forwarding(iri, [&] { item.removeFile(); });
-}
-
-void OverlayProvider::doMoveFile(StorageIRI const& src, StorageIRI const& dst, fsp::ReplacementPolicy const& policy) const {
-  OVERLAY_TRACE_IRI(src);
-  lazyInitialize();
-  auto from = innerItemFor(src);
-  auto to = innerItemFor(dst);
-  triggerLatch();
-  auto lock = pathLocks_.acquirePair(from.getLocation(), to.getLocation());
-  forwarding(src, [&] { from.moveFile(to.getLocation(), policy); });
+  {
+    auto lock = pathLocks_.acquire(inner);
+    auto file = fileRecord(inner);
+    if (!file) throw Exception(ErrorCode::DoesNotExist, iri);
+    if (!file->isWritable()) throw Exception(ErrorCode::NotWritable, iri);
+    checkNotOpen(iri, inner);
+    if (quota_) quota_->removeFile(inner);
+    metadataCache_->removeFile(inner);
+    updateContentCache([&] { contentCache_->invalidate(inner, true); });
+  }
+  submit("removeFile", ObservableTransactionType::FILE_REMOVAL,
+         [this, inner] { StorageItem(*inner_, inner.getPath()).removeFile(); }, nullptr);
 }
 
 void OverlayProvider::doRemoveFolder(StorageIRI const& iri) const {
   OVERLAY_TRACE_IRI(iri);
   lazyInitialize();
-  auto item = innerItemFor(iri);
+  metadataCache_->waitForFuturePopulationToFinish();
+  auto const inner = getInnerMostURL(iri);
   triggerLatch();
-  auto lock = pathLocks_.acquire(item.getLocation());
-  forwarding(iri, [&] { item.removeFolder(); });
+  {
+    auto lock = pathLocks_.acquire(inner);
+    auto folder = folderRecord(inner);
+    if (!folder) throw Exception(ErrorCode::DoesNotExist, iri);
+    if (!folder->isWritable()) throw Exception(ErrorCode::NotWritable, iri);
+    if (!metadataCache_->loadAndGetFolderContainer(inner)->empty()) throw Exception(ErrorCode::FolderNotEmpty, iri);
+    metadataCache_->removeFolder(inner);
+    updateContentCache([&] { contentCache_->invalidateAllDescendantsOf(inner, true); });
+  }
+  submit("removeFolder", ObservableTransactionType::FOLDER_REMOVAL,
+         [this, inner] { StorageItem(*inner_, inner.getPath()).removeFolder(); }, nullptr);
 }
 
 void OverlayProvider::doRemoveFolderRecursively(StorageIRI const& iri) const {
   OVERLAY_TRACE_IRI(iri);
   lazyInitialize();
-  auto item = innerItemFor(iri);
+  metadataCache_->waitForFuturePopulationToFinish();
+  auto const inner = getInnerMostURL(iri);
   triggerLatch();
-  auto lock = pathLocks_.acquire(item.getLocation());
-  forwarding(iri, [&] { item.removeFolderRecursively(); });
+  {
+    auto lock = pathLocks_.acquire(inner);
+    auto folder = folderRecord(inner);
+    if (!folder) throw Exception(ErrorCode::DoesNotExist, iri);
+    if (!folder->isWritable()) throw Exception(ErrorCode::NotWritable, iri);
+    if (quota_) quota_->removeFolderTree(inner);
+    metadataCache_->removeFolder(inner);
+    updateContentCache([&] { contentCache_->invalidateAllDescendantsOf(inner, true); });
+  }
+  submit("removeFolderRecursively", ObservableTransactionType::FOLDER_REMOVAL_RECURSIVE,
+         [this, inner] { StorageItem(*inner_, inner.getPath()).removeFolderRecursively(); }, nullptr);
+}
+
+void OverlayProvider::doMoveFile(StorageIRI const& src, StorageIRI const& dst, fsp::ReplacementPolicy const& policy) const {
+  OVERLAY_TRACE_IRI(src);
+  lazyInitialize();
+  metadataCache_->waitForFuturePopulationToFinish();
+  auto const from = getInnerMostURL(src);
+  auto const to = getInnerMostURL(dst);
+  triggerLatch();
+  {
+    auto lock = pathLocks_.acquirePair(from, to);
+    // A store that moves open files needs no open-entry test.
+    if (!inner_->hasFeature(fsp::ExtendedFeature::MoveOpenFiles)) checkNotOpen(src, from);
+    auto file = fileRecord(from);
+    if (!file) throw Exception(ErrorCode::DoesNotExist, src);
+    if (hasFolderRecord(to) ||
+        (hasFileRecord(to) && policy != fsp::ReplacementPolicy::Always)) {
+      throw Exception(ErrorCode::AlreadyExists, dst);
+    }
+    if (from == to) return;  // replacing a file by itself changes nothing
+    auto destinationParent = folderRecord(to.getParent());
+    if (!destinationParent) throw Exception(ErrorCode::DoesNotExist, dst.getParent());
+    if (!file->isWritable()) throw Exception(ErrorCode::NotWritable, src);
+    if (!recordIsWritable(from.getParent())) throw Exception(ErrorCode::NotWritable, src.getParent());
+    if (!destinationParent->isWritable()) throw Exception(ErrorCode::NotWritable, dst.getParent());
+    // The replaced file's cache file goes too: it may be newer than the moved content.
+    discardCachedContent(to);
+    metadataCache_->moveFile(from, to);
+    updateContentCache([&] { contentCache_->moveFile(from, to, fileRecord(to)); });
+  }
+  submit(
+      "moveFile", ObservableTransactionType::FILE_MOVE,
+      [this, from, to, policy] { StorageItem(*inner_, from.getPath()).moveFile(to, policy); },
+      [cache = metadataCache_, to] { cache->thawFile(to); });
 }
 
 void OverlayProvider::doMoveFolder(StorageIRI const& src, StorageIRI const& dst,
                                    fsp::ReplacementPolicy const& policy) const {
   OVERLAY_TRACE_IRI(src);
   lazyInitialize();
-  auto from = innerItemFor(src);
-  auto to = innerItemFor(dst);
+  metadataCache_->waitForFuturePopulationToFinish();
+  auto const from = getInnerMostURL(src);
+  auto const to = getInnerMostURL(dst);
   triggerLatch();
-  auto lock = pathLocks_.acquirePair(from.getLocation(), to.getLocation());
-  forwarding(src, [&] { from.moveFolder(to.getLocation(), policy); });
-}
-
-void OverlayProvider::doCopyFile(StorageIRI const& src, StorageIRI const& dst, fsp::ReplacementPolicy const& policy) const {
-  OVERLAY_TRACE_IRI(src);
-  lazyInitialize();
-  auto from = innerItemFor(src);
-  auto to = innerItemFor(dst);
-  triggerLatch();
-  forwarding(src, [&] { from.copyFile(to.getLocation(), policy); });
+  {
+    auto lock = pathLocks_.acquirePair(from, to);
+    auto folder = folderRecord(from);
+    if (!folder) throw Exception(ErrorCode::DoesNotExist, src);
+    if (from == to || from.isAncestorOf(to)) throw Exception(ErrorCode::InvalidName, src);
+    if (hasFileRecord(to)) throw Exception(ErrorCode::AlreadyExists, dst);
+    if (hasFolderRecord(to) && policy == fsp::ReplacementPolicy::Never &&
+        !metadataCache_->loadAndGetFolderContainer(to)->empty()) {
+      throw Exception(ErrorCode::AlreadyExists, dst);
+    }
+    auto destinationParent = folderRecord(to.getParent());
+    if (!destinationParent) throw Exception(ErrorCode::DoesNotExist, dst.getParent());
+    if (!folder->isWritable()) throw Exception(ErrorCode::NotWritable, src);
+    if (!recordIsWritable(from.getParent())) throw Exception(ErrorCode::NotWritable, src.getParent());
+    if (!destinationParent->isWritable()) throw Exception(ErrorCode::NotWritable, dst.getParent());
+    metadataCache_->moveFolder(from, to, policy);
+    updateContentCache([&] { contentCache_->moveFolder(from, to, policy, *metadataCache_); });
+  }
+  submit(
+      "moveFolder", ObservableTransactionType::FOLDER_MOVE,
+      [this, from, to, policy] { StorageItem(*inner_, from.getPath()).moveFolder(to, policy); },
+      [cache = metadataCache_, to] { cache->thawFolder(to, false); });
 }
 
 void OverlayProvider::doSetLastModified(StorageIRI const& iri, boost::posix_time::ptime const& time) const {
   OVERLAY_TRACE_IRI(iri);
   lazyInitialize();
-  auto item = innerItemFor(iri);
+  metadataCache_->waitForFuturePopulationToFinish();
+  auto const inner = getInnerMostURL(iri);
   triggerLatch();
-  auto lock = pathLocks_.acquire(item.getLocation());
-  forwarding(iri, [&] { item.setLastModified(time); });
+  {
+    auto lock = pathLocks_.acquire(inner);
+    if (auto file = getFileMetadata(inner)) {
+      file->withLastModified(time);
+    } else if (auto folder = folderRecord(inner)) {
+      folder->withLastModified(time);
+    } else {
+      throw Exception(ErrorCode::DoesNotExist, iri);
+    }
+  }
+  submit("setLastModified", ObservableTransactionType::SET_LAST_MODIFIED,
+         [this, inner, time] { StorageItem(*inner_, inner.getPath()).setLastModified(time); }, nullptr);
 }
 
 void OverlayProvider::doSetWritable(StorageIRI const& iri, bool writable) const {
   OVERLAY_TRACE_IRI(iri);
   lazyInitialize();
-  auto item = innerItemFor(iri);
+  metadataCache_->waitForFuturePopulationToFinish();
+  auto const inner = getInnerMostURL(iri);
   triggerLatch();
-  auto lock = pathLocks_.acquire(item.getLocation());
-  forwarding(iri, [&] { item.setWritable(writable); });
+  {
+    auto lock = pathLocks_.acquire(inner);
+    if (auto file = getFileMetadata(inner)) {
+      file->withWritable(writable);
+    } else if (auto folder = folderRecord(inner)) {
+      folder->withWritable(writable);
+    } else {
+      throw Exception(ErrorCode::DoesNotExist, iri);
+    }
+  }
+  submit("setWritable", ObservableTransactionType::SET_WRITABLE,
+         [this, inner, writable] { StorageItem(*inner_, inner.getPath()).setWritable(writable); }, nullptr);
+}
+
+void OverlayProvider::doCopyFile(StorageIRI const& src, StorageIRI const& dst, fsp::ReplacementPolicy const& policy) const {
+  OVERLAY_TRACE_IRI(src);
+  lazyInitialize();
+  if (doFileExists(dst) && policy != fsp::ReplacementPolicy::Always) throw Exception(ErrorCode::AlreadyExists, dst);
+  if (doFolderExists(dst)) throw Exception(ErrorCode::AlreadyExists, dst);
+  auto source = doOpenReadOnlyStream(src);
+  fsp::ByteStreamOpenOptions options;
+  options.truncate = true;
+  auto destination = doOpenStream(dst, options);
+  try {
+    fsp::GenericByteStreamDevice<fsp::ByteStream> in(source);
+    fsp::GenericByteStreamDevice<fsp::ByteStream> out(destination);
+    std::vector<char> buffer(4096);
+    for (;;) {
+      auto const n = in.read(buffer.data(), static_cast<std::streamsize>(buffer.size()));
+      if (n <= 0) break;
+      for (std::streamsize done = 0; done < n;) done += out.write(buffer.data() + done, n - done);
+    }
+    in.close();
+    out.close();
+  } catch (Exception const&) {
+    throw;
+  } catch (fsp::ByteStreamFailure const& e) {
+    throw Exception(e.getErrorCode(), dst, e.what());
+  } catch (std::exception const& e) {
+    throw Exception(ErrorCode::TransientFailure, dst, e.what());
+  }
 }
 
 // --- Queries -------------------------------------------------------------------------
+// Answered from the caches under the path lock, so a query waits for a running mutation
+// of the same IRI or an ancestor and never sees a half-applied change.
 
 bool OverlayProvider::doFileExists(StorageIRI const& iri) const {
   OVERLAY_TRACE_IRI(iri);
   lazyInitialize();
-  auto item = innerItemFor(iri);
-  return forwarding(iri, [&] { return item.fileExists(); });
+  auto const inner = getInnerMostURL(iri);
+  auto lock = pathLocks_.acquire(inner);
+  return hasFileRecord(inner);
 }
 
 bool OverlayProvider::doFolderExists(StorageIRI const& iri) const {
   OVERLAY_TRACE_IRI(iri);
   lazyInitialize();
-  auto item = innerItemFor(iri);
-  return forwarding(iri, [&] { return item.folderExists(); });
+  auto const inner = getInnerMostURL(iri);
+  auto lock = pathLocks_.acquire(inner);
+  return hasFolderRecord(inner);
 }
 
 fsp::FileAttributes OverlayProvider::doGetFileAttributes(StorageIRI const& iri) const {
   OVERLAY_TRACE_IRI(iri);
   lazyInitialize();
-  auto item = innerItemFor(iri);
-  return forwarding(iri, [&] { return item.getFileAttributes(); });
+  auto const inner = getInnerMostURL(iri);
+  auto lock = pathLocks_.acquire(inner);
+  auto file = getFileMetadata(inner);
+  if (!file) throw Exception(ErrorCode::DoesNotExist, iri);
+  return fsp::FileAttributes(file->getFileSize(), file->getLastModified(), file->isWritable());
 }
 
 fsp::FolderAttributes OverlayProvider::doGetFolderAttributes(StorageIRI const& iri) const {
   OVERLAY_TRACE_IRI(iri);
   lazyInitialize();
-  auto item = innerItemFor(iri);
-  return forwarding(iri, [&] { return item.getFolderAttributes(); });
+  auto const inner = getInnerMostURL(iri);
+  auto lock = pathLocks_.acquire(inner);
+  auto folder = folderRecord(inner);
+  if (!folder) throw Exception(ErrorCode::DoesNotExist, iri);
+  return fsp::FolderAttributes(folder->getLastModified(), folder->isWritable());
 }
 
 fsp::ExtendedAttributes OverlayProvider::doGetExtendedAttributes(StorageIRI const& iri) const {
   OVERLAY_TRACE_IRI(iri);
   lazyInitialize();
-  auto item = innerItemFor(iri);
-  return forwarding(iri, [&] { return item.getExtendedAttributes(); });
+  auto const inner = getInnerMostURL(iri);
+  auto lock = pathLocks_.acquire(inner);
+  if (auto folder = folderRecord(inner)) return folder->getExtendedAttributes();
+  if (auto file = getFileMetadata(inner)) return file->getExtendedAttributes();
+  throw Exception(ErrorCode::DoesNotExist, iri);
+}
+
+template <class Pred>
+fsp::FolderEntryIteratorPtr OverlayProvider::list(StorageIRI const& iri) const {
+  lazyInitialize();
+  auto const inner = getInnerMostURL(iri);
+  triggerLatch();
+  auto lock = pathLocks_.acquire(inner);
+  if (inner.getPath() != u"/" && !folderRecord(inner)) throw Exception(ErrorCode::DoesNotExist, iri);
+  auto container = forwarding(iri, [&] { return metadataCache_->loadAndGetFolderContainer(inner); });
+  if (!container) throw Exception(ErrorCode::DoesNotExist, iri);
+  return std::make_unique<FolderIterator<Pred>>(container->getAllContent());
 }
 
 fsp::FolderEntryIteratorPtr OverlayProvider::doListAll(StorageIRI const& iri) const {
   OVERLAY_TRACE_IRI(iri);
-  lazyInitialize();
-  auto item = innerItemFor(iri);
-  triggerLatch();
-  return forwarding(iri, [&] { return item.listAll(); });
+  return list<ListAllPred>(iri);
 }
 
 fsp::FolderEntryIteratorPtr OverlayProvider::doListFiles(StorageIRI const& iri) const {
   OVERLAY_TRACE_IRI(iri);
-  lazyInitialize();
-  auto item = innerItemFor(iri);
-  triggerLatch();
-  return forwarding(iri, [&] { return item.listFiles(); });
+  return list<ListFilesPred>(iri);
 }
 
 fsp::FolderEntryIteratorPtr OverlayProvider::doListFolders(StorageIRI const& iri) const {
   OVERLAY_TRACE_IRI(iri);
-  lazyInitialize();
-  auto item = innerItemFor(iri);
-  triggerLatch();
-  return forwarding(iri, [&] { return item.listFolders(); });
+  return list<ListFoldersPred>(iri);
 }
 
 // --- Streams -------------------------------------------------------------------------
 
+namespace {
+
+// Code 1 for a name holding a control character (C0, DEL or C1).
+void checkName(fsp::StorageIRI const& iri) {
+  for (char16_t const unit : iri.getName()) {
+    if (unit < 32 || (unit >= 127 && unit <= 159)) throw Exception(ErrorCode::InvalidName, iri);
+  }
+}
+
+}  // namespace
+
+fsp::ByteStreamPtr OverlayProvider::openThroughCache(StorageIRI const& iri, StorageIRI const& inner,
+                                                     fsp::ByteStreamOpenOptions const* options) const {
+  triggerLatch();
+  auto record = fileRecord(inner);
+  if (!record) {
+    if (!options || options->openMode == fsp::ByteStreamOpenOptions::OpenExisting) {
+      throw Exception(ErrorCode::DoesNotExist, iri);
+    }
+    checkName(iri);
+    contentCache_->invalidate(inner, false);
+    auto parent = folderRecord(inner.getParent());
+    if (!parent) throw Exception(ErrorCode::DoesNotExist, iri.getParent());
+    if (!parent->isWritable()) throw Exception(ErrorCode::NotWritable, iri.getParent());
+    record = std::make_shared<FileMetadata>(inner, true);
+    record->withLastModified(boost::posix_time::microsec_clock::universal_time()).withWritable(true).withSize(0);
+    metadataCache_->addFileMetadata(record);
+  }
+  if (options && !record->isWritable()) throw Exception(ErrorCode::NotWritable, iri);
+  contentCache_->invalidateOldEntry(inner, record->getWatermark(), false);
+  auto entry = contentCache_->retrieveEntry(inner, inner_, record, executorHandle_, quota_, timedLatch_,
+                                            workingFileEntryParams(), shutDown_);
+  if (options) return std::make_unique<WorkingFileByteStream>(entry, *options);
+  return WorkingFileByteStream::openReadOnly(entry);
+}
+
 fsp::ByteStreamPtr OverlayProvider::doOpenStream(StorageIRI const& iri, fsp::ByteStreamOpenOptions const& options) const {
   OVERLAY_TRACE_IRI(iri);
   lazyInitialize();
-  auto item = innerItemFor(iri);
-  triggerLatch();
+  metadataCache_->waitForFuturePopulationToFinish();
+  auto const inner = getInnerMostURL(iri);
+  if (!fallback_.load(std::memory_order_acquire)) {
+    try {
+      return openThroughCache(iri, inner, &options);
+    } catch (CachingErrorException const&) {
+      getLogger().log(Severity::Info, "Caching error when opening stream. Falling back.");
+      doFlushFilesystemImpl();
+      fallback_.store(true, std::memory_order_release);
+    }
+  }
+  auto item = StorageItem(*inner_, inner.getPath());
   return forwarding(iri, [&] { return item.openStream(options); });
 }
 
 fsp::ByteStreamPtr OverlayProvider::doOpenReadOnlyStream(StorageIRI const& iri) const {
   OVERLAY_TRACE_IRI(iri);
   lazyInitialize();
-  auto item = innerItemFor(iri);
+  auto const inner = getInnerMostURL(iri);
+  if (!fallback_.load(std::memory_order_acquire)) {
+    try {
+      return openThroughCache(iri, inner, nullptr);
+    } catch (CachingErrorException const&) {
+      getLogger().log(Severity::Info, "Caching error when opening read-only stream. Falling back.");
+      doFlushFilesystemImpl();
+      fallback_.store(true, std::memory_order_release);
+    }
+  }
+  auto item = StorageItem(*inner_, inner.getPath());
   return forwarding(iri, [&] { return item.openReadOnlyStream(); });
 }
 
@@ -344,10 +749,11 @@ void OverlayProvider::doPublishFileEventsFor(StorageIRI const& iri,
 void OverlayProvider::doStopPublishingEventsFor(StorageIRI const& iri) const {
   OVERLAY_TRACE_IRI(iri);
   lazyInitialize();
+  auto const inner = getInnerMostURL(iri);
   auto item = innerItemFor(iri);
   forwarding(iri, [&] {
-    if (item.fileExists()) item.stopPublishingFileEvents();
-    if (item.folderExists()) item.stopPublishingFolderEvents();
+    if (hasFileRecord(inner)) item.stopPublishingFileEvents();
+    if (hasFolderRecord(inner)) item.stopPublishingFolderEvents();
   });
 }
 
@@ -363,9 +769,13 @@ fsp::ProviderStorageInfo OverlayProvider::doGetProviderStorageInfo(StorageIRI co
   OVERLAY_TRACE_IRI(iri);
   lazyInitialize();
   triggerLatch();
-  // Answered by the inner store until quota figures are tracked by the overlay.
-  auto item = innerItemFor(iri);
-  return forwarding(iri, [&] { return item.getProviderStorageInfo(); });
+  auto const capacity = quota_ ? quota_->getTotalCapacity() : std::nullopt;
+  auto const available = quota_ ? quota_->getSpaceAvailable() : std::nullopt;
+  if (!capacity || !available) {
+    getLogger().log(Severity::Error, "Quota information unavailable");
+    throw Exception(ErrorCode::TransientFailure, iri);
+  }
+  return fsp::ProviderStorageInfo().withStorageCapacity(*capacity).withSpaceOccupied(*capacity - *available);
 }
 
 void OverlayProvider::doFlushFilesystem() {
@@ -383,6 +793,7 @@ void OverlayProvider::doFlushFilesystemImpl() const {
   } else {
     getLogger().log(Severity::Error, "BackgroundExecutor should be in an initialized state.");
   }
+  dropContentCache();
   metadataCache_->invalidateAll();
   auto const elapsed =
       std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start).count();
@@ -395,6 +806,7 @@ void OverlayProvider::doInvalidate(StorageIRI const& iri) {
   metadataCache_->waitForFuturePopulationToFinish();
   auto root = getInnerMostURL(iri).withPath(u"/");
   auto lock = pathLocks_.acquire(root);
+  dropContentCache();
   metadataCache_->invalidateAll();
   fsp::invalidateProvider(*inner_);
 }
@@ -404,7 +816,9 @@ void OverlayProvider::doShutdown() {
   auto root = getInnerMostURL(inner_->getLocation()).withPath(u"/");
   auto lock = pathLocks_.acquire(root);
   shutDown_.store(true, std::memory_order_release);
+  if (eventListener_) eventListener_->stopHandling();
   if (timedLatch_) timedLatch_->close();
+  if (quota_) quota_->shutdown();
   if (auto executor = this->executor()) {
     executor->shutdown(true);
     executor->join();
@@ -418,7 +832,8 @@ void OverlayProvider::doConfigure(boost::property_tree::ptree config) {
   bool switchToSynchronous = false;
   try {
     if (auto text = config.get_optional<std::string>("overlay.cacheRoot")) {
-      // The content cache takes its root from here once it is part of the provider.
+      contentCache_->withCacheRoot(fl::filesystem::path(fl::i18n::to_string(fl::i18n::to_ustring(*text))));
+      ownCacheRoot_.store(false, std::memory_order_release);
       logConfiguration("overlay.configuration.cacheRoot", *text);
     }
     if (auto text = config.get_optional<std::string>("overlay.maxQueueWeight")) {
@@ -461,6 +876,7 @@ void OverlayProvider::doConfigure(boost::property_tree::ptree config) {
     {
       std::lock_guard lock(initMutex_);
       previous = std::exchange(executor_, std::make_shared<SynchronousExecutor>([] {}));
+      executorHandle_->set(executor_);
     }
     // The replaced executor is released by reference count; a queue worker must end
     // before its thread object goes, so it finishes what it holds first.

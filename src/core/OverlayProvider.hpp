@@ -2,29 +2,48 @@
 //
 // An overlay IRI wraps the IRI of a location in an inner store
 // ("overlay:<mem://s1/>/docs/a.txt"). Every operation maps its IRI to the inner-most
-// IRI and works on the inner store through `StorageItem(inner item, inner path)`.
+// IRI, which keys both caches.
 //
-// Lifecycle. Construction makes the metadata cache and starts no thread. The first
+// What is served from where:
+//   queries and listings   the metadata cache (folders load on demand from the inner
+//                          store); a file's attributes through its content-cache entry,
+//                          so a file being written reports its local size and time
+//   mutations              applied to the caches at once, then queued on the executor as
+//                          one backend transaction each (up to three attempts), in order
+//   streams                WorkingFileByteStreams over the content cache's entries: reads
+//                          from local disk once fetched, writes behind; after a caching
+//                          failure the provider flushes and opens the inner store's own
+//                          streams from then on
+//   storage information    the quota accountant's figures
+//   events                 subscriptions pass through to the inner store; the event
+//                          listener turns changes made elsewhere into invalidations
+//
+// Lifecycle. Construction makes the two caches and starts no thread. The first
 // operation of any kind runs the lazy initialization once (retried by the next
 // operation if it threw): the executor (a BackendExecutor unless one was injected or
-// synchronous mode installed a SynchronousExecutor), the timed latch, and then the
-// whole-tree population of the metadata cache (in the background, or waited for in
-// synchronous mode). `doShutdown` stops everything in a fixed order and is harmless to
-// repeat; the destructor runs it again.
+// synchronous mode installed a SynchronousExecutor), the quota accountant, the event
+// listener, the timed latch, and then the whole-tree population of the metadata cache
+// (in the background, or waited for in synchronous mode). `doShutdown` stops everything
+// in a fixed order and is harmless to repeat; transactions still queued are dropped, so
+// callers flush first. Content-cache files of a cache root the provider chose itself
+// are removed at destruction unless the configuration asks to persist them.
 //
-// What is served from where. The caches (content on local disk, metadata in memory),
-// the quota accountant and the event listener are built on top of this class; until an
-// operation is served by a cache it forwards to the inner store, so that the overlay
-// already answers every operation as the inner store does. Errors raised by the inner
-// store are re-raised naming the overlay IRI the caller used (same error code).
+// Errors name the overlay IRI the caller used (or its parent where the parent is at
+// fault).
 //
-// Thread-safety: every operation may be called from any thread. Mutations on the same
+// Thread-safety: every operation may be called from any thread. Operations on the same
 // IRI, or below a path being changed, are serialised by the path locks.
 #pragma once
 
+#include <core/ContentCache.hpp>
+#include <core/EventListener.hpp>
 #include <core/IExecutor.hpp>
+#include <core/IQuotaAccountant.hpp>
 #include <core/MetadataCache.hpp>
+#include <core/ObservableTransactionType.hpp>
+#include <core/WorkingFileEntryParams.hpp>
 #include <core/PathLocks.hpp>
+#include <core/SwitchableExecutor.hpp>
 #include <core/TimedLatch.hpp>
 
 #include <foundation/storage/provider/IConfigurableProvider.hpp>
@@ -50,16 +69,18 @@ class OverlayProvider : public fsp::IConfigurableProvider,
 
   static constexpr std::int64_t kDefaultPayloadSize = 4194304;
 
-  // Lays the overlay on `inner`; no thread starts. The metadata cache matches names as
-  // the inner store does (`getFilenameSensitivity()`).
+  // Lays the overlay on `inner`; no thread starts. The content cache uses a fresh cache
+  // root under the temporary directory; the metadata cache matches names as the inner
+  // store does (`getFilenameSensitivity()`).
   explicit OverlayProvider(StorageItem inner);
   // As above with the executor given; lazy initialization never replaces it.
   OverlayProvider(StorageItem inner, std::shared_ptr<IExecutor> executor);
-  // As above with the metadata cache given too (taken into shared ownership; a null one
-  // is replaced by a new cache as the first constructor makes it).
-  OverlayProvider(StorageItem inner, std::unique_ptr<MetadataCache> metadataCache,
-                  std::shared_ptr<IExecutor> executor);
-  // Runs doShutdown again, logging and swallowing its failures.
+  // As above with the caches given too (a null one is replaced by a new cache as the
+  // first constructor makes it; the metadata cache is taken into shared ownership).
+  OverlayProvider(StorageItem inner, std::unique_ptr<ContentCache> contentCache,
+                  std::unique_ptr<MetadataCache> metadataCache, std::shared_ptr<IExecutor> executor);
+  // Runs doShutdown again, logging and swallowing its failures, then removes the cache
+  // root it chose itself unless the content cache is to persist.
   ~OverlayProvider() override;
 
   void doCreateFile(StorageIRI const& iri) const override;
@@ -109,10 +130,14 @@ class OverlayProvider : public fsp::IConfigurableProvider,
   // inner store's caches.
   void doInvalidate(StorageIRI const& iri) override;
 
-  // Creates the executor and the latch once, then starts the whole-tree population of
-  // the metadata cache (waiting for it in synchronous mode); safe to call from many
-  // threads. If a step throws, the next call tries again.
+  // Creates the executor, the quota accountant, the event listener and the latch once,
+  // then starts the whole-tree population of the metadata cache (waiting for it in
+  // synchronous mode); safe to call from many threads. If a step throws, the next call
+  // tries again.
   void lazyInitialize() const;
+
+  // The parameters every new working file entry is made with, from the configuration.
+  WorkingFileEntryParams workingFileEntryParams() const;
 
   // Read access for tests and tools.
   std::shared_ptr<IExecutor> executor() const;
@@ -128,6 +153,10 @@ class OverlayProvider : public fsp::IConfigurableProvider,
   std::shared_ptr<TimedLatch> timedLatch() const;
   StorageItem const& innerItem() const { return *inner_; }
   std::shared_ptr<MetadataCache> const& metadataCache() const { return metadataCache_; }
+  ContentCache const& contentCache() const { return *contentCache_; }
+  std::shared_ptr<IQuotaAccountant> quotaAccountant() const;
+  // True once a caching failure made the provider open the inner store's streams.
+  bool isFallingBack() const { return fallback_.load(std::memory_order_acquire); }
 
  private:
   // The inner store's item for the inner-most IRI of `iri`.
@@ -140,24 +169,72 @@ class OverlayProvider : public fsp::IConfigurableProvider,
   StorageIRI overlayIRIFor(StorageIRI const& like, StorageIRI const& inner) const;
   // Starts the pause-then-resume cycle of event handling.
   void triggerLatch() const;
+  // Unless shut down, queues `call` (an inner-store change named `name`) with up to
+  // three attempts, then `after` (a thaw) when it succeeded.
+  void submit(char const* name, ObservableTransactionType type, std::function<void()> call,
+              std::function<void()> after) const;
+  // True when every folder above `inner` is known. An item below a folder that the
+  // overlay removed or moved away is gone, even while the inner store still has it
+  // because the change is queued.
+  bool parentKnown(StorageIRI const& inner) const;
+  // The metadata cache's answers for items whose parent folders are known (see above).
+  std::shared_ptr<FileMetadata> fileRecord(StorageIRI const& inner) const;
+  std::shared_ptr<FolderMetadata> folderRecord(StorageIRI const& inner) const;
+  bool hasFileRecord(StorageIRI const& inner) const;
+  bool hasFolderRecord(StorageIRI const& inner) const;
+  // The file's or folder's writable flag; false when neither is known.
+  bool recordIsWritable(StorageIRI const& inner) const;
+  // Drops the file's content entry and its cache file.
+  void discardCachedContent(StorageIRI const& inner) const;
+  // The file's record as its content-cache entry sees it (a file being written has its
+  // local size and time); null when no file is known at `inner`.
+  std::shared_ptr<FileMetadata> getFileMetadata(StorageIRI const& inner) const;
+  // Runs `update` on the content cache; a cache that cannot initialize (and so holds no
+  // entries) is logged and skipped.
+  template <class Update>
+  void updateContentCache(Update&& update) const;
+  // Empties the content cache; without persistence its cache files are deleted too.
+  void dropContentCache() const;
+  // Code 6 (InUse) against `iri` when the file has a content entry open in a way the
+  // inner store cannot remove: open for writing where the store removes files open for
+  // reading (feature 7), open at all where it cannot remove open files (no feature 6).
+  void checkNotOpen(StorageIRI const& iri, StorageIRI const& inner) const;
+  // Code 4 against the parent of `iri` when the parent folder is not known, code 2 when
+  // it is not writable.
+  void requireWritableParent(StorageIRI const& iri, StorageIRI const& inner) const;
+  // The listing of the folder at `iri`, of the records `Pred` accepts.
+  template <class Pred>
+  fsp::FolderEntryIteratorPtr list(StorageIRI const& iri) const;
+  // A stream over the file's working entry: read-write with `options`, read-only
+  // without. Creates a new file's record when options allow. Throws
+  // CachingErrorException when the content cache cannot serve the file.
+  fsp::ByteStreamPtr openThroughCache(StorageIRI const& iri, StorageIRI const& inner,
+                                      fsp::ByteStreamOpenOptions const* options) const;
 
   std::shared_ptr<StorageItem> const inner_;
+  std::unique_ptr<ContentCache> const contentCache_;    // set at construction; locks internally
   std::shared_ptr<MetadataCache> const metadataCache_;  // set at construction; locks internally
   mutable std::shared_ptr<IExecutor> executor_;  // guarded by initMutex_
+  // What the caches, the quota accountant and the event listener hold: follows executor_.
+  std::shared_ptr<SwitchableExecutor> const executorHandle_;
   std::atomic<double> maxQueueWeight_{0};
   std::atomic<double> minQueueItemWeight_{0};
   std::atomic<std::int64_t> maxReadPayloadSize_{kDefaultPayloadSize};
   std::atomic<std::int64_t> maxWritePayloadSize_{kDefaultPayloadSize};
   std::atomic<bool> persistContentCache_{false};
   std::atomic<bool> synchronous_{false};
+  mutable std::shared_ptr<IQuotaAccountant> quota_;  // written once under initOnce_, then read
   mutable PathLocks pathLocks_;
+  mutable std::shared_ptr<EventListener> eventListener_;  // written once under initOnce_, then read
   mutable std::shared_ptr<TimedLatch> timedLatch_;  // written once under initOnce_, then read
   std::atomic<bool> const bypass_{false};
   mutable std::once_flag initOnce_;
   mutable std::mutex initMutex_;  // guards executor_ creation and replacement
-  std::atomic<bool> shutDown_{false};
+  mutable std::atomic<bool> shutDown_{false};  // handed to working entries by reference
   std::atomic<bool> disableContentCache_{false};
   std::atomic<bool> backslashToForwardSlash_{false};
+  mutable std::atomic<bool> fallback_{false};  // set at the first caching failure, never cleared
+  std::atomic<bool> ownCacheRoot_{true};  // false once the configuration named a cache root
 };
 
 }  // namespace storage::overlayprovider

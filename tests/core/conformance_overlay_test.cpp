@@ -25,6 +25,9 @@ class OverlayHarness : public ovltest::Harness {
   ovltest::StoreCapabilities capabilities() const override {
     auto caps = inner_->capabilities();
     caps.reportsFilenameSensitivity = false;
+    caps.createFolderRecursiveAcceptsExisting = false;
+    caps.moveFolderNeverRefusesEmptyFolder = false;
+    caps.watermarkBeforeFlush = false;
     return caps;
   }
   void afterMutation() override {

@@ -49,7 +49,7 @@ TEST_F(OverlayMetadataCacheTest, TheCacheMatchesNamesAsTheInnerStoreDoesAndIsMad
 
   auto given = std::make_unique<MetadataCache>(std::make_shared<StorageItem>(inner), false);
   auto const* givenCache = given.get();
-  OverlayProvider injected(inner, std::move(given), nullptr);
+  OverlayProvider injected(inner, nullptr, std::move(given), nullptr);
   EXPECT_EQ(injected.metadataCache().get(), givenCache);
   EXPECT_EQ(store->calls(Operation::ListAll) + store->calls(Operation::ListAllRecursive), 0u);
 }

@@ -71,6 +71,16 @@ struct StoreCapabilities {
   // framework's default answer (always case-sensitive) while matching names as the store
   // beneath it does: the overlay.
   bool reportsFilenameSensitivity = true;
+  // createFolderRecursive on an existing folder succeeds. The overlay refuses it with
+  // AlreadyExists (3), as it refuses any creation at a known IRI.
+  bool createFolderRecursiveAcceptsExisting = true;
+  // moveFolder with policy Never refuses an empty destination folder. The overlay refuses
+  // only files and non-empty folders, and merges into an empty one.
+  bool moveFolderNeverRefusesEmptyFolder = true;
+  // A file's WATERMARK is there as soon as the file is written. The overlay's comes from
+  // the store beneath, so a file written through the overlay has it once the queue
+  // has drained.
+  bool watermarkBeforeFlush = true;
 };
 
 // One fresh working folder on the provider under test. The suite makes one harness per
@@ -189,6 +199,8 @@ class ConformanceSuite : public ::testing::TestWithParam<StoreUnderTest> {
   StorageIRI iri(std::u16string const& path) const { return item(path).getLocation(); }
   // Lets the harness settle the mutations made so far (see Harness::afterMutation).
   void settle() const { harness_->afterMutation(); }
+  // Drains every pending change into the store beneath (nothing for plain stores).
+  void flushAll() const { harness_->flush(); }
 
   // Writes `content` as the whole content of the file at `path` through one stream; the
   // file and its missing ancestors are created first when needed.

@@ -1,0 +1,54 @@
+#include <core/SwitchableExecutor.hpp>
+
+namespace storage::overlayprovider {
+
+void SwitchableExecutor::set(std::shared_ptr<IExecutor> executor) {
+  std::lock_guard lock(mutex_);
+  current_ = std::move(executor);
+}
+
+std::shared_ptr<IExecutor> SwitchableExecutor::current() const {
+  std::lock_guard lock(mutex_);
+  return current_;
+}
+
+void SwitchableExecutor::execute(Task task, ObservableTransactionType type, double weight) {
+  if (auto executor = current()) executor->execute(std::move(task), type, weight);
+}
+
+void SwitchableExecutor::shutdown(bool cancelOutstanding) {
+  if (auto executor = current()) executor->shutdown(cancelOutstanding);
+}
+
+void SwitchableExecutor::join() {
+  if (auto executor = current()) executor->join();
+}
+
+bool SwitchableExecutor::isShutdown() const {
+  auto executor = current();
+  return !executor || executor->isShutdown();
+}
+
+std::chrono::steady_clock::time_point SwitchableExecutor::getLastActivityTime() const {
+  auto executor = current();
+  return executor ? executor->getLastActivityTime() : std::chrono::steady_clock::time_point{};
+}
+
+bool SwitchableExecutor::isQueueEmpty() const {
+  auto executor = current();
+  return !executor || executor->isQueueEmpty();
+}
+
+void SwitchableExecutor::waitForPendingToFinish() {
+  if (auto executor = current()) executor->waitForPendingToFinish();
+}
+
+void SwitchableExecutor::setMaxQueueWeight(double weight) {
+  if (auto executor = current()) executor->setMaxQueueWeight(weight);
+}
+
+void SwitchableExecutor::logQueueStatistics() {
+  if (auto executor = current()) executor->logQueueStatistics();
+}
+
+}  // namespace storage::overlayprovider
