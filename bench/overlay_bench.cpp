@@ -1,0 +1,143 @@
+// The overlay against the same slow store used directly, in one run. The store is `mem`
+// behind a `throttle` of 20 ms per call and 50 MB/s, as a remote store would be.
+//
+//   BM_CreateSmallFiles/direct|overlay   create and write N files of 4 KiB, closing each
+//                                        (N = 1000, or OVL_BENCH_FILES); for the overlay
+//                                        the caller's time and, separately, the time of
+//                                        doFlushFilesystem afterwards (counter flush_s)
+//   BM_CachedQueries                     doFileExists and doGetFileAttributes on 10,000
+//                                        cached files (per call)
+//   BM_CachedListing                     listing a cached folder of 10,000 entries
+#include <core/OverlayProvider.hpp>
+
+#include <foundation/storage/provider/StorageItem.hpp>
+#include <providers/mem/MemoryProvider.hpp>
+#include <providers/mem/SideDoor.hpp>
+#include <providers/throttle/ThrottleProvider.hpp>
+
+#include <benchmark/benchmark.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <memory>
+#include <string>
+
+namespace {
+
+namespace fsp = foundation::storage::provider;
+using fsp::StorageIRI;
+using fsp::StorageItem;
+using providers::mem::MemoryProvider;
+using providers::throttle::ThrottleProvider;
+using storage::overlayprovider::OverlayProvider;
+using Clock = std::chrono::steady_clock;
+
+long fileCount() {
+  char const* text = std::getenv("OVL_BENCH_FILES");
+  long const count = text ? std::atol(text) : 0;
+  return count > 0 ? count : 1000;
+}
+
+// A `mem` store behind a throttle; `root` is the throttle's root item.
+struct SlowStore {
+  SlowStore() {
+    providers::throttle::Options options;
+    options.latency = std::chrono::milliseconds(20);
+    options.bytesPerSecond = 50e6;
+    throttle = std::make_shared<ThrottleProvider>(StorageItem(mem, mem->root()), options);
+    root = StorageItem(throttle, StorageIRI(u"throttle", mem->root(), u"/"));
+  }
+  StorageIRI at(std::u16string const& path) const { return root.getLocation().withPath(path); }
+  StorageIRI overlayAt(std::u16string const& path) const { return StorageIRI(u"overlay", root.getLocation(), path); }
+
+  std::shared_ptr<MemoryProvider> mem = std::make_shared<MemoryProvider>();
+  std::shared_ptr<ThrottleProvider> throttle;
+  StorageItem root;
+};
+
+std::u16string fileName(long i) {
+  std::string const name = "/f" + std::to_string(i);
+  return std::u16string(name.begin(), name.end());
+}
+
+void writeFile(fsp::ByteStream& stream, std::string const& content) {
+  stream.write(content.data(), static_cast<long>(content.size()));
+  stream.close();
+}
+
+void BM_CreateSmallFilesDirect(benchmark::State& state) {
+  std::string const content(4096, 'x');
+  long const files = fileCount();
+  for (auto _ : state) {
+    SlowStore store;
+    for (long i = 0; i < files; ++i) {
+      auto stream = StorageItem(store.throttle, store.at(fileName(i))).openStream(fsp::ByteStreamOpenOptions{});
+      writeFile(*stream, content);
+    }
+  }
+  state.counters["files"] = static_cast<double>(files);
+}
+BENCHMARK(BM_CreateSmallFilesDirect)->Iterations(1)->UseRealTime()->Unit(benchmark::kSecond);
+
+void BM_CreateSmallFilesOverlay(benchmark::State& state) {
+  std::string const content(4096, 'x');
+  long const files = fileCount();
+  double flushSeconds = 0;
+  for (auto _ : state) {
+    SlowStore store;
+    OverlayProvider overlay(store.root);
+    for (long i = 0; i < files; ++i) {
+      auto stream = overlay.doOpenStream(store.overlayAt(fileName(i)), fsp::ByteStreamOpenOptions{});
+      writeFile(*stream, content);
+    }
+    state.PauseTiming();
+    auto const start = Clock::now();
+    overlay.doFlushFilesystem();
+    flushSeconds = std::chrono::duration<double>(Clock::now() - start).count();
+    if (store.mem->elsewhere().contentOf(fileName(files - 1)) != content) state.SkipWithError("content lost");
+    state.ResumeTiming();
+  }
+  state.counters["files"] = static_cast<double>(files);
+  state.counters["flush_s"] = flushSeconds;
+}
+BENCHMARK(BM_CreateSmallFilesOverlay)->Iterations(1)->UseRealTime()->Unit(benchmark::kSecond);
+
+// An overlay over a slow store holding 10,000 files in one folder, all of them cached.
+struct CachedTree {
+  CachedTree() {
+    store.mem->elsewhere().createFolder(u"/big");
+    for (long i = 0; i < kFiles; ++i) store.mem->elsewhere().writeFile(u"/big" + fileName(i), "c");
+    fsp::collect(*overlay.doListAll(store.overlayAt(u"/big")));
+  }
+  static constexpr long kFiles = 10000;
+  SlowStore store;
+  OverlayProvider overlay{store.root};
+};
+
+void BM_CachedQueries(benchmark::State& state) {
+  CachedTree tree;
+  long i = 0;
+  for (auto _ : state) {
+    auto const iri = tree.store.overlayAt(u"/big" + fileName(i++ % CachedTree::kFiles));
+    benchmark::DoNotOptimize(tree.overlay.doFileExists(iri));
+    benchmark::DoNotOptimize(tree.overlay.doGetFileAttributes(iri));
+  }
+  state.counters["calls_per_iteration"] = 2;
+}
+BENCHMARK(BM_CachedQueries)->Unit(benchmark::kMicrosecond);
+
+void BM_CachedListing(benchmark::State& state) {
+  CachedTree tree;
+  for (auto _ : state) {
+    auto entries = fsp::collect(*tree.overlay.doListAll(tree.store.overlayAt(u"/big")));
+    if (entries.size() != CachedTree::kFiles) {
+      state.SkipWithError(("listing incomplete: " + std::to_string(entries.size())).c_str());
+      break;
+    }
+  }
+}
+BENCHMARK(BM_CachedListing)->Unit(benchmark::kMillisecond);
+
+}  // namespace
+
+BENCHMARK_MAIN();
