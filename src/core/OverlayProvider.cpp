@@ -815,14 +815,16 @@ void OverlayProvider::doShutdown() {
   OVERLAY_TRACE();
   auto root = getInnerMostURL(inner_->getLocation()).withPath(u"/");
   auto lock = pathLocks_.acquire(root);
+  // The queue is cut before the flag goes up: queued transactions check the flag, and a
+  // transaction skipped by the flag while a later one still ran would leave the inner
+  // store in a state the caller never had. Cut first, only a tail is dropped.
+  auto const executor = this->executor();
+  if (executor) executor->shutdown(true);
   shutDown_.store(true, std::memory_order_release);
   if (eventListener_) eventListener_->stopHandling();
   if (timedLatch_) timedLatch_->close();
   if (quota_) quota_->shutdown();
-  if (auto executor = this->executor()) {
-    executor->shutdown(true);
-    executor->join();
-  }
+  if (executor) executor->join();
   inner_->shutdownProvider();
 }
 
