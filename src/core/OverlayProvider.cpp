@@ -279,6 +279,15 @@ void OverlayProvider::updateContentCache(Update&& update) const {
   }
 }
 
+void OverlayProvider::awaitPopulation() const {
+  try {
+    metadataCache_->waitForFuturePopulationToFinish();
+  } catch (std::exception const& e) {
+    // A failed population emptied the cache; folders then load on demand.
+    getLogger().log(Severity::Debug, std::string("Exception caught: ") + e.what());
+  }
+}
+
 void OverlayProvider::dropContentCache() const {
   updateContentCache([&] {
     contentCache_->invalidateAll();
@@ -584,6 +593,7 @@ void OverlayProvider::doCopyFile(StorageIRI const& src, StorageIRI const& dst, f
 bool OverlayProvider::doFileExists(StorageIRI const& iri) const {
   OVERLAY_TRACE_IRI(iri);
   lazyInitialize();
+  awaitPopulation();
   auto const inner = getInnerMostURL(iri);
   auto lock = pathLocks_.acquire(inner);
   return hasFileRecord(inner);
@@ -592,6 +602,7 @@ bool OverlayProvider::doFileExists(StorageIRI const& iri) const {
 bool OverlayProvider::doFolderExists(StorageIRI const& iri) const {
   OVERLAY_TRACE_IRI(iri);
   lazyInitialize();
+  awaitPopulation();
   auto const inner = getInnerMostURL(iri);
   auto lock = pathLocks_.acquire(inner);
   return hasFolderRecord(inner);
@@ -600,6 +611,7 @@ bool OverlayProvider::doFolderExists(StorageIRI const& iri) const {
 fsp::FileAttributes OverlayProvider::doGetFileAttributes(StorageIRI const& iri) const {
   OVERLAY_TRACE_IRI(iri);
   lazyInitialize();
+  awaitPopulation();
   auto const inner = getInnerMostURL(iri);
   auto lock = pathLocks_.acquire(inner);
   auto file = getFileMetadata(inner);
@@ -610,6 +622,7 @@ fsp::FileAttributes OverlayProvider::doGetFileAttributes(StorageIRI const& iri) 
 fsp::FolderAttributes OverlayProvider::doGetFolderAttributes(StorageIRI const& iri) const {
   OVERLAY_TRACE_IRI(iri);
   lazyInitialize();
+  awaitPopulation();
   auto const inner = getInnerMostURL(iri);
   auto lock = pathLocks_.acquire(inner);
   auto folder = folderRecord(inner);
@@ -620,6 +633,7 @@ fsp::FolderAttributes OverlayProvider::doGetFolderAttributes(StorageIRI const& i
 fsp::ExtendedAttributes OverlayProvider::doGetExtendedAttributes(StorageIRI const& iri) const {
   OVERLAY_TRACE_IRI(iri);
   lazyInitialize();
+  awaitPopulation();
   auto const inner = getInnerMostURL(iri);
   auto lock = pathLocks_.acquire(inner);
   if (auto folder = folderRecord(inner)) return folder->getExtendedAttributes();
@@ -630,6 +644,7 @@ fsp::ExtendedAttributes OverlayProvider::doGetExtendedAttributes(StorageIRI cons
 template <class Pred>
 fsp::FolderEntryIteratorPtr OverlayProvider::list(StorageIRI const& iri) const {
   lazyInitialize();
+  awaitPopulation();
   auto const inner = getInnerMostURL(iri);
   triggerLatch();
   auto lock = pathLocks_.acquire(inner);
@@ -713,6 +728,7 @@ fsp::ByteStreamPtr OverlayProvider::doOpenStream(StorageIRI const& iri, fsp::Byt
 fsp::ByteStreamPtr OverlayProvider::doOpenReadOnlyStream(StorageIRI const& iri) const {
   OVERLAY_TRACE_IRI(iri);
   lazyInitialize();
+  awaitPopulation();
   auto const inner = getInnerMostURL(iri);
   if (!fallback_.load(std::memory_order_acquire)) {
     try {

@@ -11,6 +11,8 @@
 #include <boost/property_tree/ptree.hpp>
 #include <gtest/gtest.h>
 
+#include <future>
+
 #include <chrono>
 #include <thread>
 
@@ -58,13 +60,16 @@ TEST_F(OverlayMetadataCacheTest, TheFirstOperationStartsPopulationAndFlushWaitsF
   OverlayProvider provider(inner);
   auto& gate = store->gate(Operation::ListAllRecursive);
   gate.close();
-  EXPECT_TRUE(provider.doFolderExists(overlay(u"/d")));
-  // Not synchronous: the root is loaded before the operation returns, the rest follows.
+  auto exists = std::async(std::launch::async, [&] { return provider.doFolderExists(overlay(u"/d")); });
+  // Not synchronous: the root is loaded at once, the rest follows from one listing.
   ASSERT_TRUE(gate.waitForWaiters(1, std::chrono::seconds(60)));
   EXPECT_EQ(provider.metadataCache()->cachedFolders(), std::vector<StorageIRI>{iri(u"")});
+  // Queries wait for the population: a folder it is filling would be answered incomplete.
+  EXPECT_EQ(exists.wait_for(std::chrono::seconds(0)), std::future_status::timeout);
 
   std::thread flusher([&] { provider.doFlushFilesystem(); });
   gate.open();
+  EXPECT_TRUE(exists.get());
   flusher.join();
   EXPECT_EQ(store->calls(Operation::ListAllRecursive), 1u);
   EXPECT_TRUE(provider.metadataCache()->cachedFolders().empty()) << "flushed after the population ended";
