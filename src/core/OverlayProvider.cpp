@@ -118,13 +118,20 @@ void OverlayProvider::lazyInitialize() const {
       }
     }
     auto const executor = executorHandle_;
-    quota_ = std::make_shared<QuotaAccountant>(*inner_, kQuotaPollPeriod, *metadataCache_, executor);
-    eventListener_ = std::make_shared<EventListener>(*inner_, *metadataCache_, *contentCache_, executor, quota_);
+    auto quota = std::make_shared<QuotaAccountant>(*inner_, kQuotaPollPeriod, *metadataCache_, executor);
+    auto listener = std::make_shared<EventListener>(*inner_, *metadataCache_, *contentCache_, executor, quota);
     // While the overlay changes the inner store, event handling is paused; it resumes a
     // full time-out after the last change.
-    timedLatch_ = std::make_shared<TimedLatch>([listener = eventListener_] { listener->pause(); },
-                                               [listener = eventListener_] { listener->unpause(); },
-                                               TimedLatch::timeoutFromEnvironment());
+    auto latch = std::make_shared<TimedLatch>([listener] { listener->pause(); }, [listener] { listener->unpause(); },
+                                              TimedLatch::timeoutFromEnvironment());
+    {
+      // Operations read these after lazyInitialize(); doShutdown may read them at any
+      // time, under the same mutex.
+      std::lock_guard lock(initMutex_);
+      quota_ = std::move(quota);
+      eventListener_ = std::move(listener);
+      timedLatch_ = std::move(latch);
+    }
     metadataCache_->populateWholeFolderTreeWhenPossible(synchronous_.load(std::memory_order_acquire));
   });
 }
@@ -834,12 +841,22 @@ void OverlayProvider::doShutdown() {
   // The queue is cut before the flag goes up: queued transactions check the flag, and a
   // transaction skipped by the flag while a later one still ran would leave the inner
   // store in a state the caller never had. Cut first, only a tail is dropped.
-  auto const executor = this->executor();
+  std::shared_ptr<IExecutor> executor;
+  std::shared_ptr<EventListener> listener;
+  std::shared_ptr<TimedLatch> latch;
+  std::shared_ptr<IQuotaAccountant> quota;
+  {
+    std::lock_guard guard(initMutex_);
+    executor = executor_;
+    listener = eventListener_;
+    latch = timedLatch_;
+    quota = quota_;
+  }
   if (executor) executor->shutdown(true);
   shutDown_.store(true, std::memory_order_release);
-  if (eventListener_) eventListener_->stopHandling();
-  if (timedLatch_) timedLatch_->close();
-  if (quota_) quota_->shutdown();
+  if (listener) listener->stopHandling();
+  if (latch) latch->close();
+  if (quota) quota->shutdown();
   if (executor) executor->join();
   inner_->shutdownProvider();
 }

@@ -234,7 +234,7 @@ class OverlayProvider : public fsp::IConfigurableProvider,
   mutable std::shared_ptr<TimedLatch> timedLatch_;  // written once under initOnce_, then read
   std::atomic<bool> const bypass_{false};
   mutable std::once_flag initOnce_;
-  mutable std::mutex initMutex_;  // guards executor_ creation and replacement
+  mutable std::mutex initMutex_;  // guards executor_; the writes of quota_, eventListener_, timedLatch_
   mutable std::atomic<bool> shutDown_{false};  // handed to working entries by reference
   std::atomic<bool> disableContentCache_{false};
   std::atomic<bool> backslashToForwardSlash_{false};
