@@ -281,3 +281,47 @@ TEST_F(OverlayOperationsTest, ChangesMadeElsewhereReachTheCaches) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST_F(OverlayOperationsTest, AWriteBeyondTheQuotaIsRefusedWithCodeEight) {
+  MemoryProvider::Options options;
+  options.capacity = 100;
+  store = std::make_shared<MemoryProvider>(options);
+  store->elsewhere().writeFile(u"/a.txt", std::string(40, 'a'));
+  provider = std::make_unique<OverlayProvider>(StorageItem(store, store->root()));
+  auto stream = provider->doOpenStream(at(u"/b.txt"), {});
+  std::string const fits(50, 'b');
+  EXPECT_EQ(stream->write(fits.data(), static_cast<long>(fits.size())), 50);
+  std::string const tooMuch(20, 'c');
+  try {
+    stream->write(tooMuch.data(), static_cast<long>(tooMuch.size()));
+    ADD_FAILURE() << "the write beyond the quota was accepted";
+  } catch (fsp::ByteStreamWriteFailure const& failure) {
+    EXPECT_EQ(failure.getErrorCode(), ErrorCode::QuotaExceeded);
+  }
+  stream->close();
+  provider->doFlushFilesystem();
+  EXPECT_EQ(store->elsewhere().contentOf(u"/b.txt"), fits) << "what was accepted reached the store";
+}
+
+TEST_F(OverlayOperationsTest, TheOverlaysOwnChangesDoNotInvalidateItsCaches) {
+  ::setenv("QV_OVERLAY_EVENT_ROBUSTNESS_TIMEOUT", "600000", 1);
+  provider = std::make_unique<OverlayProvider>(StorageItem(store, store->root()));
+  ::unsetenv("QV_OVERLAY_EVENT_ROBUSTNESS_TIMEOUT");
+  provider->doCreateFolder(at(u"/d"));
+  write(u"/d/a.txt", "mine");
+  // The store's echoes of the overlay's own changes arrive while event handling is
+  // paused: they are collected, not acted on.
+  provider->executor()->waitForPendingToFinish();
+  store->waitForEventsDelivered();
+  provider->executor()->waitForPendingToFinish();
+  EXPECT_TRUE(provider->metadataCache()->pendingInvalidations().empty());
+  EXPECT_FALSE(provider->metadataCache()->cachedFolders().empty());
+  auto const listings = store->calls(Operation::ListAll);
+  EXPECT_EQ(read(u"/d/a.txt"), "mine");
+  EXPECT_TRUE(provider->doFileExists(at(u"/d/a.txt")));
+  EXPECT_EQ(store->calls(Operation::ListAll), listings) << "nothing was listed again";
+}
+
+}  // namespace
