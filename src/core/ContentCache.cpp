@@ -24,21 +24,11 @@ constexpr char const* kInitializationFailure = "Problem initializing cache root.
 constexpr char const* kUnknownFailure = "Caching failed due to an unknown error.";
 constexpr char const* kNoSpaceFailure = "Caching failed due to a lack of filespace.";
 
-std::string describe(std::exception_ptr failure) {
-  try {
-    std::rethrow_exception(failure);
-  } catch (std::exception const& e) {
-    return e.what();
-  } catch (...) {
-    return "unknown exception";
-  }
-}
-
 // Logs `message` as a failure, then what is being handled.
 void logFailure(std::string const& message) noexcept {
   try {
     getLogger().log(Severity::Error, message);
-    getLogger().log(Severity::Diagnostic, "Exception caught: " + describe(std::current_exception()));
+    getLogger().log(Severity::Diagnostic, "Exception caught: " + describeCurrentException());
   } catch (...) {
   }
 }

@@ -76,16 +76,6 @@ std::streampos wholeFileEnd(FileMetadata const& metadata) {
   return std::streampos(static_cast<std::streamoff>(metadata.getFileSize()));
 }
 
-std::string describeCurrentException() {
-  try {
-    throw;
-  } catch (std::exception const& e) {
-    return e.what();
-  } catch (...) {
-    return "unknown exception";
-  }
-}
-
 }  // namespace
 
 std::int64_t FilesystemCacheResource::toEpochSeconds(pt::ptime time) {

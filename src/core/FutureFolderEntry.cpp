@@ -18,16 +18,6 @@ constexpr char const* kListingFailure =
     "listing operation. This is possibly due to a bad filename "
     "(g2635196).";
 
-std::string describe(std::exception_ptr failure) {
-  try {
-    std::rethrow_exception(failure);
-  } catch (std::exception const& e) {
-    return e.what();
-  } catch (...) {
-    return "unknown exception";
-  }
-}
-
 }  // namespace
 
 FutureFolderEntry::FutureFolderEntry(fsp::StorageIRI location, std::shared_ptr<fsp::StorageItem> inner)
@@ -68,7 +58,7 @@ LazyExtendedAttributes::Producer FutureFolderEntry::extendedAttributesProducer(s
     } catch (...) {
       getLogger().log(Severity::Debug, folder ? "Problem retrieving extended attributes (folder)"
                                               : "Problem retrieving extended attributes (file)");
-      getLogger().log(Severity::Diagnostic, "Exception caught: " + describe(std::current_exception()));
+      getLogger().log(Severity::Diagnostic, "Exception caught: " + describeCurrentException());
     }
     return fsp::ExtendedAttributes();
   };

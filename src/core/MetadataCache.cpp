@@ -33,16 +33,6 @@ boost::posix_time::ptime nowUtc() { return boost::posix_time::microsec_clock::un
 
 bool doesNotExist(Exception const& e) { return e.getErrorCode() == ErrorCode::DoesNotExist; }
 
-std::string describe(std::exception_ptr failure) {
-  try {
-    std::rethrow_exception(failure);
-  } catch (std::exception const& e) {
-    return e.what();
-  } catch (...) {
-    return "unknown exception";
-  }
-}
-
 // Waits, without any cache lock, until a listing entry's content can be read. True when
 // the entry's children may be read now (a plain entry, a finished build, or a listing
 // that succeeded). A failed listing is left for the first reader of the entry.
@@ -806,7 +796,7 @@ void MetadataCache::doSnapshotFrozenMetadata() const {
       }
     } catch (...) {
       // An entry whose listing failed holds nothing of the overlay's own.
-      getLogger().log(Severity::Diagnostic, "Exception caught: " + describe(std::current_exception()));
+      getLogger().log(Severity::Diagnostic, "Exception caught: " + describeCurrentException());
     }
   }
 }
@@ -832,7 +822,7 @@ void MetadataCache::addFrozenEntries() const {
       present = saved.index() == 1 ? doGetFolderMetadataFromCache(key) != nullptr
                                    : doGetFileMetadataFromCache(key) != nullptr;
     } catch (...) {
-      getLogger().log(Severity::Diagnostic, "Exception caught: " + describe(std::current_exception()));
+      getLogger().log(Severity::Diagnostic, "Exception caught: " + describeCurrentException());
       present = false;
     }
     if (present) continue;

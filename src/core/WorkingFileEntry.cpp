@@ -24,16 +24,6 @@ namespace {
 // The largest run of zeros handed to the write buffer at once while filling a gap.
 constexpr std::streamsize kGapChunk = 1 << 20;
 
-std::string describeCurrentException() {
-  try {
-    throw;
-  } catch (std::exception const& e) {
-    return e.what();
-  } catch (...) {
-    return "unknown exception";
-  }
-}
-
 // Logs `message` as a failure and the exception being handled as its detail. Call only
 // from a catch block.
 void logFailure(char const* message) noexcept {
