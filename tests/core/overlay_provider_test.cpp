@@ -132,7 +132,7 @@ TEST_F(OverlayProviderTest, RobustnessTimeoutComesFromTheEnvironment) {
   EXPECT_EQ(third.timedLatch()->getTimeout(), std::chrono::milliseconds(3000));
 }
 
-TEST_F(OverlayProviderTest, FirstUseFromManyThreadsCreatesOneExecutor) {
+TEST_F(OverlayProviderTest, FirstUseFromManyThreadsCreatesOneOfEachComponent) {
   OverlayProvider provider(inner);
   constexpr int kThreads = 8;
   std::vector<std::future<IExecutor*>> seen;
@@ -149,6 +149,10 @@ TEST_F(OverlayProviderTest, FirstUseFromManyThreadsCreatesOneExecutor) {
   IExecutor* first = seen.front().get();
   ASSERT_NE(first, nullptr);
   for (std::size_t i = 1; i < seen.size(); ++i) EXPECT_EQ(seen[i].get(), first);
+  // One quota accountant (it asks the store once when made), one event listener (it
+  // subscribes once).
+  EXPECT_EQ(store->calls(providers::mem::Operation::GetStorageInfo), 1u);
+  EXPECT_EQ(store->calls(providers::mem::Operation::PublishEvents), 1u);
 }
 
 TEST_F(OverlayProviderTest, InjectedExecutorIsKept) {
