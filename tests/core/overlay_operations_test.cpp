@@ -325,3 +325,30 @@ TEST_F(OverlayOperationsTest, TheOverlaysOwnChangesDoNotInvalidateItsCaches) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST_F(OverlayOperationsTest, ACacheFileDeletedBehindTheCachesBackIsFetchedAgain) {
+  std::string const content(50000, 'z');
+  store->elsewhere().writeFile(u"/f.bin", content);
+  EXPECT_EQ(read(u"/f.bin"), content);
+  auto const dataDirectory = provider->contentCache().getDataDirectory();
+  std::size_t removed = 0;
+  for (auto const& file : std::filesystem::directory_iterator(dataDirectory)) {
+    removed += std::filesystem::remove(file.path()) ? 1 : 0;
+  }
+  ASSERT_EQ(removed, 1u);
+  EXPECT_EQ(read(u"/f.bin"), content);
+}
+
+TEST_F(OverlayOperationsTest, ACacheFileTruncatedBehindTheCachesBackIsFetchedAgain) {
+  std::string const content(50000, 'y');
+  store->elsewhere().writeFile(u"/g.bin", content);
+  EXPECT_EQ(read(u"/g.bin"), content);
+  for (auto const& file : std::filesystem::directory_iterator(provider->contentCache().getDataDirectory())) {
+    std::filesystem::resize_file(file.path(), 100);
+  }
+  EXPECT_EQ(read(u"/g.bin"), content);
+}
+
+}  // namespace
