@@ -225,18 +225,24 @@ void ContentCache::noteCheckoutPath(WorkingFileEntry const& entry) const {
 
 // ---- invalidation -----------------------------------------------------------------------------
 
-void ContentCache::doInvalidate(StorageIRI const& location, bool abort) const {
+ContentCache::EntryPtr ContentCache::takeSettledEntry(StorageIRI const& location) const {
   auto it = entries_.find(location);
-  if (it == entries_.end()) return;
+  if (it == entries_.end()) return nullptr;
   EntryPtr entry = std::move(it->second);
   entries_.erase(it);
   try {
     // An entry that a stream holds first completes its queued open, so that it is in a
-    // defined state when it is abandoned.
+    // defined state before it is abandoned or moved.
     entry->checkAndOpenIfNecessary();
   } catch (...) {
-    // Logged by the entry; it is abandoned all the same.
+    // Logged by the entry; it is abandoned or moved all the same.
   }
+  return entry;
+}
+
+void ContentCache::doInvalidate(StorageIRI const& location, bool abort) const {
+  EntryPtr entry = takeSettledEntry(location);
+  if (!entry) return;
   if (abort) entry->setAbort();
   entry->setInvalidationWasTriggered();
   dispose(std::move(entry));
@@ -278,15 +284,8 @@ void ContentCache::invalidateAllDescendantsOf(StorageIRI const& folder, bool abo
 void ContentCache::moveFile(StorageIRI const& from, StorageIRI const& to, std::shared_ptr<FileMetadata> newMetadata) const {
   std::lock_guard lock(mutex_);
   doLazyInitialize();
-  auto it = entries_.find(from);
-  if (it == entries_.end()) return;
-  EntryPtr entry = std::move(it->second);
-  entries_.erase(it);
-  try {
-    entry->checkAndOpenIfNecessary();
-  } catch (...) {
-    // Logged by the entry; its bytes still follow the file.
-  }
+  EntryPtr entry = takeSettledEntry(from);
+  if (!entry) return;
   entry->moveToNewLocation(to, std::move(newMetadata));
   noteCheckoutPath(*entry);
   replaceEntry(to, std::move(entry));

@@ -186,6 +186,9 @@ class ContentCache {
   // equal times): deletes its cache file, disposes it, tells the arbitrator.
   void removeLeastRecentlyUsedItem() const;
   void doInvalidate(StorageIRI const& location, bool abort) const;
+  // Takes the entry of `location` out of the map (null when there is none) after its
+  // pending open completed (a failed open is logged by the entry). Caller holds mutex_.
+  EntryPtr takeSettledEntry(StorageIRI const& location) const;
   // Registers `entry` at `location`, disposing an entry registered there before.
   void replaceEntry(StorageIRI const& location, EntryPtr entry) const;
   // Records the file `entry` now uses among the files this cache's entries used.
