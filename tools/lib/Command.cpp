@@ -3,6 +3,7 @@
 #include <ovl/Format.hpp>
 
 #include <algorithm>
+#include <filesystem>
 
 namespace ovl {
 
@@ -10,8 +11,30 @@ using fsp::StorageIRI;
 using fsp::StorageItem;
 
 Session::Session(fsp::ProviderRegistry& registry, std::ostream& out, std::ostream& err, bool errIsTerminal,
-                 std::optional<providers::throttle::Options> throttle)
-    : registry_(registry), out_(out), err_(err), errIsTerminal_(errIsTerminal), throttle_(std::move(throttle)) {}
+                 std::optional<providers::throttle::Options> throttle, OverlayHost* overlay)
+    : registry_(registry),
+      out_(out),
+      err_(err),
+      errIsTerminal_(errIsTerminal),
+      throttle_(std::move(throttle)),
+      overlay_(overlay) {}
+
+namespace {
+
+// Whether `path` is `folder` or lies below it.
+bool pathWithin(std::u16string const& path, std::u16string const& folder) {
+  if (folder == u"/" || path == folder) return true;
+  return path.size() > folder.size() && path.compare(0, folder.size(), folder) == 0 && path[folder.size()] == u'/';
+}
+
+// `path` relative to `folder`, which it lies within: "/" for the folder itself.
+std::u16string pathBelow(std::u16string const& path, std::u16string const& folder) {
+  if (folder == u"/") return path;
+  auto relative = path.substr(std::min(path.size(), folder.size()));
+  return relative.empty() ? u"/" : relative;
+}
+
+}  // namespace
 
 StorageItem Session::resolve(std::string const& text) {
   StorageItem item;
@@ -20,9 +43,50 @@ StorageItem Session::resolve(std::string const& text) {
   } catch (std::exception const& e) {
     throw CommandError(text, e.what());
   }
-  if (throttle_) item = throttled(item);
+  if (!overlay_) {
+    if (throttle_) item = throttled(item, item.getLocation().withPath(u"/"));
+  } else {
+    // The throttle (if any) is rooted at the overlay's folder: the overlay then lies over
+    // the throttle's root, and overlay, throttle and store IRIs map onto each other path
+    // for path.
+    auto const folder = overlayRootFor(item, text);
+    if (throttle_) item = throttled(item, folder);
+    auto const innerRoot = throttle_ ? item.getLocation().withPath(u"/") : folder;
+    try {
+      item = overlay_->over(item, innerRoot);
+    } catch (CommandError const&) {
+      throw;
+    } catch (std::exception const& e) {
+      throw CommandError(text, std::string("cannot lay the overlay over it: ") + e.what());
+    }
+  }
   names_.emplace_back(item.getLocation(), text);
   return item;
+}
+
+StorageIRI Session::overlayRootFor(StorageItem const& item, std::string const& text) {
+  auto const location = item.getLocation();
+  StorageIRI root;
+  std::string rootName;
+  if (overlayRootText_) {
+    try {
+      root = registry_.resolve(*overlayRootText_).getLocation();
+    } catch (std::exception const& e) {
+      throw CommandError(*overlayRootText_, e.what());
+    }
+    rootName = "the overlay's root " + *overlayRootText_;
+  } else if (location.getScheme() != u"file") {
+    return location.withPath(u"/");
+  } else {
+    // The store's root would be the whole disk, which the overlay would read in full.
+    auto const here = std::filesystem::current_path().string();
+    root = registry_.resolve(here).getLocation();
+    rootName = "the current folder " + here + ", over which --overlay lays the overlay (choose another with --overlay-root)";
+  }
+  if (root.withPath(u"/") != location.withPath(u"/") || !pathWithin(location.getPath(), root.getPath())) {
+    throw CommandError(text, "lies outside " + rootName);
+  }
+  return root;
 }
 
 StorageItem Session::child(StorageItem const& folder, std::u16string const& name) {
@@ -33,13 +97,14 @@ StorageItem Session::child(StorageItem const& folder, std::u16string const& name
   return item;
 }
 
-StorageItem Session::throttled(StorageItem const& item) {
-  auto const root = item.getLocation().withPath(u"/");
+StorageItem Session::throttled(StorageItem const& item, StorageIRI const& folder) {
+  auto const root = StorageIRI(folder, u"/");
   auto& throttle = throttles_[root.toString()];
   if (!throttle) {
     throttle = std::make_shared<providers::throttle::ThrottleProvider>(StorageItem(item.getProvider(), root), *throttle_);
   }
-  return StorageItem(throttle, StorageIRI(providers::throttle::kScheme, root, item.getLocation().getPath()));
+  return StorageItem(throttle, StorageIRI(providers::throttle::kScheme, root,
+                                          pathBelow(item.getLocation().getPath(), folder.getPath())));
 }
 
 std::string Session::nameOf(StorageIRI const& iri) const {
@@ -49,7 +114,8 @@ std::string Session::nameOf(StorageIRI const& iri) const {
   return plainIRI(iri);
 }
 
-std::string Session::plainIRI(StorageIRI const& iri) const {
+std::string Session::plainIRI(StorageIRI const& given) const {
+  auto const iri = overlay_ ? OverlayHost::innerIRI(given) : given;
   if (iri.hasInnerIRI() && iri.getScheme() == providers::throttle::kScheme) {
     if (auto it = throttles_.find(iri.getInnerIRI().toString()); it != throttles_.end()) {
       return it->second->toInner(iri).toUtf8();

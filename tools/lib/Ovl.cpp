@@ -3,6 +3,7 @@
 #include <ovl/Ovl.hpp>
 
 #include <ovl/Command.hpp>
+#include <ovl/Config.hpp>
 #include <ovl/Format.hpp>
 
 #include <providers/file/FileProviderFactory.hpp>
@@ -10,6 +11,7 @@
 #include <providers/throttle/ThrottleProvider.hpp>
 
 #include <foundation/log/Configuration.hpp>
+#include <foundation/log/MemorySink.hpp>
 #include <foundation/log/basic_diagnostic_logger.hpp>
 #include <foundation/storage/provider/Exception.hpp>
 
@@ -24,9 +26,15 @@ namespace ovl {
 namespace {
 
 constexpr char const* kGlobalUsage =
-    "usage: ovl [--log FILE] [--log-level N] [--throttle-ms N] [--throttle-mbps N] COMMAND [ARGS...]";
+    "usage: ovl [--overlay] [--overlay-root IRI] [--config FILE] [--set KEY=VALUE] [--bundle FILE] [--log FILE] [--log-level N]\n"
+    "           [--throttle-ms N] [--throttle-mbps N] COMMAND [ARGS...]";
 
 struct GlobalFlags {
+  bool overlay = false;
+  std::optional<std::string> overlayRoot;
+  std::optional<std::string> config;
+  std::vector<std::string> settings;  // "KEY=VALUE", in the order given
+  std::optional<std::string> bundle;
   std::optional<std::string> log;
   std::optional<unsigned> logLevel;
   std::optional<double> throttleMs;
@@ -35,11 +43,19 @@ struct GlobalFlags {
 
 struct GlobalFlag {
   char const* name;
-  char const* value;
+  char const* value;  // null for a switch
   char const* help;
 };
 
 GlobalFlag const kGlobalFlags[] = {
+    {"--overlay", nullptr, "go through the overlay: the store behind it sees the changes when\n"
+                           "                      the command ends (the overlay is flushed before ovl exits)"},
+    {"--overlay-root", "IRI", "the folder the overlay is laid over (implies --overlay); default:\n"
+                              "                      the store's root, for local files the current folder"},
+    {"--config", "FILE", "overlay configuration: a JSON file with \"overlay.*\" keys"},
+    {"--set", "KEY=VALUE", "one configuration key, after those of --config (repeatable)"},
+    {"--bundle", "FILE", "the overlay bundle module (default: $OVL_BUNDLE, else the one built\n"
+                         "                      with ovl)"},
     {"--log", "FILE", "write log records to FILE (appended), or to standard error for \"stderr\""},
     {"--log-level", "N", "lowest severity written: 2 trace, 4 debug, 8 info, 16 exception details,\n"
                          "                      512 failures only (the default)"},
@@ -57,12 +73,19 @@ void generalHelp(std::ostream& out) {
   }
   out << "\nGlobal flags (before or after the command):\n";
   for (auto const& flag : kGlobalFlags) {
-    out << "  " << std::left << std::setw(20) << (std::string(flag.name) + " " + flag.value) << flag.help << '\n';
+    auto const shown = flag.value ? std::string(flag.name) + " " + flag.value : std::string(flag.name);
+    out << "  " << std::left << std::setw(20) << shown << flag.help << '\n';
   }
   out << "  " << std::left << std::setw(20) << "-h, --help"
       << "show this help (a command's own: ovl help COMMAND, or ovl COMMAND --help)\n\n"
       << "The throttle flags wrap every store in a throttle (latency alone with --throttle-ms,\n"
-         "bandwidth alone with --throttle-mbps).\n\n"
+         "bandwidth alone with --throttle-mbps); --overlay lays the overlay over that.\n\n"
+         "Configuration keys (--config, --set): overlay.cacheRoot, overlay.maxQueueWeight,\n"
+         "overlay.minQueueItemWeight, overlay.persistContentCache, overlay.maxReadPayloadSize,\n"
+         "overlay.maxWritePayloadSize, overlay.synchronous, overlay.disableContentCache,\n"
+         "overlay.backslashToForwardSlash. Environment: OVL_BUNDLE, OVERLAY_LOG, OVERLAY_LOG_LEVEL,\n"
+         "QV_OVERLAY_EVENT_ROBUSTNESS_TIMEOUT, QV_OVERLAY_WAIT_FOR_ZERO_PERIOD,\n"
+         "QV_OVERLAY_DISABLE_QUEUE_METRICS_CAPTURE (see the README).\n\n"
          "Exit status: 0 on success; 1 when the command failed (one line on standard error:\n"
          "\"ovl COMMAND: IRI: cause\"); 2 on bad usage.\n";
 }
@@ -122,9 +145,10 @@ std::vector<std::string> takeGlobalFlags(std::vector<std::string> const& args, G
       std::string const name = flag.name;
       if (arg == name) {
         matched = &flag;
+        if (!flag.value) break;
         if (i + 1 >= args.size()) throw UsageError(name + " needs a value (" + flag.value + ")");
         value = args[++i];
-      } else if (arg.compare(0, name.size() + 1, name + "=") == 0) {
+      } else if (flag.value && arg.compare(0, name.size() + 1, name + "=") == 0) {
         matched = &flag;
         value = arg.substr(name.size() + 1);
       }
@@ -135,7 +159,24 @@ std::vector<std::string> takeGlobalFlags(std::vector<std::string> const& args, G
       continue;
     }
     std::string const name = matched->name;
-    if (name == "--log") {
+    if (name == "--overlay") {
+      flags.overlay = true;
+    } else if (name == "--overlay-root") {
+      if (value->empty()) throw UsageError("--overlay-root needs a folder");
+      flags.overlay = true;
+      flags.overlayRoot = *value;
+    } else if (name == "--config") {
+      if (value->empty()) throw UsageError("--config needs a file name");
+      flags.config = *value;
+    } else if (name == "--set") {
+      if (value->find('=') == std::string::npos || value->front() == '=') {
+        throw UsageError("--set: '" + *value + "' is not KEY=VALUE");
+      }
+      flags.settings.push_back(*value);
+    } else if (name == "--bundle") {
+      if (value->empty()) throw UsageError("--bundle needs a file name");
+      flags.bundle = *value;
+    } else if (name == "--log") {
       if (value->empty()) throw UsageError("--log needs a file name");
       flags.log = *value;
     } else if (name == "--log-level") {
@@ -179,6 +220,20 @@ std::optional<providers::throttle::Options> throttleOptions(GlobalFlags const& f
   options.latency = std::chrono::microseconds(std::llround(flags.throttleMs.value_or(0) * 1000));
   options.bytesPerSecond = flags.throttleMBps.value_or(0) * 1e6;
   return options;
+}
+
+// Reports, after the overlay was flushed, the failures it logged while the command ran;
+// returns the exit status they call for (1 when there were any).
+int reportOverlayFailures(foundation::log::MemorySink const& sink, std::string const& command, std::ostream& err) {
+  std::vector<std::string> messages;
+  for (auto const& record : sink.records()) {
+    if (record.channel == "storage::overlayprovider") messages.push_back(record.message);
+  }
+  if (messages.empty()) return 0;
+  err << "ovl " << command << ": the overlay reported " << messages.size()
+      << (messages.size() == 1 ? " failure" : " failures") << " while writing to the store, the first: "
+      << messages.front() << " (--log FILE --log-level 4 shows the details)\n";
+  return 1;
 }
 
 std::string joined(std::vector<std::string> const& args) {
@@ -250,11 +305,28 @@ int runOvl(std::vector<std::string> args, std::ostream& out, std::ostream& err, 
 
   int status = 1;
   std::string failure;
+  // Declared after the registry: the bundle runtime must go before the registry does.
+  std::unique_ptr<OverlayHost> overlay;
+  // What the overlay reports as failures while the command runs (a change it could not
+  // make in the store after its retries): the command's own result does not show them.
+  std::unique_ptr<foundation::log::MemorySink> overlayFailures;
   try {
     configureLog(flags);
     foundation::log::diagnostic_logger log("ovl");
     log.log(foundation::log::Debug, "ovl " + joined(args));
+    auto config = loadConfig(flags.config, flags.settings);
+    checkCacheRoot(config);
+    session.setOverlaySettings(OverlayHost::modulePath(flags.bundle), config);
+    if (flags.overlay) {
+      overlayFailures = std::make_unique<foundation::log::MemorySink>(foundation::log::Error);
+      overlay = std::make_unique<OverlayHost>(*registry, session.bundlePath(), std::move(config));
+      session.setOverlay(overlay.get(), flags.overlayRoot);
+    }
     status = command->run(session, parsed);
+    if (overlay) {
+      overlay->finish();
+      status = std::max(status, reportOverlayFailures(*overlayFailures, command->name, err));
+    }
   } catch (UsageError const& e) {
     err << "ovl " << command->name << ": " << e.what() << "\nusage: " << command->usage() << '\n';
     status = 2;
@@ -272,6 +344,15 @@ int runOvl(std::vector<std::string> args, std::ostream& out, std::ostream& err, 
     foundation::log::diagnostic_logger("ovl").log(foundation::log::Diagnostic,
                                                   "ovl " + command->name + " failed: " + failure);
     status = 1;
+  }
+  if (overlay) {
+    // After a failure the overlay still gets the chance to write what it acknowledged.
+    try {
+      overlay->finish();
+    } catch (std::exception const& e) {
+      err << "ovl " << command->name << ": flushing the overlay failed: " << e.what() << '\n';
+      status = 1;
+    }
   }
   if (ownRegistry) {
     try {

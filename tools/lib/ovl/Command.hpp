@@ -6,11 +6,14 @@
 // adding a row: see `commands()`.
 #pragma once
 
+#include <ovl/Overlay.hpp>
+
 #include <providers/throttle/ThrottleProvider.hpp>
 
 #include <foundation/storage/provider/ProviderRegistry.hpp>
 #include <foundation/storage/provider/StorageItem.hpp>
 
+#include <filesystem>
 #include <functional>
 #include <map>
 #include <memory>
@@ -49,9 +52,10 @@ class UsageError : public std::runtime_error {
 class Session {
  public:
   // `throttle`, when set, wraps every store the session resolves in a ThrottleProvider
-  // with those options (one per store root, shared by the session's items).
+  // with those options (one per store root, shared by the session's items). `overlay`,
+  // when not null, then lays the overlay over it: the session's items are overlay items.
   Session(fsp::ProviderRegistry& registry, std::ostream& out, std::ostream& err, bool errIsTerminal,
-          std::optional<providers::throttle::Options> throttle);
+          std::optional<providers::throttle::Options> throttle, OverlayHost* overlay = nullptr);
 
   std::ostream& out() { return out_; }
   std::ostream& err() { return err_; }
@@ -65,21 +69,50 @@ class Session {
   fsp::StorageItem child(fsp::StorageItem const& folder, std::u16string const& name);
 
   // How messages name `iri`: as the user wrote it when it is one of the session's items,
-  // otherwise as its IRI text (without the throttle layer the session added).
+  // otherwise as its IRI text (without the overlay and throttle layers the session added).
   std::string nameOf(fsp::StorageIRI const& iri) const;
   std::string nameOf(fsp::StorageItem const& item) const { return nameOf(item.getLocation()); }
-  // The IRI text of `iri` without the throttle layer the session added.
+  // The IRI text of `iri` without the overlay and throttle layers the session added.
   std::string plainIRI(fsp::StorageIRI const& iri) const;
+  // Whether the session's items go through the overlay.
+  bool throughOverlay() const { return overlay_ != nullptr; }
+  // From here on, resolve() lays `overlay` over what it resolves (null: no longer). The
+  // overlay is laid over the folder `root` names (an IRI or a local path) when given;
+  // otherwise over the store's root, or for local files (where that would be the whole
+  // disk) over the current folder. An item outside that folder is a CommandError.
+  void setOverlay(OverlayHost* overlay, std::optional<std::string> root = std::nullopt) {
+    overlay_ = overlay;
+    overlayRootText_ = std::move(root);
+  }
+
+  // What the run was given for overlays the commands make themselves (demo, bench): the
+  // bundle module and the configuration tree.
+  void setOverlaySettings(std::filesystem::path bundle, boost::property_tree::ptree config) {
+    bundle_ = std::move(bundle);
+    config_ = std::move(config);
+  }
+  std::filesystem::path const& bundlePath() const { return bundle_; }
+  boost::property_tree::ptree const& config() const { return config_; }
+  fsp::ProviderRegistry& registry() { return registry_; }
+  std::optional<providers::throttle::Options> const& throttle() const { return throttle_; }
 
  private:
-  fsp::StorageItem throttled(fsp::StorageItem const& item);
+  // `item` (lying within `folder`) through the throttle rooted at `folder`.
+  fsp::StorageItem throttled(fsp::StorageItem const& item, fsp::StorageIRI const& folder);
+  // The folder (of the unthrottled store) the overlay is laid over for `item`, which the
+  // user wrote as `text`.
+  fsp::StorageIRI overlayRootFor(fsp::StorageItem const& item, std::string const& text);
 
   fsp::ProviderRegistry& registry_;
   std::ostream& out_;
   std::ostream& err_;
   bool const errIsTerminal_;
   std::optional<providers::throttle::Options> const throttle_;
-  std::map<std::u16string, std::shared_ptr<providers::throttle::ThrottleProvider>> throttles_;  // by store root
+  OverlayHost* overlay_;  // not owned; null when the session goes to the stores directly
+  std::optional<std::string> overlayRootText_;
+  std::filesystem::path bundle_;
+  boost::property_tree::ptree config_;
+  std::map<std::u16string, std::shared_ptr<providers::throttle::ThrottleProvider>> throttles_;  // by inner root
   std::vector<std::pair<fsp::StorageIRI, std::string>> names_;  // item IRI -> text the user wrote
 };
 

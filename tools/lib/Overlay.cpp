@@ -1,0 +1,105 @@
+#include <ovl/Overlay.hpp>
+
+#include <ovl/Command.hpp>
+
+#include <algorithm>
+#include <cstdlib>
+#include <exception>
+
+#ifndef OVL_DEFAULT_BUNDLE
+#define OVL_DEFAULT_BUNDLE "overlayprovider.so"
+#endif
+
+namespace ovl {
+
+using fsp::StorageIRI;
+using fsp::StorageItem;
+
+std::filesystem::path OverlayHost::modulePath(std::optional<std::string> const& flag) {
+  if (flag) return *flag;
+  if (char const* env = std::getenv("OVL_BUNDLE"); env && *env) return env;
+  return OVL_DEFAULT_BUNDLE;
+}
+
+OverlayHost::OverlayHost(fsp::ProviderRegistry& registry, std::filesystem::path const& module,
+                         boost::property_tree::ptree config)
+    : registry_(registry), config_(std::move(config)) {
+  if (registry_.hasScheme(kOverlayScheme)) return;
+  auto runtime = std::make_unique<fsp::BundleRuntime>(registry_);
+  try {
+    runtime->load(module);
+  } catch (fsp::BundleError const& e) {
+    throw CommandError(module.string(), std::string("cannot load the overlay bundle: ") + e.what());
+  }
+  runtime_ = std::move(runtime);
+}
+
+OverlayHost::~OverlayHost() {
+  try {
+    finish();
+  } catch (...) {
+    // A failure here was reported by an earlier finish(), or there is nobody to tell.
+  }
+}
+
+StorageItem OverlayHost::over(StorageItem const& inner, StorageIRI const& innerRoot) {
+  auto const key = innerRoot.toString();
+  auto found = roots_.find(key);
+  if (found == roots_.end()) {
+    // The registry makes the overlay's inner item from the inner IRI; handing it the
+    // caller's provider makes sure the overlay lies on that very instance (a throttle made
+    // for this run is not one the registry could make itself).
+    registry_.addProvider(innerRoot, inner.getProvider());
+    auto root = registry_.resolve(StorageIRI(kOverlayScheme, StorageIRI(innerRoot, u"/"), u"/"));
+    root.configure(config_);
+    found = roots_.emplace(key, std::move(root)).first;
+  }
+  auto const& path = inner.getLocation().getPath();
+  auto const& rootPath = innerRoot.getPath();
+  auto relative = rootPath == u"/" ? path : path.substr(std::min(path.size(), rootPath.size()));
+  if (relative.empty()) relative = u"/";
+  return StorageItem(found->second.getProvider(), found->second.getLocation().withPath(relative));
+}
+
+std::vector<StorageItem> OverlayHost::roots() const {
+  std::vector<StorageItem> all;
+  for (auto const& [key, root] : roots_) all.push_back(root);
+  return all;
+}
+
+void OverlayHost::finish() {
+  if (finished_) return;
+  finished_ = true;
+  std::exception_ptr first;
+  for (auto const& [key, root] : roots_) {
+    try {
+      root.flushFilesystem();
+    } catch (...) {
+      if (!first) first = std::current_exception();
+    }
+  }
+  for (auto const& [key, root] : roots_) {
+    try {
+      root.shutdownProvider();
+    } catch (...) {
+      if (!first) first = std::current_exception();
+    }
+  }
+  roots_.clear();
+  if (runtime_) {
+    try {
+      runtime_->unload(kOverlayScheme);
+    } catch (...) {
+      if (!first) first = std::current_exception();
+    }
+    runtime_.reset();
+  }
+  if (first) std::rethrow_exception(first);
+}
+
+StorageIRI OverlayHost::innerIRI(StorageIRI const& iri) {
+  if (iri.hasInnerIRI() && iri.getScheme() == kOverlayScheme) return StorageIRI(iri.getInnerIRI(), iri.getPath());
+  return iri;
+}
+
+}  // namespace ovl

@@ -1,0 +1,77 @@
+// OverlayHost: brings the overlay bundle into a registry and lays overlays over stores.
+//
+// The overlay is not linked into ovl: it is the loadable module the platform's bundle
+// runtime loads, as any host program would load it. The module is found, in this order,
+// at the path given with --bundle, at $OVL_BUNDLE, and at the path the build wrote into
+// the program (the module built beside it).
+//
+// One OverlayHost serves one run of a command. For each store root it is asked about it
+// makes (through the registry) one overlay provider, configures it once with the
+// configuration tree of the run, and remembers it; `finish` flushes every overlay so
+// that the store holds everything the command was told was done, then shuts them down
+// and unloads the bundle.
+#pragma once
+
+#include <foundation/storage/provider/BundleRuntime.hpp>
+#include <foundation/storage/provider/ProviderRegistry.hpp>
+#include <foundation/storage/provider/StorageItem.hpp>
+
+#include <boost/property_tree/ptree.hpp>
+
+#include <filesystem>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace ovl {
+
+namespace fsp = foundation::storage::provider;
+
+// The scheme the overlay bundle serves.
+inline constexpr char16_t const* kOverlayScheme = u"overlay";
+
+class OverlayHost {
+ public:
+  // Where the bundle module is: `flag` when given, else $OVL_BUNDLE when set and not
+  // empty, else the module built with this program.
+  static std::filesystem::path modulePath(std::optional<std::string> const& flag);
+
+  // Loads the bundle from `module` into `registry` unless the registry already serves the
+  // overlay scheme (then that factory is used and nothing is loaded). Throws CommandError
+  // naming the module when it cannot be loaded. `config` is handed to every overlay
+  // provider before its first use.
+  OverlayHost(fsp::ProviderRegistry& registry, std::filesystem::path const& module,
+              boost::property_tree::ptree config);
+  // Shuts down what `finish` did not, swallowing errors; unloads the bundle if it loaded it.
+  ~OverlayHost();
+  OverlayHost(OverlayHost const&) = delete;
+  OverlayHost& operator=(OverlayHost const&) = delete;
+
+  // The overlay item for `inner`, which lies at or below the folder `innerRoot` of the
+  // same store: the overlay laid over that folder, at inner's path relative to it. The
+  // first call for a folder makes and configures that overlay (its root is the folder;
+  // the overlay reads the whole tree below it into its metadata cache at first use).
+  fsp::StorageItem over(fsp::StorageItem const& inner, fsp::StorageIRI const& innerRoot);
+
+  // The overlay roots made so far (each an item at path "/").
+  std::vector<fsp::StorageItem> roots() const;
+
+  // Flushes every overlay (its queue drains into the store), then shuts each down and
+  // unloads the bundle if this host loaded it. Throws what a flush throws, after trying
+  // the others; calling it again does nothing.
+  void finish();
+
+  // The inner IRI an overlay IRI stands for; other IRIs are returned as they are.
+  static fsp::StorageIRI innerIRI(fsp::StorageIRI const& iri);
+
+ private:
+  fsp::ProviderRegistry& registry_;
+  boost::property_tree::ptree const config_;
+  std::unique_ptr<fsp::BundleRuntime> runtime_;  // set when this host loaded the bundle
+  std::map<std::u16string, fsp::StorageItem> roots_;  // overlay root by inner folder text
+  bool finished_ = false;
+};
+
+}  // namespace ovl
