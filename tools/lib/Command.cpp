@@ -3,6 +3,8 @@
 #include <ovl/Format.hpp>
 
 #include <algorithm>
+#include <cstdlib>
+#include <sstream>
 #include <filesystem>
 
 namespace ovl {
@@ -126,7 +128,9 @@ std::string Session::plainIRI(StorageIRI const& given) const {
 
 std::string Command::usage() const {
   std::string text = "ovl " + name;
-  for (auto const& flag : flags) text += " [" + (flag.alias.empty() ? flag.name : flag.alias) + "]";
+  for (auto const& flag : flags) {
+    text += " [" + (flag.alias.empty() ? flag.name : flag.alias) + (flag.value.empty() ? "" : " " + flag.value) + "]";
+  }
   for (std::size_t i = 0; i < operands.size(); ++i) {
     bool const optional = i >= operands.size() - optionalOperands;
     text += optional ? " [" + operands[i] + "]" : " " + operands[i];
@@ -143,8 +147,18 @@ Arguments Command::parse(std::vector<std::string> const& args) const {
     return nullptr;
   };
   bool flagsEnded = false;
-  for (auto const& arg : args) {
-    if (flagsEnded || arg.size() < 2 || arg[0] != '-') {
+  for (std::size_t i = 0; i < args.size(); ++i) {
+    auto const& arg = args[i];
+    auto const equals = arg.find('=');
+    Flag const* valued = nullptr;
+    if (!flagsEnded && arg.rfind("--", 0) == 0 && equals != std::string::npos) {
+      valued = findFlag(arg.substr(0, equals));
+      if (!valued || valued->value.empty()) throw UsageError("unknown flag '" + arg + "'");
+    }
+    if (valued) {
+      parsed.flags.insert(valued->name);
+      parsed.values[valued->name] = arg.substr(equals + 1);
+    } else if (flagsEnded || arg.size() < 2 || arg[0] != '-') {
       parsed.operands.push_back(arg);
     } else if (arg == "--") {
       flagsEnded = true;
@@ -152,6 +166,10 @@ Arguments Command::parse(std::vector<std::string> const& args) const {
       parsed.flags.insert("--help");
     } else if (auto const* flag = findFlag(arg)) {
       parsed.flags.insert(flag->name);
+      if (!flag->value.empty()) {
+        if (i + 1 >= args.size()) throw UsageError(flag->name + " needs a value (" + flag->value + ")");
+        parsed.values[flag->name] = args[++i];
+      }
     } else if (arg[1] != '-') {
       // Single-letter flags given together: "-lR".
       std::vector<std::string> names;
@@ -174,10 +192,25 @@ Arguments Command::parse(std::vector<std::string> const& args) const {
   return parsed;
 }
 
+double Arguments::number(std::string const& flag, double fallback, double min, double max) const {
+  auto it = values.find(flag);
+  if (it == values.end()) return fallback;
+  char* end = nullptr;
+  double const value = std::strtod(it->second.c_str(), &end);
+  if (it->second.empty() || end != it->second.c_str() + it->second.size() || !(value >= min && value <= max)) {
+    std::ostringstream range;
+    range << min << " to " << max;
+    throw UsageError(flag + ": '" + it->second + "' is not a number from " + range.str());
+  }
+  return value;
+}
+
 std::vector<Command> const& commands() {
   // File commands first, then the program's own; each group is a list of rows.
   static std::vector<Command> const table = [] {
     std::vector<Command> all = fileCommands();
+    all.push_back(demoCommand());
+    all.push_back(benchCommand());
     for (auto& command : programCommands()) all.push_back(std::move(command));
     return all;
   }();

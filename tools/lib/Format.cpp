@@ -116,8 +116,8 @@ std::string humanSize(std::uint64_t bytes) {
   return text;
 }
 
-ProgressBar::ProgressBar(std::ostream& out, std::uint64_t total, bool enabled)
-    : out_(out), total_(total), enabled_(enabled), start_(std::chrono::steady_clock::now()) {}
+ProgressBar::ProgressBar(std::ostream& out, std::uint64_t total, bool enabled, Unit unit)
+    : out_(out), total_(total), enabled_(enabled), unit_(unit), start_(std::chrono::steady_clock::now()) {}
 
 void ProgressBar::update(std::uint64_t done) {
   done_ = done;
@@ -129,7 +129,8 @@ void ProgressBar::update(std::uint64_t done) {
 }
 
 void ProgressBar::finish() {
-  if (!enabled_) return;
+  if (!enabled_ || finished_) return;
+  finished_ = true;
   draw();
   out_ << '\n' << std::flush;
 }
@@ -142,7 +143,14 @@ void ProgressBar::draw() {
   auto const rate = seconds > 0 ? static_cast<std::uint64_t>(static_cast<double>(done_) / seconds) : 0;
   out_ << '\r' << (percent < 10 ? "  " : percent < 100 ? " " : "") << percent << "% ["
        << std::string(static_cast<std::size_t>(filled), '#') << std::string(static_cast<std::size_t>(kWidth - filled), '.')
-       << "] " << humanSize(done_) << " / " << humanSize(total_) << "  " << humanSize(rate) << "/s   " << std::flush;
+       << "] ";
+  if (unit_ == Unit::Bytes) {
+    out_ << humanSize(done_) << " / " << humanSize(total_) << "  " << humanSize(rate) << "/s";
+  } else {
+    out_ << done_ << " / " << total_;
+  }
+  // Padding wipes what a longer earlier label left on the line.
+  out_ << "  " << label_ << std::string(label_.size() < 40 ? 40 - label_.size() : 0, ' ') << std::flush;
 }
 
 }  // namespace ovl

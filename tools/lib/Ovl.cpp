@@ -94,10 +94,11 @@ void commandHelp(std::ostream& out, Command const& command) {
   out << "usage: " << command.usage() << "\n\n" << command.summary << ".\n\n" << command.description << '\n';
   out << "\nFlags:\n";
   for (auto const& flag : command.flags) {
-    auto const names = flag.alias.empty() ? "    " + flag.name : flag.alias + ", " + flag.name;
-    out << "  " << std::left << std::setw(18) << names << flag.help << '\n';
+    auto names = flag.alias.empty() ? "    " + flag.name : flag.alias + ", " + flag.name;
+    if (!flag.value.empty()) names += " " + flag.value;
+    out << "  " << std::left << std::setw(22) << names << flag.help << '\n';
   }
-  out << "  " << std::left << std::setw(18) << "-h, --help" << "show this help\n"
+  out << "  " << std::left << std::setw(22) << "-h, --help" << "show this help\n"
       << "\nGlobal flags are listed by 'ovl --help'.\n";
 }
 

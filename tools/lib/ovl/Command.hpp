@@ -120,14 +120,24 @@ struct Flag {
   std::string name;   // "--recursive"
   std::string alias;  // "-r", or empty
   std::string help;
+  std::string value = {};  // "N" for a flag that takes a value ("--files N", "--files=N")
 };
 
-// A command's arguments after parsing: the flags given (by their long names) and the
-// operands in order.
+// A command's arguments after parsing: the flags given (by their long names), the values
+// of those that take one (the last given wins), and the operands in order.
 struct Arguments {
   std::set<std::string> flags;
+  std::map<std::string, std::string> values;
   std::vector<std::string> operands;
   bool has(std::string const& flag) const { return flags.count(flag) != 0; }
+  // The flag's value; `fallback` when it was not given.
+  std::string valueOr(std::string const& flag, std::string const& fallback) const {
+    auto it = values.find(flag);
+    return it == values.end() ? fallback : it->second;
+  }
+  // The flag's value as a number within [min, max]; `fallback` when it was not given.
+  // Throws UsageError naming the flag otherwise.
+  double number(std::string const& flag, double fallback, double min, double max) const;
 };
 
 struct Command {
@@ -154,5 +164,8 @@ Command const* findCommand(std::string const& name);
 std::vector<Command> fileCommands();
 // The program's own commands: help (Ovl.cpp).
 std::vector<Command> programCommands();
+// ovl demo (Demo.cpp) and ovl bench (Bench.cpp).
+Command demoCommand();
+Command benchCommand();
 
 }  // namespace ovl

@@ -33,11 +33,15 @@ std::string humanSize(std::uint64_t bytes);
 // A one-line progress bar redrawn in place ("\r") on `out`, at most every 100 ms.
 class ProgressBar {
  public:
+  // What is counted: bytes (shown as sizes and a rate) or steps (shown as counts).
+  enum class Unit { Bytes, Steps };
   // Draws nothing when `enabled` is false.
-  ProgressBar(std::ostream& out, std::uint64_t total, bool enabled);
-  // Records that `done` bytes of `total` are through.
+  ProgressBar(std::ostream& out, std::uint64_t total, bool enabled, Unit unit = Unit::Bytes);
+  // Records that `done` of `total` are through.
   void update(std::uint64_t done);
-  // Draws the final state and ends the line.
+  // Text shown after the bar: what is being done now.
+  void setLabel(std::string label) { label_ = std::move(label); }
+  // Draws the final state and ends the line; later calls do nothing.
   void finish();
 
  private:
@@ -46,6 +50,9 @@ class ProgressBar {
   std::ostream& out_;
   std::uint64_t const total_;
   bool const enabled_;
+  Unit const unit_;
+  std::string label_;
+  bool finished_ = false;
   std::uint64_t done_ = 0;
   std::chrono::steady_clock::time_point const start_;
   std::chrono::steady_clock::time_point lastDraw_{};
