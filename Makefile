@@ -19,7 +19,7 @@ build: setup build/release/CMakeCache.txt
 	@cmake --build build/release -j $(JOBS)
 
 demo: build
-	@scripts/demo.sh build/release
+	@build/release/tools/ovl demo
 
 test: test-release test-asan test-tsan
 	@echo "All test runs passed."

@@ -37,7 +37,10 @@ using Clock = std::chrono::steady_clock;
 
 constexpr std::size_t kChunk = 1 << 20;
 constexpr unsigned kModules = 10;
-constexpr char16_t const* kChangedFile = u"/project/mod0/src/file0.txt";
+// A file that is in the store before the session starts and that "someone else" changes
+// later: the session only reads it, so no write of the session's own is on its way to it.
+constexpr char16_t const* kSharedFolder = u"/shared";
+constexpr char16_t const* kChangedFile = u"/shared/notes.txt";
 constexpr char16_t const* kRenamedFrom = u"/project/mod1";
 constexpr char16_t const* kRenamedTo = u"/project/mod1-renamed";
 constexpr char16_t const* kDeleted = u"/project/mod2";
@@ -139,6 +142,12 @@ class Run {
 
   // The whole session; `flush` is the run's last step.
   void session(std::function<void()> const& flush) {
+    // Put there from the store's side before the session starts.
+    at(storeFolder_, kSharedFolder).createFolder();
+    std::string const notes = "notes kept in the store, read by the session\n";
+    writeFile(at(storeFolder_, kChangedFile), notes);
+    model_.folders.insert(kSharedFolder);
+    model_.files[kChangedFile] = notes;
     timed("unpack the tree", [&] { unpack(); });
     timed("read everything (1st)", [&] { readAll(); });
     timed("read everything (2nd)", [&] { readAll(); });
@@ -163,7 +172,7 @@ class Run {
   // Operations of one run, for the progress bar.
   static std::uint64_t operations(DemoOptions const& options) {
     auto const files = std::uint64_t{options.smallFiles} + options.largeFiles;
-    return (2 + 3 * kModules) + files * 3 + (2 + 3 * kModules) + 4;
+    return (2 + 3 * kModules) + files + 2 * (files + 1) + (3 + 3 * kModules) + 4;
   }
 
  private:
@@ -230,9 +239,10 @@ class Run {
     }
   }
 
-  // Writes new content to one file from the store's side, then waits until the session
-  // reads it (at once for the store itself; the overlay learns of it from the store's
-  // change events). The wait asks whether the file exists and for its size, not for its
+  // Writes new content to a file of the store from the store's side, then waits until
+  // the session reads it (at once for the store itself; the overlay learns of it from the
+  // store's change events, which it works off in its one queue, after the changes of its
+  // own that are still on their way to the store). The wait asks whether the file exists and for its size, not for its
   // content: the overlay holds the store's events back for a while after each of its own
   // stream openings (so that it does not take the echo of its own changes for a foreign
   // change), and reading the file over and over would keep them back. The existence
@@ -243,17 +253,27 @@ class Run {
     writeFile(at(storeFolder_, kChangedFile), changed);
     model_.files[kChangedFile] = changed;
     auto const file = at(root_, kChangedFile);
+    std::string lastSeen = "nothing";
     auto seen = [&] {
-      if (!file.fileExists()) return false;
+      if (!file.fileExists()) {
+        lastSeen = "no such file";
+        return false;
+      }
       auto const size = file.getFileAttributes().getSize();
-      return size && *size == changed.size() && readFile(file) == changed;
+      lastSeen = "a size of " + (size ? std::to_string(*size) : std::string("?")) + " bytes";
+      if (!size || *size != changed.size()) return false;
+      auto const content = readFile(file);
+      lastSeen = "the new size but other content (" + std::to_string(content.size()) + " bytes read)";
+      return content == changed;
     };
     auto const deadline = Clock::now() + options_.changeTimeout;
     while (!seen()) {
       if (Clock::now() > deadline) {
         throw CommandError(name_ + " run", "the change made in the store to " + displayText(kChangedFile) +
                                                " was not seen within " +
-                                               std::to_string(options_.changeTimeout.count() / 1000) + " s");
+                                               std::to_string(options_.changeTimeout.count() / 1000) + " s (it showed " +
+                                               lastSeen + "; the store has " + std::to_string(changed.size()) +
+                                               " bytes)");
       }
       if (options_.interrupt && options_.interrupt->load()) throw Interrupted{};
       std::this_thread::sleep_for(std::chrono::milliseconds(20));
@@ -415,9 +435,12 @@ void printTable(std::ostream& out, Run const& direct, Run const& overlay, DemoOp
   row("total", totalDirect, totalOverlay);
   out << "(" << options.smallFiles << " small files of 200 B to 16 KiB, " << options.largeFiles << " of "
       << humanSize(options.largeFileBytes) << "; ratio = direct / overlay, above 1 the overlay is faster)\n"
-      << "(the overlay holds the store's change events back until " << latchSeconds()
-      << " s after its own last change, so that it does not take the echo of its own writes\n"
-         " for a change made elsewhere: QV_OVERLAY_EVENT_ROBUSTNESS_TIMEOUT, in milliseconds)\n";
+      << "(a change made elsewhere reaches the overlay as a change event of the store; the overlay holds\n"
+         " those back until "
+      << latchSeconds()
+      << " s after its own last change (QV_OVERLAY_EVENT_ROBUSTNESS_TIMEOUT, in ms), so that it\n"
+         " does not take the echo of its own writes for a foreign change, and works them off in its\n"
+         " one queue, after the writes of its own that are still on their way to the store)\n";
 }
 
 // The store the demo works in: the folder named by --inner, or a new temporary folder.

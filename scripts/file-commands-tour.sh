@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
-# The main job of `make demo`: drives the ovl program over real files through the
+# A tour of the ovl file commands: drives the ovl program over real files through the
 # platform's stores, checks every result, and cleans up.
 #
-#   scripts/demo.sh BUILD_DIR      (make demo passes build/release)
+#   scripts/file-commands-tour.sh [BUILD_DIR]      (default build/release)
 #
 # Builds a small tree in a temporary folder from the repository's own files with
 # `ovl mkdir` and `ovl cp`, lists it, shows a file's attributes, reads files back and
