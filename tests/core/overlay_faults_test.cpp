@@ -48,6 +48,17 @@ std::string readAll(fsp::ByteStream& stream) {
   return content;
 }
 
+// Equal byte strings; otherwise the sizes and the first differing offset (the contents
+// may be megabytes long).
+::testing::AssertionResult sameBytes(std::optional<std::string> const& actual, std::string const& expected) {
+  if (!actual) return ::testing::AssertionFailure() << "no file";
+  if (*actual == expected) return ::testing::AssertionSuccess();
+  std::size_t at = 0;
+  while (at < actual->size() && at < expected.size() && (*actual)[at] == expected[at]) ++at;
+  return ::testing::AssertionFailure() << actual->size() << " bytes instead of " << expected.size()
+                                       << ", first difference at offset " << at;
+}
+
 // Records of `sink` whose message contains `text`.
 std::size_t countRecords(foundation::log::MemorySink const& sink, std::string const& text) {
   std::size_t count = 0;
@@ -325,20 +336,21 @@ TEST_F(OverlayFaultsTest, AWriteBeyondTheEndFillsTheGapWithZeros) {
   EXPECT_EQ(provider->doGetFileAttributes(at(u"/gap.bin")).getSize(), expected.size());
   EXPECT_EQ(read(u"/gap.bin"), expected);
 
-  // Again on the existing file, relative to its end, with a gap wider than one payload
-  // of zeros would be if it were written at once.
+  // Again on the existing file, relative to its end, with a gap of several megabytes
+  // (the zeros go out in pieces).
+  constexpr long kGap = 2500000;
   fsp::ByteStreamOpenOptions existing;
   existing.openMode = fsp::ByteStreamOpenOptions::OpenExisting;
   auto again = provider->doOpenStream(at(u"/gap.bin"), existing);
-  EXPECT_EQ(again->seek(100000, std::ios_base::end), 100013);
+  EXPECT_EQ(again->seek(kGap, std::ios_base::end), kGap + 13);
   again->write("!", 1);
   again->close();
-  std::string const grown = expected + std::string(100000, '\0') + "!";
-  EXPECT_EQ(read(u"/gap.bin"), grown);
+  std::string const grown = expected + std::string(kGap, '\0') + "!";
+  EXPECT_TRUE(sameBytes(read(u"/gap.bin"), grown));
 
   provider->doFlushFilesystem();
-  EXPECT_EQ(store->elsewhere().contentOf(u"/gap.bin"), grown);
-  EXPECT_EQ(read(u"/gap.bin"), grown);
+  EXPECT_TRUE(sameBytes(store->elsewhere().contentOf(u"/gap.bin"), grown));
+  EXPECT_TRUE(sameBytes(read(u"/gap.bin"), grown));
 }
 
 TEST_F(OverlayFaultsTest, ASeekBeforeTheStartLeavesTheFileAsItWas) {
