@@ -6,6 +6,7 @@
 #include <ovl/Command.hpp>
 #include <ovl/ExecutorProbe.hpp>
 #include <ovl/Format.hpp>
+#include <ovl/ItemIO.hpp>
 #include <ovl/Overlay.hpp>
 
 #include <providers/throttle/ThrottleProvider.hpp>
@@ -35,37 +36,8 @@ using fsp::StorageIRI;
 using fsp::StorageItem;
 using Clock = std::chrono::steady_clock;
 
-constexpr std::size_t kChunk = 1 << 20;
 
 double since(Clock::time_point start) { return std::chrono::duration<double>(Clock::now() - start).count(); }
-
-StorageItem at(StorageItem const& root, std::u16string const& path) {
-  return StorageItem(root.getProvider(), StorageIRI(root.getLocation(), path));
-}
-
-std::u16string u16(std::string const& text) { return std::u16string(text.begin(), text.end()); }
-
-void writeFile(StorageItem const& file, std::string const& content) {
-  fsp::ByteStreamOpenOptions options;
-  options.truncate = true;
-  auto stream = file.openStream(options);
-  for (std::size_t done = 0; done < content.size();) {
-    auto const n = std::min(kChunk, content.size() - done);
-    stream->write(content.data() + done, static_cast<long>(n));
-    done += n;
-  }
-  stream->close();
-}
-
-// Reads the whole file in 1 MiB reads; returns the bytes read.
-std::uint64_t readFile(StorageItem const& file) {
-  auto stream = file.openReadOnlyStream();
-  std::string buffer(kChunk, '\0');
-  std::uint64_t total = 0;
-  for (long n; (n = stream->read(buffer.data(), static_cast<long>(buffer.size()))) > 0;) total += static_cast<std::uint64_t>(n);
-  stream->close();
-  return total;
-}
 
 // One line of the results: a figure through the overlay and on the store directly.
 struct Figure {
@@ -113,7 +85,7 @@ std::string number(double value) {
 // Reads a local file with read(2) in 1 MiB pieces, after one read to bring it into the
 // page cache: what the local disk (and cache) give for a file of that size.
 double localReadMBps(std::filesystem::path const& path) {
-  std::string buffer(kChunk, '\0');
+  std::string buffer(std::size_t{1} << 20, '\0');
   auto pass = [&] {
     int const fd = ::open(path.c_str(), O_RDONLY);
     if (fd < 0) throw CommandError(path.string(), "cannot open the local comparison file");
@@ -156,10 +128,10 @@ class Bench {
     std::vector<Figure> figures;
     std::string const content(std::size_t{options_.fileKiB} * 1024, 'x');
     auto burst = [&](StorageItem const& root) {
-      at(root, u"/burst").createFolder();
+      below(root, u"/burst").createFolder();
       auto const start = Clock::now();
       for (unsigned i = 0; i < options_.files; ++i) {
-        writeFile(at(root, u"/burst/f" + u16(std::to_string(i)) + u".dat"), content);
+        writeWhole(below(root, u"/burst/f" + ascii16(std::to_string(i)) + u".dat"), content);
         progress("write-behind burst", i + 1, options_.files);
       }
       return since(start);
@@ -207,14 +179,14 @@ class Bench {
     invalidateProvider(overlayRoot);  // the overlay learns of the file now, not after the event delay
 
     Figure first{"first_read", "first read of a " + std::to_string(options_.largeMiB) + " MiB file", "MB/s", true};
-    first.direct = megabytes / timedRead(at(direct, u"/large.bin"), "first read (direct)");
-    first.overlay = megabytes / timedRead(at(overlay, u"/large.bin"), "first read (overlay)");
+    first.direct = megabytes / timedRead(below(direct, u"/large.bin"), "first read (direct)");
+    first.overlay = megabytes / timedRead(below(overlay, u"/large.bin"), "first read (overlay)");
     first.goal = "overlay within 10 % of the store's own read";
     figures.push_back(first);
 
     Figure again{"cached_reread", "re-read of the same file", "MB/s", true};
-    again.direct = megabytes / timedRead(at(direct, u"/large.bin"), "re-read (direct)");
-    again.overlay = megabytes / timedRead(at(overlay, u"/large.bin"), "re-read (overlay)");
+    again.direct = megabytes / timedRead(below(direct, u"/large.bin"), "re-read (direct)");
+    again.overlay = megabytes / timedRead(below(overlay, u"/large.bin"), "re-read (overlay)");
     again.limit = localReadMBps(folder_ / "local.bin");
     again.goal = "overlay at least 80 % of the local disk's read";
     figures.push_back(again);
@@ -246,7 +218,7 @@ class Bench {
   // files, `rounds` times.
   double statMicros(StorageItem const& root, unsigned count, unsigned rounds) {
     std::vector<StorageItem> items;
-    for (unsigned i = 0; i < count; ++i) items.push_back(at(root, u"/burst/f" + u16(std::to_string(i)) + u".dat"));
+    for (unsigned i = 0; i < count; ++i) items.push_back(below(root, u"/burst/f" + ascii16(std::to_string(i)) + u".dat"));
     auto const start = Clock::now();
     std::uint64_t calls = 0;
     for (unsigned r = 0; r < rounds; ++r) {
@@ -262,7 +234,7 @@ class Bench {
 
   double listMillis(StorageItem const& root) {
     auto const start = Clock::now();
-    auto const entries = collect(*at(root, u"/burst").listAll());
+    auto const entries = collect(*below(root, u"/burst").listAll());
     double const ms = since(start) * 1e3;
     if (entries.size() != options_.files) {
       throw CommandError(session_.plainIRI(root.getLocation()), "the listing has " + std::to_string(entries.size()) +
@@ -275,7 +247,7 @@ class Bench {
   double timedRead(StorageItem const& file, std::string const& what) {
     progress(what, 0, 1);
     auto const start = Clock::now();
-    auto const bytes = readFile(file);
+    auto const bytes = readWhole(file, [](char const*, std::size_t) {});
     double const seconds = since(start);
     if (bytes != std::uint64_t{options_.largeMiB} << 20) {
       throw CommandError(session_.plainIRI(file.getLocation()), "read " + std::to_string(bytes) + " bytes, expected " +

@@ -1,6 +1,7 @@
 #include <ovl/Demo.hpp>
 
 #include <ovl/Format.hpp>
+#include <ovl/ItemIO.hpp>
 #include <ovl/Overlay.hpp>
 
 #include <providers/throttle/ThrottleProvider.hpp>
@@ -35,7 +36,6 @@ using fsp::StorageIRI;
 using fsp::StorageItem;
 using Clock = std::chrono::steady_clock;
 
-constexpr std::size_t kChunk = 1 << 20;
 constexpr unsigned kModules = 10;
 // A file that is in the store before the session starts and that "someone else" changes
 // later: the session only reads it, so no write of the session's own is on its way to it.
@@ -71,35 +71,6 @@ struct Model {
     std::erase_if(files, [&](auto const& file) { return within(file.first); });
   }
 };
-
-std::u16string u16(std::string const& text) { return std::u16string(text.begin(), text.end()); }
-
-StorageItem at(StorageItem const& root, std::u16string const& path) {
-  return StorageItem(root.getProvider(), StorageIRI(root.getLocation(), path));
-}
-
-void writeFile(StorageItem const& file, std::string const& content) {
-  fsp::ByteStreamOpenOptions options;
-  options.truncate = true;
-  auto stream = file.openStream(options);
-  for (std::size_t done = 0; done < content.size();) {
-    auto const n = std::min(kChunk, content.size() - done);
-    stream->write(content.data() + done, static_cast<long>(n));
-    done += n;
-  }
-  stream->close();
-}
-
-std::string readFile(StorageItem const& file) {
-  auto stream = file.openReadOnlyStream();
-  std::string content;
-  std::string buffer(kChunk, '\0');
-  for (long n; (n = stream->read(buffer.data(), static_cast<long>(buffer.size()))) > 0;) {
-    content.append(buffer.data(), static_cast<std::size_t>(n));
-  }
-  stream->close();
-  return content;
-}
 
 std::string seconds(double s) {
   std::ostringstream text;
@@ -143,9 +114,9 @@ class Run {
   // The whole session; `flush` is the run's last step.
   void session(std::function<void()> const& flush) {
     // Put there from the store's side before the session starts.
-    at(storeFolder_, kSharedFolder).createFolder();
+    below(storeFolder_, kSharedFolder).createFolder();
     std::string const notes = "notes kept in the store, read by the session\n";
-    writeFile(at(storeFolder_, kChangedFile), notes);
+    writeWhole(below(storeFolder_, kChangedFile), notes);
     model_.folders.insert(kSharedFolder);
     model_.files[kChangedFile] = notes;
     timed("unpack the tree", [&] { unpack(); });
@@ -153,13 +124,13 @@ class Run {
     timed("read everything (2nd)", [&] { readAll(); });
     timed("list every folder", [&] { listAll(); });
     timed("rename a folder", [&] {
-      at(root_, kRenamedFrom).moveFolder(StorageIRI(root_.getLocation(), kRenamedTo), fsp::ReplacementPolicy::Never);
+      below(root_, kRenamedFrom).moveFolder(StorageIRI(root_.getLocation(), kRenamedTo), fsp::ReplacementPolicy::Never);
       model_.renameFolder(kRenamedFrom, kRenamedTo);
       progress_.step();
     });
     timed("see a change made elsewhere", [&] { changeElsewhere(); });
     timed("delete a sub-tree", [&] {
-      at(root_, kDeleted).removeFolderRecursively();
+      below(root_, kDeleted).removeFolderRecursively();
       model_.removeFolder(kDeleted);
       progress_.step();
     });
@@ -185,13 +156,13 @@ class Run {
   }
 
   void folder(std::u16string const& path) {
-    at(root_, path).createFolder();
+    below(root_, path).createFolder();
     model_.folders.insert(path);
     progress_.step();
   }
 
   void file(std::u16string const& path, std::string content) {
-    writeFile(at(root_, path), content);
+    writeWhole(below(root_, path), content);
     model_.files[path] = std::move(content);
     progress_.step();
   }
@@ -207,25 +178,25 @@ class Run {
     folder(u"/project");
     folder(u"/project/assets");
     for (unsigned m = 0; m < kModules; ++m) {
-      auto const module = u"/project/mod" + u16(std::to_string(m));
+      auto const module = u"/project/mod" + ascii16(std::to_string(m));
       folder(module);
       folder(module + u"/src");
       folder(module + u"/doc");
     }
     for (unsigned i = 0; i < options_.smallFiles; ++i) {
-      auto const module = u"/project/mod" + u16(std::to_string(i % kModules));
+      auto const module = u"/project/mod" + ascii16(std::to_string(i % kModules));
       auto const sub = (i / kModules) % 2 == 0 ? u"/src/file" : u"/doc/file";
       std::uniform_int_distribution<std::size_t> size(200, 16 * 1024);
-      file(module + sub + u16(std::to_string(i)) + u".txt", bytes(size(random)));
+      file(module + sub + ascii16(std::to_string(i)) + u".txt", bytes(size(random)));
     }
     for (unsigned i = 0; i < options_.largeFiles; ++i) {
-      file(u"/project/assets/large" + u16(std::to_string(i)) + u".bin", bytes(options_.largeFileBytes));
+      file(u"/project/assets/large" + ascii16(std::to_string(i)) + u".bin", bytes(options_.largeFileBytes));
     }
   }
 
   void readAll() {
     for (auto const& [path, content] : model_.files) {
-      if (readFile(at(root_, path)) != content) {
+      if (readWhole(below(root_, path)) != content) {
         throw CommandError(name_ + " run", "reading " + displayText(path) + " back gave other bytes than were written");
       }
       progress_.step();
@@ -234,7 +205,7 @@ class Run {
 
   void listAll() {
     for (auto const& path : model_.folders) {
-      collect(*at(root_, path).listAll());
+      collect(*below(root_, path).listAll());
       progress_.step();
     }
   }
@@ -250,9 +221,9 @@ class Run {
   // when asked whether something exists or for a listing, not when asked for attributes.
   void changeElsewhere() {
     std::string const changed = "changed from the store's side, not through the session\n";
-    writeFile(at(storeFolder_, kChangedFile), changed);
+    writeWhole(below(storeFolder_, kChangedFile), changed);
     model_.files[kChangedFile] = changed;
-    auto const file = at(root_, kChangedFile);
+    auto const file = below(root_, kChangedFile);
     std::string lastSeen = "nothing";
     auto seen = [&] {
       if (!file.fileExists()) {
@@ -262,7 +233,7 @@ class Run {
       auto const size = file.getFileAttributes().getSize();
       lastSeen = "a size of " + (size ? std::to_string(*size) : std::string("?")) + " bytes";
       if (!size || *size != changed.size()) return false;
-      auto const content = readFile(file);
+      auto const content = readWhole(file);
       lastSeen = "the new size but other content (" + std::to_string(content.size()) + " bytes read)";
       return content == changed;
     };
@@ -294,9 +265,9 @@ class Run {
 void walkStore(StorageItem const& folder, std::u16string const& prefix, Model& found) {
   for (auto const& entry : collect(*folder.listAll())) {
     auto const path = prefix + u"/" + entry.getName();
-    auto const item = at(folder, entry.getName());
+    auto const item = below(folder, entry.getName());
     if (entry.isFile()) {
-      found.files[path] = readFile(item);
+      found.files[path] = readWhole(item);
     } else {
       found.folders.insert(path);
       walkStore(item, path, found);
@@ -462,7 +433,7 @@ struct DemoStore {
       base = session.registry().resolve(pattern);
     }
     std::random_device random;
-    folder = at(base, u"ovl-demo-" + u16(std::to_string(::getpid())) + u"-" + u16(std::to_string(random() % 100000)));
+    folder = below(base, u"ovl-demo-" + ascii16(std::to_string(::getpid())) + u"-" + ascii16(std::to_string(random() % 100000)));
     folder.createFolder();
   }
 
@@ -482,8 +453,8 @@ struct DemoStore {
 int runDemo(Session& session, DemoOptions const& options) {
   auto& out = session.out();
   DemoStore store(session, options);
-  auto const directFolder = at(store.folder, u"direct");
-  auto const overlayFolder = at(store.folder, u"overlay");
+  auto const directFolder = below(store.folder, u"direct");
+  auto const overlayFolder = below(store.folder, u"overlay");
   directFolder.createFolder();
   overlayFolder.createFolder();
 
