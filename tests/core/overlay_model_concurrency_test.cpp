@@ -210,7 +210,7 @@ class Problems {
   std::size_t count_ = 0;
 };
 
-// "{ a: 12, s0/ }": names with sizes, folders with a slash.
+// "{ a: 12 s0/ }": names with sizes, folders with a slash.
 std::string describe(std::map<std::u16string, std::optional<std::size_t>> const& entries) {
   std::string text = "{";
   for (auto const& [name, size] : entries) text += " " + u8(name) + (size ? ": " + std::to_string(*size) : "/");
@@ -239,7 +239,8 @@ class OverlayModelTest : public ::testing::Test {
 
     MemoryProvider::Options options;
     store_ = std::make_shared<MemoryProvider>(options);
-    store_->setLatency(std::chrono::microseconds(1 + random() % 20));
+    latencyMicros_ = static_cast<long>(1 + random() % 20);
+    store_->setLatency(std::chrono::microseconds(latencyMicros_));
     store_->elsewhere().createFolder(u"/shared");
     for (int i = 0; i < 4; ++i) {
       std::string content(static_cast<std::size_t>(random() % 30000), '\0');
@@ -266,7 +267,7 @@ class OverlayModelTest : public ::testing::Test {
 
   std::string context() const {
     return "seed " + std::to_string(seed_) + " (write payload " + std::to_string(writePayload_) + ", read payload " +
-           std::to_string(readPayload_) + ")";
+           std::to_string(readPayload_) + ", store latency " + std::to_string(latencyMicros_) + " us)";
   }
 
   StorageIRI at(std::u16string const& path) const { return StorageIRI(u"overlay", store_->root(), path); }
@@ -323,6 +324,7 @@ class OverlayModelTest : public ::testing::Test {
   bool flushMidRound_ = false;
   long writePayload_ = 0;
   long readPayload_ = 0;
+  long latencyMicros_ = 0;
   std::map<std::u16string, std::string> shared_;  // files nobody changes
   std::shared_ptr<MemoryProvider> store_;
   std::shared_ptr<FaultPlanExecutor> executor_;
