@@ -118,6 +118,7 @@ FilesystemCacheResource::FilesystemCacheResource(std::shared_ptr<FileMetadata> c
   try {
     if (fl::filesystem::exists(sourcePath)) {
       fl::filesystem::copy_file(sourcePath, checkoutPath_, /*overwrite=*/true);
+      unsynced_ = true;
       cachedRanges_.emplace(std::streampos(0), wholeFileEnd(*metadata));
     }
   } catch (...) {
@@ -234,6 +235,7 @@ void FilesystemCacheResource::write(std::streampos position, char const* data, s
     if (written < 1) {
       return;
     }
+    unsynced_ = true;
     recordWrite(position, position + std::streamoff(written));
   } catch (...) {
     logFailure(foundation::log::Error, "Failure in local cache writing");
@@ -295,14 +297,53 @@ void FilesystemCacheResource::flush(pt::ptime lastModified) {
   try {
     if (fileDevice_ && fileDevice_->is_open() && fileDevice_->handle() != -1) {
       ::fsync(fileDevice_->handle());
+      unsynced_ = false;
     }
-    struct utimbuf times {};
-    times.actime = static_cast<time_t>(toEpochSeconds(lastModified));
-    times.modtime = times.actime;
-    ::utime(checkoutPath_.c_str(), &times);
   } catch (...) {
     // A flush that fails leaves the cache file as it was; the content is still valid.
   }
+  stampTimes(lastModified);
+}
+
+void FilesystemCacheResource::stampTimes(pt::ptime lastModified) noexcept {
+  struct utimbuf times {};
+  times.actime = static_cast<time_t>(toEpochSeconds(lastModified));
+  times.modtime = times.actime;
+  ::utime(checkoutPath_.c_str(), &times);
+}
+
+std::unique_ptr<FilesystemCacheResource::DurabilityHandle> FilesystemCacheResource::stampAndTakeDurabilityHandle(
+    pt::ptime lastModified) {
+  std::unique_ptr<DurabilityHandle> handle;
+  int duplicate = -1;
+  try {
+    if (unsynced_ && fileDevice_ && fileDevice_->is_open() && fileDevice_->handle() != -1) {
+      duplicate = ::fcntl(fileDevice_->handle(), F_DUPFD_CLOEXEC, 0);
+      if (duplicate != -1) {
+        handle = std::make_unique<DurabilityHandle>(duplicate);
+        unsynced_ = false;
+      }
+    }
+  } catch (...) {
+    // Without a handle the content is not made durable, as a failing fsync would leave it.
+    if (duplicate != -1 && !handle) ::close(duplicate);
+  }
+  stampTimes(lastModified);
+  return handle;
+}
+
+FilesystemCacheResource::DurabilityHandle::~DurabilityHandle() {
+  if (descriptor_ != -1) ::close(descriptor_);
+}
+
+void FilesystemCacheResource::DurabilityHandle::run() noexcept {
+  if (descriptor_ == -1) return;
+  // The content and what is needed to read it back (size, blocks). The times need no
+  // sync of their own: the stamp set after the writes is what counts, and a new
+  // resource that finds the file decides about staleness from it.
+  ::fdatasync(descriptor_);
+  ::close(descriptor_);
+  descriptor_ = -1;
 }
 
 std::shared_ptr<boost::iostreams::file_descriptor> FilesystemCacheResource::getFileDevice() const {

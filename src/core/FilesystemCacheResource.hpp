@@ -139,6 +139,37 @@ class FilesystemCacheResource final : public CacheResource {
   // Failures are ignored silently.
   void flush(boost::posix_time::ptime lastModified) override;
 
+  // A pending sync of the cache file, taken off the resource so that another thread can
+  // make the content durable later (see stampAndTakeDurabilityHandle). It holds a descriptor
+  // of its own (a duplicate), so closing, renaming or removing the cache file meanwhile
+  // does not disturb it. Destroyed without run(), it only releases the descriptor.
+  class DurabilityHandle {
+   public:
+    explicit DurabilityHandle(int descriptor) : descriptor_(descriptor) {}
+    ~DurabilityHandle();
+    DurabilityHandle(DurabilityHandle const&) = delete;
+    DurabilityHandle& operator=(DurabilityHandle const&) = delete;
+    // fdatasync()s the file: its bytes and what reading them back needs (size, blocks);
+    // the times were stamped when the handle was taken. Failures are ignored, as flush()
+    // ignores them. Once only; later calls do nothing.
+    void run() noexcept;
+
+   private:
+    int descriptor_;  // -1 once run
+  };
+
+  // The second half of flush() alone: sets the cache file's access and modification
+  // times to `lastModified` in whole seconds (utime); failures are ignored.
+  void stampTimes(boost::posix_time::ptime lastModified) noexcept;
+
+  // flush() in two halves, for a caller that must not wait for the disk: sets the cache
+  // file's times as flush() does, now, and hands out the sync as a handle to run later.
+  // The handle is null when there is nothing to make durable: no descriptor is open, or
+  // nothing was stored through this resource since the last flush() or handle. The
+  // content is durable once the handle has run; its times are those stamped here.
+  // Failures are ignored silently (a failed duplicate gives a null handle).
+  std::unique_ptr<DurabilityHandle> stampAndTakeDurabilityHandle(boost::posix_time::ptime lastModified);
+
   bool cacheWriteErrored() const override { return writeErrored_; }
 
   // The open cache file, opened now (read-write, created with mode 0700) if it is not
@@ -175,6 +206,9 @@ class FilesystemCacheResource final : public CacheResource {
   fl::filesystem::path checkoutPath_;
   mutable std::shared_ptr<boost::iostreams::file_descriptor> fileDevice_;  // empty until needed
   bool writeErrored_ = false;
+  // Bytes were stored (write, or the copy made at construction) since the last fsync or
+  // handle: only then is there anything to make durable.
+  bool unsynced_ = false;
   Runs cachedRanges_;
 };
 

@@ -784,7 +784,9 @@ void WorkingFileEntry::closeProviderStreamNow(std::shared_ptr<FileMetadata> cons
 }
 
 void WorkingFileEntry::runProviderClose(fsp::StorageIRI const& location, std::shared_ptr<FileMetadata> const& metadata,
-                                        std::uint64_t generation) {
+                                        std::uint64_t generation, DurabilityHandle* durability) {
+  // The cache file is durable before the inner store's copy is final.
+  if (durability) durability->run();
   {
     std::lock_guard lock(providerStreamMutex_);
     try {
@@ -807,13 +809,36 @@ void WorkingFileEntry::runProviderClose(fsp::StorageIRI const& location, std::sh
   metadata->thaw();
 }
 
+std::shared_ptr<WorkingFileEntry::DurabilityHandle> WorkingFileEntry::stampCacheFile() {
+  auto* const filesystemResource = dynamic_cast<FilesystemCacheResource*>(cacheResource_.get());
+  if (filesystemResource == nullptr) {
+    cacheResource_->flush(metadata_->getLastModified());
+    return nullptr;
+  }
+  return filesystemResource->stampAndTakeDurabilityHandle(metadata_->getLastModified());
+}
+
 void WorkingFileEntry::flushContentCache() {
   std::unique_lock lock(mutex_);
   if (refCount_ > 0) --refCount_;
   if (abortedDueToWriteProblem_.load()) return;
-  flushBuffered();
-  // Other caller streams still use the inner stream; the last one closes it.
-  if (refCount_ > 0 || openMode_ == kNotOpened) return;
+  if (openMode_ == kNotOpened) {
+    flushBuffered();
+    return;
+  }
+  if (refCount_ > 0) {
+    // Other caller streams still use the entry: the cache file gets its time now and is
+    // made durable when the last of them closes.
+    if (auto* const filesystemResource = dynamic_cast<FilesystemCacheResource*>(cacheResource_.get())) {
+      filesystemResource->stampTimes(metadata_->getLastModified());
+    } else {
+      cacheResource_->flush(metadata_->getLastModified());
+    }
+    enqueueProviderWrite();
+    return;
+  }
+  std::shared_ptr<DurabilityHandle> durability = stampCacheFile();
+  enqueueProviderWrite();
 
   bool const wasReadOnly = openMode_ == kOpenedReadOnly;
   openMode_ = kNotOpened;
@@ -822,14 +847,15 @@ void WorkingFileEntry::flushContentCache() {
   std::uint64_t const generation = openGeneration_;
   if (wasReadOnly && !hasPendingBackgroundIO()) {
     lock.unlock();
+    if (durability) durability->run();
     closeProviderStreamNow(metadata, generation);
     return;
   }
   incrementPendingCounter();
   auto token = std::make_shared<PendingToken>(shared_from_this());
   executor_->execute(
-      [token, location, metadata, generation]() {
-        token->entry().runProviderClose(location, metadata, generation);
+      [token, location, metadata, generation, durability = std::move(durability)]() {
+        token->entry().runProviderClose(location, metadata, generation, durability.get());
         token->release();
       },
       ObservableTransactionType::FILE_CLOSE, params_.getMinItemWeight());

@@ -23,6 +23,29 @@
 // Opening is asynchronous: openReadOnly/openReadWrite queue the opening of the inner
 // stream and return; the first operation that needs the inner stream waits for it.
 //
+// Departures from the plain order of the close path, for speed; none is visible to a
+// caller:
+// - The cache file is flushed in two halves. Its times are stamped (utime) on the
+//   caller's thread at every close, exactly when the whole flush ran before, so every
+//   later look at the cache file's time (a truncating re-open, the staleness check of a
+//   later entry) sees what it saw before. Its content is made durable in the FILE_CLOSE
+//   transaction instead, before that transaction closes the inner stream: the cache
+//   file is durable before the inner store's copy is final, as before, but the caller
+//   does not wait for the disk. Closes of other streams while one is still open stamp
+//   the times and leave the sync to the last close. A read-only entry closed with
+//   nothing pending still syncs on the caller's thread, as it has no transaction.
+// - The sync is fdatasync, not fsync: it makes the bytes and what reading them back
+//   needs (size, blocks) durable, which is all an fsync made durable that survived the
+//   time stamp written right after it; and it is skipped when nothing was stored in the
+//   cache file since the last sync.
+// Why: the fsync (3.7 ms per small file on this machine; fdatasync 1.5 ms) was most of a
+// small file's close, and in the queue the cheaper sync costs the worker less. Measured
+// with overlay_bench (files of 4 KiB
+// created and closed through the overlay over a 20 ms throttle; the caller's loop, which
+// includes the overlay's start-up of about 0.1 s at the first open), one after the other
+// on the same machine: 1000 files 2.10 s before, 0.75 s after (the store used directly:
+// 20.1 s); 100 files 0.21 to 0.35 s before, 0.13 to 0.22 s after.
+//
 // Ownership: an entry must be owned by a std::shared_ptr (std::make_shared) before it is
 // opened or written: queued transactions keep it alive through shared_from_this().
 //
@@ -38,6 +61,7 @@
 
 #include <core/CacheResource.hpp>
 #include <core/FileMetadata.hpp>
+#include <core/FilesystemCacheResource.hpp>
 #include <core/IExecutor.hpp>
 #include <core/IQuotaAccountant.hpp>
 #include <core/SteadyClock.hpp>
@@ -97,6 +121,7 @@ class WorkingFileEntry : public std::enable_shared_from_this<WorkingFileEntry> {
   // Waits for the queued open transaction and yields the inner stream it opened (or
   // found open); rethrows the open's failure.
   using OpenOperation = std::function<ByteStreamPtr()>;
+  using DurabilityHandle = FilesystemCacheResource::DurabilityHandle;
 
   // Open states of the entry.
   static constexpr std::int32_t kNotOpened = 0;
@@ -297,12 +322,14 @@ class WorkingFileEntry : public std::enable_shared_from_this<WorkingFileEntry> {
 
   // The close path of one caller stream (under mutex_, released around inner I/O).
   // Releases the stream's share (reference count down by one, never below 0). An entry
-  // aborted due to a write problem does nothing more. Otherwise flushes the cache file
-  // (stamped with the metadata's last-modified time) and queues what remains in the
-  // write buffer; when this was the last stream: closes a read-only inner stream now if
-  // nothing is pending, else queues a FILE_CLOSE transaction (close the inner stream,
-  // stamp its last-modified time, refresh the extended attributes and watermark, thaw
-  // the metadata), and the entry becomes not opened.
+  // aborted due to a write problem does nothing more. Otherwise stamps the cache file
+  // with the metadata's last-modified time and queues what remains in the write buffer;
+  // when this was the last stream: closes a read-only inner stream now if nothing is
+  // pending (making the cache file durable first), else queues a FILE_CLOSE transaction
+  // (make the cache file durable, close the inner stream, stamp its last-modified time,
+  // refresh the extended attributes and watermark, thaw the metadata), and the entry
+  // becomes not opened. The sync of the cache file is skipped when nothing was stored
+  // in it since the last one (see "Departures" above).
   void flushContentCache();
 
   // Adds one to the count of this entry's pending transactions (under pendingMutex_).
@@ -344,9 +371,11 @@ class WorkingFileEntry : public std::enable_shared_from_this<WorkingFileEntry> {
                                    foundation::storage::provider::ByteStreamOpenOptions const& options,
                                    std::uint64_t generation);
   // The body of a FILE_CLOSE transaction queued when open number `generation` was the
-  // latest. Takes providerStreamMutex_, never mutex_.
+  // latest: first makes the cache file durable (`durability`, when given), then closes
+  // the inner stream and stamps the inner file. Takes providerStreamMutex_, never mutex_.
   void runProviderClose(foundation::storage::provider::StorageIRI const& location,
-                        std::shared_ptr<FileMetadata> const& metadata, std::uint64_t generation);
+                        std::shared_ptr<FileMetadata> const& metadata, std::uint64_t generation,
+                        DurabilityHandle* durability);
   // Closes and drops the inner stream unless an open queued after open number
   // `generation` has claimed it. Caller holds providerStreamMutex_. Passes on what the
   // inner close throws (the stream is dropped anyway).
@@ -368,6 +397,10 @@ class WorkingFileEntry : public std::enable_shared_from_this<WorkingFileEntry> {
   // Pushes out what is buffered: cache flush, then the buffer's payload. Caller holds
   // mutex_.
   void flushBuffered();
+  // The close path's cache flush without the wait for the disk: stamps the cache file
+  // with the metadata's last-modified time now and returns its pending sync (null when
+  // there is nothing to make durable, or without disk caching). Caller holds mutex_.
+  std::shared_ptr<DurabilityHandle> stampCacheFile();
   // Subtracts one from the pending counter and wakes every waiter.
   void decrementPendingCounter();
   // Waits until nothing is pending or the wait-for-zero period has passed.

@@ -411,6 +411,42 @@ TEST_F(CacheResourceTest, FlushStampsTheFileTime) {
   EXPECT_TRUE(failureRecords(sink).empty());
 }
 
+TEST_F(CacheResourceTest, StampNowSyncLaterHandsOutOnlyWhatIsUnsynced) {
+  FilesystemCacheResource resource(metadata(3), dataDir_);
+  // Nothing stored yet: no descriptor, nothing to make durable; the time is stamped all
+  // the same (no file: silently nothing).
+  EXPECT_EQ(resource.stampAndTakeDurabilityHandle(atSeconds(1000000000)), nullptr);
+
+  resource.write(std::streampos(0), "abc", 3);
+  auto handle = resource.stampAndTakeDurabilityHandle(atSeconds(1000000000) + pt::milliseconds(250));
+  ASSERT_NE(handle, nullptr);
+  // The times are there before the sync runs, as flush() would have left them.
+  EXPECT_EQ(resource.getCurrentLastModified(), atSeconds(1000000000));
+  // Taken once: a second request finds nothing new.
+  EXPECT_EQ(resource.stampAndTakeDurabilityHandle(atSeconds(1100000000)), nullptr);
+  EXPECT_EQ(resource.getCurrentLastModified(), atSeconds(1100000000));
+
+  // The handle has its own descriptor: closing the resource and moving its file away
+  // do not disturb it, and running it twice is harmless.
+  resource.close();
+  resource.setLocation(StorageIRI(u"overlay:<mem://store/>/elsewhere.txt"));
+  handle->run();
+  handle->run();
+  EXPECT_EQ(readFile(resource.getCheckoutPath()), "abc");
+
+  // A new write after the handle was taken needs a new one; a full flush() syncs it,
+  // and then there is nothing left for a handle.
+  resource.write(std::streampos(3), "d", 1);
+  resource.flush(atSeconds(1200000000));
+  EXPECT_EQ(resource.stampAndTakeDurabilityHandle(atSeconds(1200000000)), nullptr);
+  resource.write(std::streampos(4), "e", 1);
+  auto second = resource.stampAndTakeDurabilityHandle(atSeconds(1300000000));
+  EXPECT_NE(second, nullptr);
+  second.reset();  // dropped unrun: only the descriptor goes
+  EXPECT_EQ(readFile(resource.getCheckoutPath()), "abcde");
+  EXPECT_EQ(resource.getCurrentLastModified(), atSeconds(1300000000));
+}
+
 TEST_F(CacheResourceTest, MovesFollowTheLocation) {
   std::string const content = "moving bytes";
   FilesystemCacheResource resource(metadata(content.size()), dataDir_);

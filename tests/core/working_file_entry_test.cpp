@@ -14,6 +14,10 @@
 
 #include <gtest/gtest.h>
 
+#include <boost/date_time/posix_time/posix_time.hpp>
+
+#include <sys/stat.h>
+
 #include <functional>
 
 namespace overlay_test {
@@ -143,6 +147,45 @@ TEST_F(WorkingFileEntryTest, TenSequentialMegabytesBecomeThreePayloadsWhileWriti
   EXPECT_FALSE(entry->hasPendingBackgroundIO());
   EXPECT_FALSE(entry->isOpen());
   EXPECT_EQ(readWholeFile(entry->getCheckoutPath()), data);
+}
+
+TEST_F(WorkingFileEntryTest, ClosingStampsTheCacheFileBeforeTheCloseTransactionRuns) {
+  auto executor = std::make_shared<RecordingExecutor>();
+  auto entry = makeEntry(u"/stamped", WorkingFileEntryParams(4096, 4096), executor);
+  entry->openReadWrite({});
+  entry->openReadWrite({});  // a second caller stream
+  entry->write(0, "hello", 5);
+  auto const seconds = [](boost::posix_time::ptime time) {
+    return ovl::FilesystemCacheResource::toEpochSeconds(time);
+  };
+  auto const cacheFileSeconds = [&] {
+    struct stat st {};
+    EXPECT_EQ(::stat(entry->getCheckoutPath().c_str(), &st), 0);
+    return static_cast<std::int64_t>(st.st_mtime);
+  };
+  // The metadata is stamped a minute back, so that a stamp shows in the file's time.
+  auto const stamp = entry->getMetadata()->getLastModified() - boost::posix_time::minutes(1);
+  entry->getMetadata()->withLastModified(stamp);
+
+  // The first of two streams closes: the time is stamped, nothing closes yet.
+  entry->flushContentCache();
+  EXPECT_EQ(cacheFileSeconds(), seconds(stamp));
+  EXPECT_TRUE(executor->recordsOf(ObservableTransactionType::FILE_CLOSE).empty());
+
+  // The last stream closes: the time is there before the queued close has run.
+  entry->write(5, " world", 6);
+  auto const later = entry->getMetadata()->getLastModified() - boost::posix_time::minutes(2);
+  entry->getMetadata()->withLastModified(later);
+  entry->flushContentCache();
+  EXPECT_EQ(cacheFileSeconds(), seconds(later));
+  ASSERT_EQ(executor->recordsOf(ObservableTransactionType::FILE_CLOSE).size(), 1u);
+  EXPECT_EQ(storeContent(u"/stamped"), "<absent>");
+
+  executor->runAll();
+  EXPECT_EQ(storeContent(u"/stamped"), "hello world");
+  EXPECT_EQ(readWholeFile(entry->getCheckoutPath()), "hello world");
+  EXPECT_EQ(cacheFileSeconds(), seconds(later));
+  EXPECT_FALSE(entry->isOpen());
 }
 
 TEST_F(WorkingFileEntryTest, PayloadWeightIsMegabytesPlusTheMinimum) {
