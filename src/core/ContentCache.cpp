@@ -265,6 +265,18 @@ void ContentCache::invalidateOldEntry(StorageIRI const& location, std::string co
   entries_.erase(it);
 }
 
+std::shared_ptr<WorkingFileEntry> ContentCache::currentEntry(StorageIRI const& location,
+                                                            std::string const& watermark) const {
+  std::lock_guard lock(mutex_);
+  auto it = entries_.find(location);
+  if (it == entries_.end()) return nullptr;
+  if (!it->second->hasDifferentWatermark(watermark)) return it->second;
+  it->second->removeCachedEntry();
+  dispose(std::move(it->second));
+  entries_.erase(it);
+  return nullptr;
+}
+
 void ContentCache::invalidateAllDescendantsOf(StorageIRI const& folder, bool abort) const {
   std::lock_guard lock(mutex_);
   doLazyInitialize();

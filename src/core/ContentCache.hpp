@@ -125,6 +125,14 @@ class ContentCache {
                                                   std::shared_ptr<TimedLatch> latch, WorkingFileEntryParams params,
                                                   std::atomic<bool>& shutdownFlag) const;
 
+  // The entry registered for `location`, for a query that needs no entry of its own:
+  // null when none is registered. An entry whose content differs from `watermark` is
+  // dropped first, exactly as invalidateOldEntry(location, watermark, false) drops it, and
+  // null is returned. Unlike the operations below it does not check the data directory:
+  // it makes nothing on disk, and with no entry registered it touches nothing at all.
+  // Passes on what reading the entry's watermark throws.
+  std::shared_ptr<WorkingFileEntry> currentEntry(StorageIRI const& location, std::string const& watermark) const;
+
   // Drops the entry of `location`, if any: it finishes its pending open, is aborted when
   // `abort` is set, learns that it was invalidated, and goes to the recycle bin. Its cache
   // file stays for the next entry of the location to check. A failure of the pending

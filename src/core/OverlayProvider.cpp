@@ -266,9 +266,15 @@ std::shared_ptr<FileMetadata> OverlayProvider::getFileMetadata(StorageIRI const&
   auto record = fileRecord(inner);
   if (!record) return nullptr;
   try {
-    contentCache_->invalidateOldEntry(inner, record->getWatermark(), false);
-    auto entry = contentCache_->retrieveEntry(inner, inner_, record, executorHandle_, quota_, timedLatch_,
-                                              workingFileEntryParams(), shutDown_);
+    auto entry = contentCache_->currentEntry(inner, record->getWatermark());
+    // Without an entry (or with a stale one, now dropped) a new entry would carry this
+    // very record; the answer is the record, and no entry is made for a mere query.
+    if (!entry) return record;
+    if (entry->wasAbortedDueToWriteProblem()) {
+      // Replaced by a fresh entry, as an open would replace it.
+      entry = contentCache_->retrieveEntry(inner, inner_, record, executorHandle_, quota_, timedLatch_,
+                                           workingFileEntryParams(), shutDown_);
+    }
     return entry->getMetadata();
   } catch (CachingErrorException const&) {
     // Without a content entry the metadata cache's record is the best answer.

@@ -31,6 +31,21 @@
 // Errors name the overlay IRI the caller used (or its parent where the parent is at
 // fault).
 //
+// Departures from the plain order of steps, for speed. None changes an answer, an error
+// or what reaches the inner store; where a log line can differ, it is said.
+// - A file's attributes (doGetFileAttributes, doGetExtendedAttributes, and the record
+//   that doSetLastModified and doSetWritable change) come from the file's content entry
+//   when it has one, else from the metadata record, which is what a new entry would
+//   carry. A query makes no content entry: so it no longer asks the cache space
+//   arbitrator for room, evicts other entries for it or logs such evictions or a lack of
+//   space, nor checks the content cache's data directory or logs its failure (the next
+//   open does all of that). An entry whose content is older than the record is still
+//   dropped with its cache file, and one aborted by a write problem is still replaced. A
+//   cache file left by an earlier run is checked for staleness when the file is first
+//   opened rather than when it is first queried. Measured with overlay_bench
+//   (BM_CachedQueries: doFileExists plus doGetFileAttributes on 10,000 cached files):
+//   21 to 28 us per pair before, 4.8 us after.
+//
 // Thread-safety: every operation may be called from any thread. Operations on the same
 // IRI, or below a path being changed, are serialised by the path locks.
 #pragma once

@@ -241,6 +241,31 @@ TEST_F(ContentCacheTest, InvalidationsDropWhatChangedAndKeepTheRest) {
   EXPECT_FALSE(unaborted->getAbortTime().has_value());
 }
 
+TEST_F(ContentCacheTest, TheCurrentEntryIsFoundWithoutMakingOneAndDroppedWhenItsContentIsOld) {
+  installArbitrator();
+  // Nothing registered: nothing is made, nothing asked, not even the data directory.
+  EXPECT_EQ(cache.currentEntry(iri(u"w"), "7"), nullptr);
+  EXPECT_TRUE(cache.entryLocations().empty());
+  EXPECT_TRUE(figures.asked.empty());
+  EXPECT_FALSE(std::filesystem::exists(cache.getDataDirectory()));
+
+  store->elsewhere().writeFile(u"/w", "watermarked");
+  auto const entry = retrieve(u"w", withWatermark(metadataFor(u"w"), "7"));
+  EXPECT_EQ(readThrough(*entry, 0, 100), "watermarked");
+  auto const file = entry->getCheckoutPath();
+  auto const asked = figures.asked.size();
+  EXPECT_EQ(cache.currentEntry(iri(u"w"), "7"), entry);
+  EXPECT_EQ(figures.asked.size(), asked) << "finding asks for no space";
+
+  // Another watermark: dropped as invalidateOldEntry drops it (not aborted, cache file
+  // deleted, into the recycle bin).
+  EXPECT_EQ(cache.currentEntry(iri(u"w"), "8"), nullptr);
+  EXPECT_FALSE(cache.hasEntry(iri(u"w")));
+  EXPECT_FALSE(std::filesystem::exists(file));
+  EXPECT_FALSE(entry->getAbortTime());
+  EXPECT_EQ(cache.recycleBinSize(), 1u);
+}
+
 TEST_F(ContentCacheTest, ANewEntryDoesNotTakeThePartlyFilledCacheFileOfAnInvalidatedOne) {
   std::string const content = overlay_test::patternBytes(20000, 5);
   store->elsewhere().writeFile(u"/p", content);

@@ -11,6 +11,7 @@
 #include <providers/mem/MemoryProvider.hpp>
 #include <providers/mem/SideDoor.hpp>
 
+#include <boost/date_time/posix_time/posix_time.hpp>
 #include <boost/property_tree/ptree.hpp>
 #include <gtest/gtest.h>
 
@@ -228,6 +229,35 @@ TEST_F(OverlayOperationsTest, CachedContentIsReadFromLocalDisk) {
   auto const inner = store->calls(Operation::Read);
   EXPECT_EQ(read(u"/big.bin"), std::string(100000, 'x'));
   EXPECT_EQ(store->calls(Operation::Read), inner);
+}
+
+TEST_F(OverlayOperationsTest, AttributeQueriesMakeNoContentEntryAndSeeTheLocalCopyWhileItIsWritten) {
+  store->elsewhere().createFolder(u"/d");
+  store->elsewhere().writeFile(u"/d/a.txt", "abc");
+  store->elsewhere().setLastModified(u"/d/a.txt", boost::posix_time::time_from_string("2001-02-03 04:05:06"));
+  auto const attributes = provider->doGetFileAttributes(at(u"/d/a.txt"));
+  EXPECT_EQ(attributes.getSize(), 3u);
+  EXPECT_EQ(attributes.getLastModified(), boost::posix_time::time_from_string("2001-02-03 04:05:06"));
+  EXPECT_TRUE(provider->doFileExists(at(u"/d/a.txt")));
+  EXPECT_FALSE(provider->doFileExists(at(u"/d")));
+  EXPECT_FALSE(provider->doFileExists(at(u"/d/none.txt")));
+  EXPECT_TRUE(provider->contentCache().entryLocations().empty()) << "a query needs no content entry";
+
+  // While a stream writes, the attributes are the local copy's; afterwards as well.
+  auto stream = provider->doOpenStream(at(u"/d/a.txt"), {});
+  stream->seek(0, std::ios_base::end);
+  stream->write("defg", 4);
+  EXPECT_EQ(provider->doGetFileAttributes(at(u"/d/a.txt")).getSize(), 7u);
+  stream->close();
+  EXPECT_EQ(provider->doGetFileAttributes(at(u"/d/a.txt")).getSize(), 7u);
+  provider->executor()->waitForPendingToFinish();
+  EXPECT_EQ(store->elsewhere().contentOf(u"/d/a.txt"), "abcdefg");
+
+  // Below a folder the overlay removed, nothing exists, whatever the store still holds.
+  provider->doRemoveFolderRecursively(at(u"/d"));
+  EXPECT_FALSE(provider->doFileExists(at(u"/d/a.txt")));
+  EXPECT_EQ(failure([&] { provider->doGetFileAttributes(at(u"/d/a.txt")); }),
+            std::make_pair(ErrorCode::DoesNotExist, at(u"/d/a.txt")));
 }
 
 TEST_F(OverlayOperationsTest, AFileOpenForWritingCannotBeRemoved) {
