@@ -93,8 +93,16 @@ long WorkingFileByteStream::seek(long offset, std::ios_base::seekdir whence) {
       base = static_cast<std::streamoff>(entry_->getProviderFileSize());
     else if (whence == std::ios_base::cur)
       base = std::streamoff(position_);
-    position_ = base + offset;
-    return static_cast<long>(std::streamoff(position_));
+    std::streamoff target = 0;
+    if (__builtin_add_overflow(base, static_cast<std::streamoff>(offset), &target) || target < 0) {
+      // A position before the start would make the next write fail only later, in the
+      // cache and in the queue, after the caller was told it was done; refused here as
+      // the stores refuse it.
+      throw fsp::Exception(fsp::ErrorCode::InvalidName, entry_->getLocation(),
+                           "position " + std::to_string(base) + " + " + std::to_string(offset) + " is before the start");
+    }
+    position_ = target;
+    return static_cast<long>(target);
   });
 }
 

@@ -54,9 +54,10 @@ class WorkingFileByteStream final : public foundation::storage::provider::ByteSt
   long write(char const* data, long count) override;
 
   // Moves the position to `offset` from the beginning, the current position or the end
-  // of the file (the entry's file size); returns the new position. Positions before the
-  // start are not rejected here: reads there fail, writes there fail in the cache.
-  // Throws ByteStreamSeekFailure (also when the stream is closed).
+  // of the file (the entry's file size); returns the new position. A position before the
+  // start is refused with ByteStreamSeekFailure code 1 (InvalidName, as the stores refuse
+  // it) and the position stays where it was. Throws ByteStreamSeekFailure (also when the
+  // stream is closed).
   long seek(long offset, std::ios_base::seekdir whence) override;
 
   // Runs the entry's close path for this stream once; later calls do nothing.
