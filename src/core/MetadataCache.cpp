@@ -14,6 +14,7 @@
 #include <exception>
 #include <optional>
 #include <string_view>
+#include <type_traits>
 #include <utility>
 
 namespace storage::overlayprovider {
@@ -372,6 +373,59 @@ std::shared_ptr<FileMetadata> MetadataCache::getFileMetadataFromCache(StorageIRI
 std::shared_ptr<FolderMetadata> MetadataCache::getFolderMetadataFromCache(StorageIRI const& iri) const {
   CacheLock lock(*this);
   return doGetFolderMetadataFromCache(iri);
+}
+
+// ---- queries answered from built entries alone -------------------------------------------
+
+IFolderEntry* MetadataCache::builtEntryAt(std::u16string_view text) const {
+  auto it = caseSensitive_ ? folderIndex_.findExact(text) : folderIndex_.findFolded(text);
+  if (it == folders_.end() || isUnbuiltListing(it->second)) return nullptr;
+  return it->second.get();
+}
+
+template <class Record>
+std::optional<std::shared_ptr<Record>> MetadataCache::findBelowKnownFolders(StorageIRI const& iri,
+                                                                           bool trigger) const {
+  constexpr bool kFile = std::is_same_v<Record, FileMetadata>;
+  if (!isPlainKey(iri)) return std::nullopt;
+  CacheLock lock(*this);
+  // triggerInvalidationProcess() would change the tree first: the slow way does that.
+  if (trigger && !pending_.empty()) return std::nullopt;
+  if (!iri.hasParent()) {
+    if constexpr (kFile) {
+      return std::shared_ptr<FileMetadata>();  // the root is no file
+    } else {
+      IFolderEntry* const root = builtEntryAt(iri.toString());
+      if (root == nullptr) return std::nullopt;
+      return root->getMetadata();
+    }
+  }
+  // Every folder above, nearest first, as far as (not including) the root: each must be
+  // known to the entry of its own parent, which must be cached and built.
+  StorageIRI folder = iri.getParent();
+  while (folder.hasParent()) {
+    IFolderEntry* const parent = builtEntryAt(parentTextOf(folder));
+    if (parent == nullptr) return std::nullopt;
+    if (!parent->getFolderMetadata(folder, caseSensitive_)) return std::shared_ptr<Record>();
+    folder = folder.getParent();
+  }
+  IFolderEntry* const parent = builtEntryAt(parentTextOf(iri));
+  if (parent == nullptr) return std::nullopt;
+  if constexpr (kFile) {
+    return parent->getFileMetadata(iri, caseSensitive_);
+  } else {
+    return parent->getFolderMetadata(iri, caseSensitive_);
+  }
+}
+
+std::optional<std::shared_ptr<FileMetadata>> MetadataCache::findFileBelowKnownFolders(StorageIRI const& iri,
+                                                                                      bool trigger) const {
+  return findBelowKnownFolders<FileMetadata>(iri, trigger);
+}
+
+std::optional<std::shared_ptr<FolderMetadata>> MetadataCache::findFolderBelowKnownFolders(StorageIRI const& iri,
+                                                                                          bool trigger) const {
+  return findBelowKnownFolders<FolderMetadata>(iri, trigger);
 }
 
 std::shared_ptr<IFolderEntry> MetadataCache::getFolderContainer(StorageIRI const& iri) const {

@@ -65,7 +65,9 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <set>
+#include <string_view>
 #include <vector>
 
 namespace storage::overlayprovider {
@@ -115,6 +117,22 @@ class MetadataCache {
   // cache lock); then the frozen snapshot is put back if an invalidation was queued.
   // Passes on the listing's failure (code 4 first drops the cached folder).
   std::shared_ptr<IFolderEntry> loadAndGetFolderContainer(StorageIRI const& iri) const;
+
+  // Queries that a provider makes on every call, answered under one hold of the cache
+  // lock from cached entries whose listing is complete, without loading or waiting.
+  // For a key `iri` (an inner-most IRI of plain form, see keyFor) the answer is what
+  //   "every folder above `iri` except the root is known (getFolderMetadata non-null),
+  //    checked nearest first; then getFileMetadata(iri)"
+  // gives, with `trigger` preceded by triggerInvalidationProcess() as hasFile does: the
+  // record, or null when a folder above or the item itself is not known. Nothing
+  // (std::nullopt) when that answer would need a folder listed or waited for, when
+  // `trigger` is set and invalidations are pending, or for an IRI not in plain key form:
+  // the caller then asks the slow way, which gives the same answer. Never calls the
+  // inner store; takes the cache lock, then entry locks.
+  std::optional<std::shared_ptr<FileMetadata>> findFileBelowKnownFolders(StorageIRI const& iri, bool trigger) const;
+  // The same for the folder record (getFolderMetadata(iri); the root's from its own entry).
+  std::optional<std::shared_ptr<FolderMetadata>> findFolderBelowKnownFolders(StorageIRI const& iri,
+                                                                             bool trigger) const;
 
   // ---- mutations (each: trigger, then the work under the cache lock) ----------------------
 
@@ -253,6 +271,12 @@ class MetadataCache {
   std::uint64_t doGetSpaceOccupiedByFolder(StorageIRI const& iri) const;
   // Moves `entry` to the entries destroyed once the cache lock is released.
   void retire(std::shared_ptr<IFolderEntry> entry) const;
+  // The entry cached for the folder whose key has the text `text` (matched as
+  // getCacheIterator matches), when it is there and not a listing still in progress;
+  // else null.
+  IFolderEntry* builtEntryAt(std::u16string_view text) const;
+  template <class Record>
+  std::optional<std::shared_ptr<Record>> findBelowKnownFolders(StorageIRI const& iri, bool trigger) const;
 
   // ---- guard_ not held ----------------------------------------------------------------------
   class Key;

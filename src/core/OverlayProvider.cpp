@@ -229,19 +229,27 @@ bool OverlayProvider::parentKnown(StorageIRI const& inner) const {
   return true;
 }
 
+// Each first asks the metadata cache for an answer from what it holds complete (one
+// lock, no ancestor IRIs looked up one by one), and only when that would need a folder
+// listed or waited for takes the walk above, which answers the same.
+
 std::shared_ptr<FileMetadata> OverlayProvider::fileRecord(StorageIRI const& inner) const {
+  if (auto known = metadataCache_->findFileBelowKnownFolders(inner, false)) return std::move(*known);
   return parentKnown(inner) ? metadataCache_->getFileMetadata(inner) : nullptr;
 }
 
 std::shared_ptr<FolderMetadata> OverlayProvider::folderRecord(StorageIRI const& inner) const {
+  if (auto known = metadataCache_->findFolderBelowKnownFolders(inner, false)) return std::move(*known);
   return parentKnown(inner) ? metadataCache_->getFolderMetadata(inner) : nullptr;
 }
 
 bool OverlayProvider::hasFileRecord(StorageIRI const& inner) const {
+  if (auto known = metadataCache_->findFileBelowKnownFolders(inner, true)) return *known != nullptr;
   return parentKnown(inner) && metadataCache_->hasFile(inner);
 }
 
 bool OverlayProvider::hasFolderRecord(StorageIRI const& inner) const {
+  if (auto known = metadataCache_->findFolderBelowKnownFolders(inner, true)) return *known != nullptr;
   return parentKnown(inner) && metadataCache_->hasFolder(inner);
 }
 

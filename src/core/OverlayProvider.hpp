@@ -46,6 +46,14 @@
 //   (BM_CachedQueries: doFileExists plus doGetFileAttributes on 10,000 cached files):
 //   21 to 28 us per pair before, 4.8 us after.
 //
+// - "Every folder above is known" (the walk that makes an item below a folder the
+//   overlay removed or moved away count as gone) and the record lookup after it are
+//   first asked of the metadata cache in one step that answers from complete cached
+//   listings only (MetadataCache::findFileBelowKnownFolders); the walk, folder by folder,
+//   runs only when a folder would have to be listed or waited for, or invalidations are
+//   pending. Same answers, same listings of the inner store. Measured as above (medians
+//   of three runs, one after the other): 6.7 us per pair before, 5.1 us after.
+//
 // Thread-safety: every operation may be called from any thread. Operations on the same
 // IRI, or below a path being changed, are serialised by the path locks.
 #pragma once

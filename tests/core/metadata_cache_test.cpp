@@ -12,6 +12,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <optional>
 #include <string>
 
 namespace fsp = foundation::storage::provider;
@@ -295,6 +296,75 @@ TEST_F(MetadataCacheTest, AFolderThatVanishedOnTheInnerSideIsDroppedWithItsCache
   EXPECT_FALSE(cache.hasFolder(iri(u"d/sub")));
 }
 
+TEST_F(MetadataCacheTest, KnownFolderLookupsAnswerAsTheWalkDoesOrLeaveItToTheWalk) {
+  auto const ListAll = Operation::ListAll;
+  // The walk the provider makes: every folder above known (nearest first, root
+  // excluded), then the record itself.
+  auto walkFile = [&](StorageIRI const& key) -> std::shared_ptr<FileMetadata> {
+    for (auto folder = key.getParent(); folder.hasParent(); folder = folder.getParent()) {
+      if (!cache.getFolderMetadata(folder)) return nullptr;
+    }
+    return cache.getFileMetadata(key);
+  };
+
+  // Nothing cached: no answer without listing, and nothing is listed.
+  EXPECT_EQ(cache.findFileBelowKnownFolders(iri(u"d/a.txt"), false), std::nullopt);
+  EXPECT_EQ(cache.findFolderBelowKnownFolders(iri(u""), false), std::nullopt);
+  EXPECT_EQ(store->calls(ListAll), 0u);
+
+  auto const a = walkFile(iri(u"d/a.txt"));  // lists / and /d
+  ASSERT_NE(a, nullptr);
+  auto const listings = store->calls(ListAll);
+  EXPECT_EQ(cache.findFileBelowKnownFolders(iri(u"d/a.txt"), false), a);
+  EXPECT_EQ(cache.findFileBelowKnownFolders(iri(u"d/a.txt"), true), a);
+  EXPECT_EQ(cache.findFolderBelowKnownFolders(iri(u""), false), cache.getFolderMetadata(iri(u"")));
+  EXPECT_EQ(cache.findFolderBelowKnownFolders(iri(u"d"), false), cache.getFolderMetadata(iri(u"d")));
+  EXPECT_EQ(cache.findFileBelowKnownFolders(iri(u"top.txt"), false), cache.getFileMetadata(iri(u"top.txt")));
+  // Known absences: no such file, a folder asked as a file, an unknown folder on the way.
+  EXPECT_EQ(cache.findFileBelowKnownFolders(iri(u"d/none.txt"), false), std::shared_ptr<FileMetadata>());
+  EXPECT_EQ(cache.findFileBelowKnownFolders(iri(u"d/sub"), false), std::shared_ptr<FileMetadata>());
+  EXPECT_EQ(cache.findFolderBelowKnownFolders(iri(u"d/a.txt"), false), std::shared_ptr<FolderMetadata>());
+  EXPECT_EQ(cache.findFileBelowKnownFolders(iri(u"nowhere/x.txt"), false), std::shared_ptr<FileMetadata>());
+  // The walk would list /nowhere (to learn that /nowhere/deep is not there): left to it.
+  EXPECT_EQ(cache.findFileBelowKnownFolders(iri(u"nowhere/deep/x.txt"), false), std::nullopt);
+  EXPECT_EQ(cache.findFileBelowKnownFolders(iri(u""), false), std::shared_ptr<FileMetadata>()) << "the root is no file";
+  // A folder whose own listing is not cached is left to the walk.
+  EXPECT_EQ(cache.findFileBelowKnownFolders(iri(u"d/sub/c.txt"), false), std::nullopt);
+  EXPECT_EQ(store->calls(ListAll), listings) << "answers come from what is cached";
+  // An IRI that is not a plain key is left to the walk too.
+  EXPECT_EQ(cache.findFileBelowKnownFolders(StorageIRI(u"overlay:<mem://s1/>/d/a.txt"), false), std::nullopt);
+
+  auto const c = walkFile(iri(u"d/sub/c.txt"));
+  ASSERT_NE(c, nullptr);
+  EXPECT_EQ(cache.findFileBelowKnownFolders(iri(u"d/sub/c.txt"), false), c);
+  // Removed by the overlay: the folder above is no longer known, whatever the inner
+  // store still holds.
+  cache.removeFolder(iri(u"d/sub"));
+  EXPECT_EQ(walkFile(iri(u"d/sub/c.txt")), nullptr);
+  EXPECT_EQ(cache.findFileBelowKnownFolders(iri(u"d/sub/c.txt"), false), std::shared_ptr<FileMetadata>());
+
+  // With invalidations pending, a query that would work them off first is left to the
+  // walk; one that would not still answers.
+  cache.enqueueInvalidationProcess(iri(u"d/a.txt"));
+  EXPECT_EQ(cache.findFileBelowKnownFolders(iri(u"d/a.txt"), true), std::nullopt);
+  EXPECT_EQ(cache.findFileBelowKnownFolders(iri(u"d/a.txt"), false), a);
+  EXPECT_TRUE(cache.hasFile(iri(u"d/a.txt")));  // works the invalidation off: /d is listed anew
+  auto const relisted = cache.findFileBelowKnownFolders(iri(u"d/a.txt"), true);
+  ASSERT_TRUE(relisted.has_value());
+  EXPECT_EQ(*relisted, cache.getFileMetadata(iri(u"d/a.txt")));
+
+  // A folder entry still listing is not waited for.
+  auto& gate = store->gate(ListAll);
+  gate.close();
+  auto pending = cache.getFolderContainer(iri(u"e"));
+  ASSERT_TRUE(gate.waitForWaiters(1, std::chrono::seconds(60)));
+  EXPECT_EQ(cache.findFileBelowKnownFolders(iri(u"e/x.txt"), false), std::nullopt);
+  EXPECT_EQ(cache.findFolderBelowKnownFolders(iri(u"e"), false), cache.getFolderMetadata(iri(u"e")))
+      << "the record of /e is in the root's listing";
+  gate.open();
+  EXPECT_EQ(cache.findFileBelowKnownFolders(iri(u"e/x.txt"), false), walkFile(iri(u"e/x.txt")));
+}
+
 TEST(MetadataCacheCaseTest, CaseInsensitiveLookupFindsTheCachedSpelling) {
   auto store = std::make_shared<MemStore>(metadata_test::caseInsensitive());
   store->elsewhere().createFolder(u"/docs/Inner");
@@ -311,8 +381,16 @@ TEST(MetadataCacheCaseTest, CaseInsensitiveLookupFindsTheCachedSpelling) {
   EXPECT_TRUE(cache.hasFolder(iri(u"docs/inner")));
   EXPECT_EQ(cache.cachedFolders(), std::vector<StorageIRI>{iri(u"docs")}) << "docs, once";
 
+  // The lookups answered from the cache alone match names the same way.
+  cache.getFolderMetadata(iri(u""));
+  EXPECT_EQ(cache.findFileBelowKnownFolders(iri(u"DOCS/README.TXT"), true), readme);
+  EXPECT_EQ(cache.findFolderBelowKnownFolders(iri(u"Docs/INNER"), false), cache.getFolderMetadata(iri(u"docs/inner")));
+
   MetadataCache exact(inner, true);
   exact.loadAndGetFolderContainer(iri(u"docs"));
+  exact.getFolderMetadata(iri(u""));
+  EXPECT_EQ(exact.findFileBelowKnownFolders(iri(u"docs/README.TXT"), false), std::shared_ptr<FileMetadata>());
+  EXPECT_NE(exact.findFileBelowKnownFolders(iri(u"docs/readme.txt"), false).value_or(nullptr), nullptr);
   EXPECT_EQ(exact.getFileMetadata(iri(u"docs/README.TXT")), nullptr);
   EXPECT_NE(exact.getFileMetadata(iri(u"docs/readme.txt")), nullptr);
 }
