@@ -65,6 +65,20 @@ std::shared_ptr<MetadataCache> metadataCacheFor(std::shared_ptr<fsp::StorageItem
   return std::make_shared<MetadataCache>(inner, caseSensitive);
 }
 
+// The text of the inner-most IRI that `iri` wraps, and its form with the host stripped,
+// when that inner-most IRI is a root ("/"): what innerMostOf() reuses.
+std::optional<OverlayProvider::WrappedRoot> wrappedRootOf(fsp::StorageIRI const& location) {
+  try {
+    fsp::StorageIRI const* innermost = &location;
+    while (innermost->hasInnerIRI()) innermost = &innermost->getInnerIRI();
+    if (innermost->getPath() != u"/") return std::nullopt;
+    return OverlayProvider::WrappedRoot{innermost->toString(), stripHostFrom(*innermost)};
+  } catch (...) {
+    // Then every IRI takes the general mapping, which reports the failure itself.
+    return std::nullopt;
+  }
+}
+
 }  // namespace
 
 OverlayProvider::OverlayProvider(StorageItem inner) : OverlayProvider(std::move(inner), nullptr, nullptr, nullptr) {}
@@ -78,7 +92,8 @@ OverlayProvider::OverlayProvider(StorageItem inner, std::unique_ptr<ContentCache
       contentCache_(contentCache ? std::move(contentCache) : std::make_unique<ContentCache>()),
       metadataCache_(metadataCacheFor(inner_, std::move(metadataCache))),
       executor_(std::move(executor)),
-      executorHandle_(std::make_shared<SwitchableExecutor>()) {
+      executorHandle_(std::make_shared<SwitchableExecutor>()),
+      wrappedRoot_(wrappedRootOf(inner_->getLocation())) {
   executorHandle_->set(executor_);
 }
 
@@ -150,13 +165,25 @@ void OverlayProvider::triggerLatch() const {
   if (timedLatch_) timedLatch_->trigger();
 }
 
+fsp::StorageIRI OverlayProvider::innerMostOf(StorageIRI const& iri) const {
+  if (wrappedRoot_ && iri.hasInnerIRI()) {
+    StorageIRI const* innermost = &iri.getInnerIRI();
+    while (innermost->hasInnerIRI()) innermost = &innermost->getInnerIRI();
+    // getInnerMostURL's own expression for a wrapped root, with the stripped root reused.
+    if (innermost->getPath() == u"/" && innermost->toString() == wrappedRoot_->text) {
+      return StorageIRI(wrappedRoot_->stripped, iri.getPath()).getResolvedIRI();
+    }
+  }
+  return getInnerMostURL(iri);
+}
+
 fsp::StorageItem OverlayProvider::innerItemFor(StorageIRI const& iri) const {
-  return StorageItem(*inner_, getInnerMostURL(iri).getPath());
+  return StorageItem(*inner_, innerMostOf(iri).getPath());
 }
 
 fsp::StorageIRI OverlayProvider::overlayIRIFor(StorageIRI const& like, StorageIRI const& inner) const {
   if (!like.hasInnerIRI()) return inner;
-  auto rootPath = getInnerMostURL(like.withPath(u"/")).getPath();
+  auto rootPath = innerMostOf(like.withPath(u"/")).getPath();
   auto const path = inner.getResolvedIRI().getPath();
   if (rootPath == u"/") return like.withPath(path);
   if (path == rootPath) return like.withPath(u"/");
@@ -351,7 +378,7 @@ void OverlayProvider::doCreateFile(StorageIRI const& iri) const {
   OVERLAY_TRACE_IRI(iri);
   lazyInitialize();
   metadataCache_->waitForFuturePopulationToFinish();
-  auto const inner = getInnerMostURL(iri);
+  auto const inner = innerMostOf(iri);
   triggerLatch();
   {
     auto lock = pathLocks_.acquire(inner);
@@ -369,7 +396,7 @@ void OverlayProvider::doCreateFolder(StorageIRI const& iri) const {
   OVERLAY_TRACE_IRI(iri);
   lazyInitialize();
   metadataCache_->waitForFuturePopulationToFinish();
-  auto const inner = getInnerMostURL(iri);
+  auto const inner = innerMostOf(iri);
   triggerLatch();
   {
     auto lock = pathLocks_.acquire(inner);
@@ -387,7 +414,7 @@ void OverlayProvider::doCreateFolderRecursive(StorageIRI const& iri) const {
   OVERLAY_TRACE_IRI(iri);
   lazyInitialize();
   metadataCache_->waitForFuturePopulationToFinish();
-  auto const inner = getInnerMostURL(iri);
+  auto const inner = innerMostOf(iri);
   triggerLatch();
   {
     auto lock = pathLocks_.acquire(inner);
@@ -418,7 +445,7 @@ void OverlayProvider::doRemoveFile(StorageIRI const& iri) const {
   OVERLAY_TRACE_IRI(iri);
   lazyInitialize();
   metadataCache_->waitForFuturePopulationToFinish();
-  auto const inner = getInnerMostURL(iri);
+  auto const inner = innerMostOf(iri);
   triggerLatch();
   {
     auto lock = pathLocks_.acquire(inner);
@@ -438,7 +465,7 @@ void OverlayProvider::doRemoveFolder(StorageIRI const& iri) const {
   OVERLAY_TRACE_IRI(iri);
   lazyInitialize();
   metadataCache_->waitForFuturePopulationToFinish();
-  auto const inner = getInnerMostURL(iri);
+  auto const inner = innerMostOf(iri);
   triggerLatch();
   {
     auto lock = pathLocks_.acquire(inner);
@@ -457,7 +484,7 @@ void OverlayProvider::doRemoveFolderRecursively(StorageIRI const& iri) const {
   OVERLAY_TRACE_IRI(iri);
   lazyInitialize();
   metadataCache_->waitForFuturePopulationToFinish();
-  auto const inner = getInnerMostURL(iri);
+  auto const inner = innerMostOf(iri);
   triggerLatch();
   {
     auto lock = pathLocks_.acquire(inner);
@@ -476,8 +503,8 @@ void OverlayProvider::doMoveFile(StorageIRI const& src, StorageIRI const& dst, f
   OVERLAY_TRACE_IRI(src);
   lazyInitialize();
   metadataCache_->waitForFuturePopulationToFinish();
-  auto const from = getInnerMostURL(src);
-  auto const to = getInnerMostURL(dst);
+  auto const from = innerMostOf(src);
+  auto const to = innerMostOf(dst);
   triggerLatch();
   {
     auto lock = pathLocks_.acquirePair(from, to);
@@ -511,8 +538,8 @@ void OverlayProvider::doMoveFolder(StorageIRI const& src, StorageIRI const& dst,
   OVERLAY_TRACE_IRI(src);
   lazyInitialize();
   metadataCache_->waitForFuturePopulationToFinish();
-  auto const from = getInnerMostURL(src);
-  auto const to = getInnerMostURL(dst);
+  auto const from = innerMostOf(src);
+  auto const to = innerMostOf(dst);
   triggerLatch();
   {
     auto lock = pathLocks_.acquirePair(from, to);
@@ -542,7 +569,7 @@ void OverlayProvider::doSetLastModified(StorageIRI const& iri, boost::posix_time
   OVERLAY_TRACE_IRI(iri);
   lazyInitialize();
   metadataCache_->waitForFuturePopulationToFinish();
-  auto const inner = getInnerMostURL(iri);
+  auto const inner = innerMostOf(iri);
   triggerLatch();
   {
     auto lock = pathLocks_.acquire(inner);
@@ -562,7 +589,7 @@ void OverlayProvider::doSetWritable(StorageIRI const& iri, bool writable) const 
   OVERLAY_TRACE_IRI(iri);
   lazyInitialize();
   metadataCache_->waitForFuturePopulationToFinish();
-  auto const inner = getInnerMostURL(iri);
+  auto const inner = innerMostOf(iri);
   triggerLatch();
   {
     auto lock = pathLocks_.acquire(inner);
@@ -615,7 +642,7 @@ bool OverlayProvider::doFileExists(StorageIRI const& iri) const {
   OVERLAY_TRACE_IRI(iri);
   lazyInitialize();
   awaitPopulation();
-  auto const inner = getInnerMostURL(iri);
+  auto const inner = innerMostOf(iri);
   auto lock = pathLocks_.acquire(inner);
   return hasFileRecord(inner);
 }
@@ -624,7 +651,7 @@ bool OverlayProvider::doFolderExists(StorageIRI const& iri) const {
   OVERLAY_TRACE_IRI(iri);
   lazyInitialize();
   awaitPopulation();
-  auto const inner = getInnerMostURL(iri);
+  auto const inner = innerMostOf(iri);
   auto lock = pathLocks_.acquire(inner);
   return hasFolderRecord(inner);
 }
@@ -633,7 +660,7 @@ fsp::FileAttributes OverlayProvider::doGetFileAttributes(StorageIRI const& iri) 
   OVERLAY_TRACE_IRI(iri);
   lazyInitialize();
   awaitPopulation();
-  auto const inner = getInnerMostURL(iri);
+  auto const inner = innerMostOf(iri);
   auto lock = pathLocks_.acquire(inner);
   auto file = getFileMetadata(inner);
   if (!file) throw Exception(ErrorCode::DoesNotExist, iri);
@@ -644,7 +671,7 @@ fsp::FolderAttributes OverlayProvider::doGetFolderAttributes(StorageIRI const& i
   OVERLAY_TRACE_IRI(iri);
   lazyInitialize();
   awaitPopulation();
-  auto const inner = getInnerMostURL(iri);
+  auto const inner = innerMostOf(iri);
   auto lock = pathLocks_.acquire(inner);
   auto folder = folderRecord(inner);
   if (!folder) throw Exception(ErrorCode::DoesNotExist, iri);
@@ -655,7 +682,7 @@ fsp::ExtendedAttributes OverlayProvider::doGetExtendedAttributes(StorageIRI cons
   OVERLAY_TRACE_IRI(iri);
   lazyInitialize();
   awaitPopulation();
-  auto const inner = getInnerMostURL(iri);
+  auto const inner = innerMostOf(iri);
   auto lock = pathLocks_.acquire(inner);
   if (auto folder = folderRecord(inner)) return folder->getExtendedAttributes();
   if (auto file = getFileMetadata(inner)) return file->getExtendedAttributes();
@@ -666,7 +693,7 @@ template <class Pred>
 fsp::FolderEntryIteratorPtr OverlayProvider::list(StorageIRI const& iri) const {
   lazyInitialize();
   awaitPopulation();
-  auto const inner = getInnerMostURL(iri);
+  auto const inner = innerMostOf(iri);
   triggerLatch();
   auto lock = pathLocks_.acquire(inner);
   if (inner.getPath() != u"/" && !folderRecord(inner)) throw Exception(ErrorCode::DoesNotExist, iri);
@@ -732,7 +759,7 @@ fsp::ByteStreamPtr OverlayProvider::doOpenStream(StorageIRI const& iri, fsp::Byt
   OVERLAY_TRACE_IRI(iri);
   lazyInitialize();
   metadataCache_->waitForFuturePopulationToFinish();
-  auto const inner = getInnerMostURL(iri);
+  auto const inner = innerMostOf(iri);
   if (!fallback_.load(std::memory_order_acquire)) {
     try {
       return openThroughCache(iri, inner, &options);
@@ -750,7 +777,7 @@ fsp::ByteStreamPtr OverlayProvider::doOpenReadOnlyStream(StorageIRI const& iri) 
   OVERLAY_TRACE_IRI(iri);
   lazyInitialize();
   awaitPopulation();
-  auto const inner = getInnerMostURL(iri);
+  auto const inner = innerMostOf(iri);
   if (!fallback_.load(std::memory_order_acquire)) {
     try {
       return openThroughCache(iri, inner, nullptr);
@@ -786,7 +813,7 @@ void OverlayProvider::doPublishFileEventsFor(StorageIRI const& iri,
 void OverlayProvider::doStopPublishingEventsFor(StorageIRI const& iri) const {
   OVERLAY_TRACE_IRI(iri);
   lazyInitialize();
-  auto const inner = getInnerMostURL(iri);
+  auto const inner = innerMostOf(iri);
   auto item = innerItemFor(iri);
   forwarding(iri, [&] {
     if (hasFileRecord(inner)) item.stopPublishingFileEvents();
@@ -841,7 +868,7 @@ void OverlayProvider::doInvalidate(StorageIRI const& iri) {
   OVERLAY_TRACE_IRI(iri);
   lazyInitialize();
   metadataCache_->waitForFuturePopulationToFinish();
-  auto root = getInnerMostURL(iri).withPath(u"/");
+  auto root = innerMostOf(iri).withPath(u"/");
   auto lock = pathLocks_.acquire(root);
   dropContentCache();
   metadataCache_->invalidateAll();
@@ -850,7 +877,7 @@ void OverlayProvider::doInvalidate(StorageIRI const& iri) {
 
 void OverlayProvider::doShutdown() {
   OVERLAY_TRACE();
-  auto root = getInnerMostURL(inner_->getLocation()).withPath(u"/");
+  auto root = innerMostOf(inner_->getLocation()).withPath(u"/");
   auto lock = pathLocks_.acquire(root);
   // The queue is cut before the flag goes up: queued transactions check the flag, and a
   // transaction skipped by the flag while a later one still ran would leave the inner
