@@ -4,7 +4,10 @@
 
 #include <atomic>
 #include <future>
+#include <set>
+#include <string>
 #include <thread>
+#include <vector>
 
 using foundation::storage::provider::StorageIRI;
 using storage::overlayprovider::PathLocks;
@@ -108,4 +111,57 @@ TEST(PathLocks, GuardMovesOwnership) {
     EXPECT_TRUE(locks.isHeld(a));
   }
   EXPECT_FALSE(locks.isHeld(a));
+}
+
+TEST(PathLocks, WhoWaitsIsDecidedByTheParentChainWhateverHowManyAreHeld) {
+  // Held paths of every shape: plain, wrapped, with query or fragment, with a trailing
+  // slash or an empty segment, roots, and names that only start alike.
+  // Descendants come before their ancestors, so that taking them never waits.
+  std::vector<StorageIRI> const heldShapes = {
+      StorageIRI(u"mem://s1/a/b?q=1"),    StorageIRI(u"mem://s1/a"),      StorageIRI(u"mem://s1/ab"),
+      StorageIRI(u"mem:///x/y/"),         StorageIRI(u"mem:///p//q"),     StorageIRI(u"overlay:<mem://s1/>/w"),
+      StorageIRI(u"mem://s1/c#frag"),     StorageIRI(u"file:///a"),       StorageIRI(u"mem://s2/")};
+  std::vector<StorageIRI> const wanted = {
+      StorageIRI(u"mem://s1/a"),         StorageIRI(u"mem://s1/a/b"),      StorageIRI(u"mem://s1/a/b/c"),
+      StorageIRI(u"mem://s1/a/b?q=1"),   StorageIRI(u"mem://s1/ab/c"),     StorageIRI(u"mem://s1/abc"),
+      StorageIRI(u"mem://s1/"),          StorageIRI(u"mem://s2/any/thing"), StorageIRI(u"mem://s2/"),
+      StorageIRI(u"mem:///x/y"),         StorageIRI(u"mem:///x/y/z"),      StorageIRI(u"mem:///x/y//z/"),
+      StorageIRI(u"mem:///p/q"),         StorageIRI(u"mem:///p/q/r"),      StorageIRI(u"mem:///p//q/r"),
+      StorageIRI(u"overlay:<mem://s1/>/w/v"), StorageIRI(u"overlay:<mem://s2/>/w/v"),
+      StorageIRI(u"mem://s1/c"),         StorageIRI(u"mem://s1/c/d"),      StorageIRI(u"mem://s1/c#frag"),
+      StorageIRI(u"file:///a/b"),        StorageIRI(u"mem://s1/a/b/c?q=2#f"), StorageIRI(u"mem://s3/a/b")};
+  // What acquire waits for, by its definition: the IRI itself or a link of its parent
+  // chain is held (compared by text).
+  auto expected = [](std::multiset<StorageIRI> const& held, StorageIRI const& iri) {
+    if (held.count(iri) != 0) return true;
+    for (StorageIRI current = iri; current.hasParent();) {
+      current = current.getParent();
+      if (held.count(current) != 0) return true;
+    }
+    return false;
+  };
+
+  for (std::size_t filler : {0u, 40u}) {  // few held paths, then more than are compared one by one
+    PathLocks locks;
+    std::multiset<StorageIRI> held;
+    std::vector<PathLocks::Guard> guards;
+    for (std::size_t i = 0; i < filler; ++i) {
+      StorageIRI const other(u"mem://s9/filler" + std::u16string(1, static_cast<char16_t>(u'a' + i % 26)) +
+                             std::u16string(i / 26 + 1, u'z'));
+      guards.push_back(locks.acquire(other));
+      held.insert(other);
+    }
+    for (auto const& shape : heldShapes) {
+      ASSERT_FALSE(expected(held, shape)) << shape;
+      ASSERT_FALSE(locks.wouldWait(shape)) << "holding " << held.size() << " paths; wanted " << shape;
+      guards.push_back(locks.acquire(shape));
+      held.insert(shape);
+      for (auto const& iri : wanted) {
+        EXPECT_EQ(locks.wouldWait(iri), expected(held, iri))
+            << "holding " << held.size() << " paths, the last " << shape << "; wanted " << iri;
+      }
+    }
+    guards.clear();
+    for (auto const& iri : wanted) EXPECT_FALSE(locks.wouldWait(iri)) << iri;
+  }
 }
