@@ -12,6 +12,7 @@
 #include <future>
 #include <stdexcept>
 #include <thread>
+#include <utility>
 
 namespace storage::overlayprovider {
 
@@ -111,6 +112,7 @@ WorkingFileEntry::WorkingFileEntry(fl::filesystem::path cacheDirectory, std::sha
 }
 
 WorkingFileEntry::~WorkingFileEntry() {
+  takePrefetch();  // its thread refers to this entry
   try {
     if (cacheResource_) cacheResource_->close();
   } catch (...) {
@@ -379,6 +381,12 @@ std::streamsize WorkingFileEntry::readFromProviderStream(std::streampos position
     openOperation = openOperation_;
     location = location_;
   }
+  return readFromProviderStreamWith(openOperation, location, position, buffer, count);
+}
+
+std::streamsize WorkingFileEntry::readFromProviderStreamWith(OpenOperation const& openOperation,
+                                                             fsp::StorageIRI const& location, std::streampos position,
+                                                             char* buffer, std::streamsize count) {
   awaitOpen(openOperation);
   std::lock_guard lock(providerStreamMutex_);
   if (!providerStream_)
@@ -425,37 +433,117 @@ std::streamsize WorkingFileEntry::mergePayloadWithCache(std::streamoff position,
   return known - position;
 }
 
+std::unique_ptr<WorkingFileEntry::Prefetch> WorkingFileEntry::takePrefetch() {
+  std::unique_ptr<Prefetch> ahead;
+  {
+    std::lock_guard lock(prefetchMutex_);
+    ahead = std::move(prefetch_);
+  }
+  if (ahead && ahead->thread.joinable()) ahead->thread.join();
+  return ahead;
+}
+
+void WorkingFileEntry::startPrefetch(std::int64_t position, std::int64_t size, std::uint64_t generation,
+                                     OpenOperation const& openOperation, fsp::StorageIRI const& location) {
+  std::lock_guard lock(prefetchMutex_);
+  if (prefetch_) return;  // another reader's is under way
+  auto ahead = std::make_unique<Prefetch>();
+  ahead->position = position;
+  ahead->size = size;
+  ahead->generation = generation;
+  ahead->bytes = std::make_unique_for_overwrite<char[]>(static_cast<std::size_t>(size));
+  Prefetch* const target = ahead.get();
+  try {
+    // The thread refers to this entry without owning it: whoever takes the prefetch, the
+    // destructor included, joins the thread first.
+    ahead->thread = std::thread([this, target, openOperation, location] {
+      try {
+        target->fetched = readFromProviderStreamWith(openOperation, location, target->position, target->bytes.get(),
+                                                     target->size);
+      } catch (...) {
+        target->failure = std::current_exception();
+      }
+    });
+  } catch (...) {
+    return;  // no thread to be had: the payload is fetched when it is asked for
+  }
+  prefetch_ = std::move(ahead);
+}
+
 std::streamsize WorkingFileEntry::readFromProviderAndWriteToCache(std::streampos position, char* buffer,
                                                                   std::streamsize count) {
   if (count < 1) return 0;
   std::int64_t const start = offsetOf(position);
   std::int64_t size = 0;
   bool readOnly = false;
+  std::uint64_t generation = 0;
+  OpenOperation openOperation;
+  fsp::StorageIRI location;
   {
     std::lock_guard lock(mutex_);
     size = static_cast<std::int64_t>(metadata_->getFileSize());
     readOnly = openMode_ == kOpenedReadOnly;
+    generation = openGeneration_;
+    openOperation = openOperation_;
+    location = location_;
   }
   if (start >= size) return 0;
   auto const maxRead = static_cast<std::int64_t>(std::max<unsigned long long>(1, params_.getMaxReadPayloadSize()));
-  std::int64_t payload = (readOnly && !hasPendingBackgroundIO()) ? maxRead : std::min<std::int64_t>(count, maxRead);
+  bool const readAhead = readOnly && !hasPendingBackgroundIO();
+  std::int64_t payload = readAhead ? maxRead : std::min<std::int64_t>(count, maxRead);
   payload = std::min(payload, size - start);
 
-  std::vector<char> bytes(static_cast<std::size_t>(payload) + 1, 0);
+  // A payload fetched ahead is taken when it is exactly this one, for this same opening;
+  // any other is let finish and dropped.
+  std::unique_ptr<char[]> bytes;
   std::streamsize n = 0;
-  try {
-    n = readFromProviderStream(position, bytes.data(), payload);
-  } catch (...) {
-    logCaught();
+  std::exception_ptr failure;
+  if (auto ahead = takePrefetch()) {
+    if (readAhead && ahead->position == start && ahead->size == payload && ahead->generation == generation) {
+      bytes = std::move(ahead->bytes);
+      n = ahead->fetched;
+      failure = ahead->failure;
+    }
+  }
+  if (!bytes) {
+    bytes = std::make_unique_for_overwrite<char[]>(static_cast<std::size_t>(payload) + 1);
+    try {
+      n = readFromProviderStreamWith(openOperation, location, position, bytes.get(), payload);
+    } catch (...) {
+      failure = std::current_exception();
+    }
+  }
+  if (failure) {
+    try {
+      std::rethrow_exception(failure);
+    } catch (...) {
+      logCaught();
+    }
     return -1;
   }
   n = std::min<std::streamsize>(n, payload);
+
+  if (readAhead && params_.usesDiskCaching() && n == payload && start + n < size) {
+    // A reader that has gone through enough of the file in order gets the next payload
+    // fetched while this one is stored in the cache.
+    bool sequential = false;
+    {
+      std::lock_guard lock(prefetchMutex_);
+      sequentialRun_ = start == sequentialEnd_ ? sequentialRun_ + n : n;
+      sequentialEnd_ = start + n;
+      sequential = sequentialRun_ >= kReadAheadAfter;
+    }
+    if (sequential) {
+      startPrefetch(start + n, std::min<std::int64_t>(maxRead, size - (start + n)), generation, openOperation, location);
+    }
+  }
+
   if (params_.usesDiskCaching()) {
     std::lock_guard lock(mutex_);
-    n = mergePayloadWithCache(start, bytes.data(), n, payload);
+    n = mergePayloadWithCache(start, bytes.get(), n, payload);
   }
   std::streamsize const copied = std::min<std::streamsize>(n, count);
-  if (copied > 0) std::memcpy(buffer, bytes.data(), static_cast<std::size_t>(copied));
+  if (copied > 0) std::memcpy(buffer, bytes.get(), static_cast<std::size_t>(copied));
   return copied;
 }
 

@@ -40,18 +40,36 @@
 //   cache file since the last sync.
 // Why: the fsync (3.7 ms per small file on this machine; fdatasync 1.5 ms) was most of a
 // small file's close, and in the queue the cheaper sync costs the worker less. Measured
-// with overlay_bench (files of 4 KiB
-// created and closed through the overlay over a 20 ms throttle; the caller's loop, which
-// includes the overlay's start-up of about 0.1 s at the first open), one after the other
-// on the same machine: 1000 files 2.10 s before, 0.75 s after (the store used directly:
-// 20.1 s); 100 files 0.21 to 0.35 s before, 0.13 to 0.22 s after.
+// with overlay_bench (files of 4 KiB created and closed through the overlay over a 20 ms
+// throttle; the caller's loop, which includes the overlay's start-up of about 0.1 s at
+// the first open), one after the other on the same machine: 1000 files 2.10 s before,
+// 0.75 s after (the store used directly: 20.1 s); 100 files 0.21 to 0.35 s before, 0.13
+// to 0.22 s after.
+//
+// And of the read path:
+// - A reader that has fetched kReadAheadAfter bytes of the file in order, through a
+//   read-only entry with nothing pending (the read-ahead case), has the next payload
+//   fetched from the inner store on a thread of its own while it stores the current one
+//   in the cache; it takes that payload when it asks for it, exactly as if it had
+//   fetched it then (the cache's bytes still win over fetched ones, and a failure of the
+//   fetch is logged and handled when the payload is taken, as a failing read is). A
+//   payload fetched for another position, size or opening is dropped. The inner store
+//   sees the same reads in the same order; only a reader that stops before the end
+//   leaves at most one payload read for nothing, and its close waits for that read. Why:
+//   storing a 4 MiB payload in the cache takes 3 to 20 ms here, which a reader paid after
+//   every fetch; now it overlaps the next fetch. Measured with overlay_bench
+//   (BM_FirstReadLargeFile: 64 MiB read through in 1 MiB reads, open to close, over the
+//   20 ms / 50 MB/s throttle; the store's own read: 1373 ms), one after the other on
+//   the same machine: 1476 to 1629 ms before (7 to 19 % over the store), 1444 to 1476 ms
+//   after (5 to 7 % over).
 //
 // Ownership: an entry must be owned by a std::shared_ptr (std::make_shared) before it is
 // opened or written: queued transactions keep it alive through shared_from_this().
 //
 // Locks and their order (never take one to the left while holding one to the right):
 //   ContentCache's mutex -> mutex_ -> providerStreamMutex_ -> pendingMutex_,
-//   abortMutex_ is a leaf.
+//   abortMutex_ and prefetchMutex_ are leaves. A fetch ahead is waited for with no
+//   entry mutex held.
 // mutex_ is never held across a call into the inner store or a wait on the executor,
 // except that a SynchronousExecutor runs a queued transaction inline on the caller's
 // thread; transaction bodies therefore never take mutex_. No one waits for the open
@@ -78,12 +96,14 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
+#include <exception>
 #include <functional>
 #include <ios>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace storage::overlayprovider {
@@ -294,6 +314,11 @@ class WorkingFileEntry : public std::enable_shared_from_this<WorkingFileEntry> {
   // Returns the count copied, 0 for nothing to read, -1 when the inner read failed.
   std::streamsize readFromProviderAndWriteToCache(std::streampos position, char* buffer, std::streamsize count);
 
+  // A reader that has fetched this many bytes of the file in order from the inner store
+  // (two payloads of the default size) has the next payload fetched ahead (see
+  // "Departures" above).
+  static constexpr std::int64_t kReadAheadAfter = 8 << 20;
+
   // Makes sure the first `initialCachePosition` bytes of the file are cached, fetching
   // payloads from `position` on; stops at the first payload that yields nothing.
   void cacheInitialPartOfFileNotYetCached(std::streampos position);
@@ -410,6 +435,19 @@ class WorkingFileEntry : public std::enable_shared_from_this<WorkingFileEntry> {
   ByteStreamPtr awaitOpen(OpenOperation const& openOperation) const;
   // The stored OpenOperation (under mutex_).
   OpenOperation currentOpenOperation() const;
+  // readFromProviderStream with the open operation and location already taken. Takes
+  // providerStreamMutex_, never mutex_.
+  std::streamsize readFromProviderStreamWith(OpenOperation const& openOperation,
+                                             foundation::storage::provider::StorageIRI const& location,
+                                             std::streampos position, char* buffer, std::streamsize count);
+  // Starts fetching `size` bytes at `position` on a thread of its own, for the opening
+  // `generation`, unless a fetch ahead is under way already (under prefetchMutex_).
+  void startPrefetch(std::int64_t position, std::int64_t size, std::uint64_t generation,
+                     OpenOperation const& openOperation, foundation::storage::provider::StorageIRI const& location);
+  // Takes the fetch ahead, if any, out of the entry and waits for its thread (taking
+  // prefetchMutex_ only to take it). Caller holds no entry mutex.
+  struct Prefetch;
+  std::unique_ptr<Prefetch> takePrefetch();
   // Builds the cache resource for the constructors.
   std::shared_ptr<CacheResource> buildCacheResource(fl::filesystem::path const* sourceCheckoutPath) const;
   // An item on the inner store's provider for `location`'s path.
@@ -451,6 +489,22 @@ class WorkingFileEntry : public std::enable_shared_from_this<WorkingFileEntry> {
   std::int64_t pendingCounter_ = 0;       // guarded by pendingMutex_
   mutable std::mutex pendingMutex_;       // guards pendingCounter_
   std::condition_variable pendingDrained_;  // notified (under pendingMutex_) when the counter drops
+
+  // The next payload of a reader going through the file in order, fetched while the
+  // reader stores the current one.
+  struct Prefetch {
+    std::int64_t position = 0;
+    std::int64_t size = 0;         // the bytes asked of the inner store
+    std::uint64_t generation = 0;  // the opening (openGeneration_) it was fetched for
+    std::unique_ptr<char[]> bytes;
+    std::streamsize fetched = 0;    // written by the thread; read after it was joined
+    std::exception_ptr failure;    // written by the thread; read after it was joined
+    std::thread thread;            // joined by whoever takes the fetch out of the entry
+  };
+  std::unique_ptr<Prefetch> prefetch_;  // guarded by prefetchMutex_; empty when none is under way
+  std::int64_t sequentialEnd_ = -1;     // guarded by prefetchMutex_; end of the last payload fetched
+  std::int64_t sequentialRun_ = 0;      // guarded by prefetchMutex_; bytes fetched in order up to it
+  mutable std::mutex prefetchMutex_;    // guards the three above; a leaf, held only briefly
 
   std::atomic<std::chrono::steady_clock::time_point> lastAccessTime_;
   std::atomic<bool> invalidationWasTriggered_{false};

@@ -250,5 +250,63 @@ TEST_F(WorkingFileEntryConcurrencyTest, ReadOnlyStreamsComeAndGoWhileOthersRead)
   EXPECT_EQ(store->elsewhere().openStreams(), 0u);
 }
 
+TEST_F(WorkingFileEntryConcurrencyTest, AReaderGoingThroughALargeFileGetsPayloadsFetchedAheadAndTheSameBytes) {
+  constexpr long long kMiB = 1 << 20;
+  constexpr long long kSize = 12 * kMiB;  // past the read-ahead threshold with payloads of 1 MiB
+  std::string const content = patternBytes(kSize, 3);
+  store->elsewhere().writeFile(u"/large", content);
+  auto backend = std::make_shared<ovl::BackendExecutor>([] {}, 0.0);
+
+  // Through to the end: every payload is read from the store once, none more.
+  {
+    auto entry = makeEntry(u"/large", WorkingFileEntryParams(kMiB, kMiB), backend);
+    entry->openReadOnly();
+    std::string got;
+    for (long long position = 0; position < kSize; position += 256 * 1024) got += readAt(*entry, position, 256 * 1024);
+    EXPECT_EQ(got == content, true) << "the bytes read through differ from the store's";
+    EXPECT_EQ(store->calls(Operation::Read), 12u);
+    entry->flushContentCache();
+    EXPECT_EQ(readWholeFile(entry->getCheckoutPath()) == content, true);
+  }
+
+  // A reader that stops early leaves at most one payload fetched ahead; a writer that
+  // opens the entry meanwhile makes the payload fetched ahead worthless, and readers see
+  // its bytes.
+  store->resetCounters();
+  auto entry = makeEntry(u"/large", WorkingFileEntryParams(kMiB, kMiB), backend);
+  entry->openReadOnly();
+  Signal readTen;
+  Signal written;
+  std::string tail;
+  std::thread reader([&] {
+    for (long long position = 0; position < 10 * kMiB; position += kMiB) {
+      if (readAt(*entry, position, kMiB) != content.substr(static_cast<std::size_t>(position), kMiB)) {
+        ADD_FAILURE() << "bad bytes at " << position;
+      }
+    }
+    readTen.set();
+    written.wait();
+    tail = readAt(*entry, 10 * kMiB, 2 * kMiB);
+  });
+  readTen.wait();
+  EXPECT_LE(store->calls(Operation::Read), 11u);
+  entry->openReadWrite({});
+  entry->write(10 * kMiB + 10, "MARK", 4);
+  written.set();
+  reader.join();
+  std::string expected = content.substr(10 * kMiB);
+  expected.replace(10, 4, "MARK");
+  EXPECT_EQ(tail.size(), expected.size());
+  EXPECT_EQ(tail == expected, true) << "a payload fetched before the write hid it";
+  entry->flushContentCache();
+  entry->flushContentCache();
+  backend->waitForPendingToFinish();
+  EXPECT_EQ(storeContent(u"/large").substr(10 * kMiB, 20), expected.substr(0, 20));
+  entry.reset();  // a fetch still under way is waited for
+  backend->shutdown(false);
+  backend->join();
+  EXPECT_EQ(store->elsewhere().openStreams(), 0u);
+}
+
 }  // namespace
 }  // namespace overlay_test
