@@ -126,6 +126,15 @@ bool ContentCache::hasAliveEntry(StorageIRI const& location, bool forWriting) co
   return !forWriting || !it->second->isReadOnly();
 }
 
+bool ContentCache::hasEntryOpenForWriting() const {
+  std::lock_guard lock(mutex_);
+  doLazyInitialize();
+  for (auto const& [location, entry] : entries_) {
+    if (entry->getRefCount() >= 1 && !entry->isReadOnly()) return true;
+  }
+  return false;
+}
+
 // ---- entries ----------------------------------------------------------------------------------
 
 std::shared_ptr<WorkingFileEntry> ContentCache::retrieveEntry(

@@ -108,6 +108,8 @@ class ContentCache {
   // An entry is registered for `location` and some caller stream holds it; with
   // `forWriting`, moreover, the entry is not opened read-only.
   bool hasAliveEntry(StorageIRI const& location, bool forWriting) const;
+  // Some registered entry is held by a caller stream that is not read-only.
+  bool hasEntryOpenForWriting() const;
 
   // The entry for `location`: the registered one, unless its write-behind failed; then
   // (logged "Retrieving <location> due to previous abort.") its cache file is deleted,

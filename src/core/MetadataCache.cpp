@@ -602,6 +602,17 @@ void MetadataCache::addFileMetadata(std::shared_ptr<FileMetadata> record) const 
   doAddFileMetadata(record, true);
 }
 
+void MetadataCache::putFileMetadata(std::shared_ptr<FileMetadata> const& record) const {
+  auto const key = keyFor(record->getLocation());
+  if (!key.hasParent()) return;
+  CacheLock lock(*this);
+  auto parent = folderIndex_.findExact(keyFor(key.getParent()));
+  if (parent == folders_.end() || isUnbuiltListing(parent->second)) return;
+  if (parent->second->getFileMetadata(key, true) == record) return;
+  parent->second->removeFileMetadata(key, true);
+  parent->second->addFileMetadata(record, false);
+}
+
 void MetadataCache::addFolderMetadata(std::shared_ptr<FolderMetadata> record) const {
   auto const key = record->getLocation();
   auto get = [this](StorageIRI const& folder, bool create) { return doGetFolderContainer(folder, create); };
@@ -873,8 +884,22 @@ void MetadataCache::addFrozenEntries() const {
   for (auto const& [key, saved] : frozen_) {
     bool present = false;
     try {
-      present = saved.index() == 1 ? doGetFolderMetadataFromCache(key) != nullptr
-                                   : doGetFileMetadataFromCache(key) != nullptr;
+      if (saved.index() == 1) {
+        present = doGetFolderMetadataFromCache(key) != nullptr;
+      } else if (auto const listed = doGetFileMetadataFromCache(key)) {
+        present = true;
+        auto const& file = std::get<0>(saved);
+        if (listed != file && file->isFrozen()) {
+          // The store listed the file, but a change of the overlay's own (a write still
+          // on its way) is newer than what the store has: the local record stays, so
+          // that the file's content entry, which shares it, is not taken for stale.
+          auto parent = folderIndex_.findExact(keyFor(key.getParent()));
+          if (parent != folders_.end()) {
+            parent->second->removeFileMetadata(key, true);
+            parent->second->addFileMetadata(file, false);
+          }
+        }
+      }
     } catch (...) {
       getLogger().log(Severity::Diagnostic, "Exception caught: " + describeCurrentException());
       present = false;

@@ -18,7 +18,10 @@
 // freshly listed tree at the next folder access, so that the overlay's own changes that
 // the inner store has not received yet survive changes reported from elsewhere. The
 // provider thaws records once the inner store has accepted the change; a thawed record is
-// ordinary cache content.
+// ordinary cache content. A saved file record that is still frozen also replaces the
+// record the new listing made for the same file (the store lists the file, but not yet
+// the overlay's write to it): a file being written keeps its local record, which its
+// content entry shares, rather than having the entry dropped as older than the store.
 //
 // Pace of invalidation. `enqueueInvalidationProcess` (cheap, for event threads) only
 // records the IRI. Almost every public operation starts by working off pending
@@ -146,6 +149,10 @@ class MetadataCache {
   // Adds a record made elsewhere (the parent is stamped with the record's time). A folder
   // gets a plain entry, or keeps its existing entry, which then holds `record`.
   void addFileMetadata(std::shared_ptr<FileMetadata> record) const;
+  // Makes `record` the one its cached parent folder holds for the file, replacing another
+  // record of the same file (the parent is not stamped); nothing when the parent is not
+  // cached, or is still being listed.
+  void putFileMetadata(std::shared_ptr<FileMetadata> const& record) const;
   void addFolderMetadata(std::shared_ptr<FolderMetadata> record) const;
   // Drops the file from its cached parent (stamping the parent with the current time)
   // and forgets its frozen snapshot entry; nothing else when the parent is not cached.

@@ -751,8 +751,17 @@ fsp::ByteStreamPtr OverlayProvider::openThroughCache(StorageIRI const& iri, Stor
   contentCache_->invalidateOldEntry(inner, record->getWatermark(), false);
   auto entry = contentCache_->retrieveEntry(inner, inner_, record, executorHandle_, quota_, timedLatch_,
                                             workingFileEntryParams(), shutDown_);
-  if (options) return std::make_unique<WorkingFileByteStream>(entry, *options);
-  return WorkingFileByteStream::openReadOnly(entry);
+  if (!options) return WorkingFileByteStream::openReadOnly(entry);
+  auto stream = std::make_unique<WorkingFileByteStream>(entry, *options);
+  // What this stream writes is the overlay's own change until the close path has put it
+  // into the store (which thaws the record): a folder listed again meanwhile keeps this
+  // record instead of the store's older one.
+  auto const written = entry->getMetadata();
+  written->freeze();
+  // An entry made before the folder was last listed holds an older record object than
+  // the folder does; the folder must show (and keep) the one the writes go to.
+  if (written != record) metadataCache_->putFileMetadata(written);
+  return stream;
 }
 
 fsp::ByteStreamPtr OverlayProvider::doOpenStream(StorageIRI const& iri, fsp::ByteStreamOpenOptions const& options) const {
@@ -857,8 +866,18 @@ void OverlayProvider::doFlushFilesystemImpl() const {
   } else {
     getLogger().log(Severity::Error, "BackgroundExecutor should be in an initialized state.");
   }
-  dropContentCache();
-  metadataCache_->invalidateAll();
+  // A stream still open for writing holds changes that are not in the store yet (what it
+  // has written since its last payload, and its close): emptying the caches now would
+  // leave it with an entry the cache no longer knows and the folder listed again from
+  // the store's older state. The caches are then kept; the queue is drained all the same.
+  bool writing = false;
+  updateContentCache([&] { writing = contentCache_->hasEntryOpenForWriting(); });
+  if (writing) {
+    getLogger().log(Severity::Debug, "Caches kept: a stream is open for writing");
+  } else {
+    dropContentCache();
+    metadataCache_->invalidateAll();
+  }
   auto const elapsed =
       std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start).count();
   getLogger().log(Severity::Debug, "Flush took " + std::to_string(elapsed) + "ms");

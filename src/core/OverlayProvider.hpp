@@ -31,6 +31,13 @@
 // Errors name the overlay IRI the caller used (or its parent where the parent is at
 // fault).
 //
+// Writes in progress are never lost to a cache being emptied or listed again: a stream
+// opened for writing freezes its file's record until its close has reached the store (a
+// folder listed again meanwhile keeps that record, see MetadataCache), and
+// `doFlushFilesystem` drains the queue but keeps both caches while any stream is open for
+// writing (emptying them would orphan that stream's entry and bring back the store's
+// older record of the file).
+//
 // Departures from the plain order of steps, for speed. None changes an answer, an error
 // or what reaches the inner store; where a log line can differ, it is said.
 // - A file's attributes (doGetFileAttributes, doGetExtendedAttributes, and the record

@@ -633,23 +633,19 @@ void OverlayModelTest::run(long latchMillis, bool flushMidRound) {
 
 // Event handling stays paused for the whole run: the store's echoes of the overlay's own
 // changes are collected, never acted on. (Acting on them while changes are still queued
-// loses writes; see the disabled test below.)
+// is the disabled variant below.)
 TEST_F(OverlayModelTest, ThreadsInTheirOwnFoldersLeaveStoreAndOverlayAsTheirModelsSay) { run(600000, false); }
 
 // The same with a latch that reopens a millisecond after the overlay's last change, so
-// that the echoes of its own changes invalidate folders while other changes are queued.
-// Fails: a folder listed again while a file in it has write-behind queued takes the
-// store's older record of the file (listings and sizes show the old size), and once the
-// write-behind has reached the store the file's cached content is dropped; later reads
-// return the old content and later writes beyond the old end overwrite written bytes
-// with zeros (see OverlayFaultsTest.DISABLED_AWriteQueuedWhileItsFolderIsListedAgainKeepsItsBytes).
+// that the echoes of its own changes invalidate folders while other changes are queued;
+// and the same with a flush by one thread now and then while the others work. Both lost
+// written bytes before streams opened for writing froze their records and flushes kept
+// the caches while streams write (see OverlayFaultsTest.AWriteQueuedWhileItsFolderIs-
+// ListedAgainKeepsItsBytes and AFlushWhileAStreamIsOpenKeepsItsWrites). Still failing for
+// about one seed in four: a listing taken while a folder is listed again right as a
+// stream opens for writing shows the store's size of that file (e.g. "f4: 0" where the
+// model has 7432) until the next listing; kept disabled until that race is closed.
 TEST_F(OverlayModelTest, DISABLED_ThreadsInTheirOwnFoldersWithEventsActedOnAtOnce) { run(1, false); }
-
-// The same with a flush by one thread now and then while the others work. Fails: a flush
-// empties both caches while other threads hold streams with unsent writes or have
-// write-behind queued after the flush's wait; the records listed again from the store
-// are older than those writes, and the same loss follows (see
-// OverlayFaultsTest.DISABLED_AFlushWhileAStreamIsOpenKeepsItsWrites).
 TEST_F(OverlayModelTest, DISABLED_ThreadsInTheirOwnFoldersWithFlushesInBetween) { run(600000, true); }
 
 }  // namespace
