@@ -74,6 +74,11 @@ void ContentCache::setCacheSpaceArbitrator(std::unique_ptr<ICacheSpaceArbitrator
   arbitratorIsOwn_ = false;
 }
 
+void ContentCache::setFlushesWaiting(std::shared_ptr<std::atomic<int> const> flushesWaiting) {
+  std::lock_guard lock(mutex_);
+  flushesWaiting_ = std::move(flushesWaiting);
+}
+
 // ---- initialization ------------------------------------------------------------------------
 
 fl::filesystem::path ContentCache::doGetDataDirectory() const {
@@ -190,6 +195,7 @@ std::shared_ptr<WorkingFileEntry> ContentCache::retrieveEntry(
                                                  std::move(params), shutdownFlag, entryTiming_);
       if (!checkoutPath.empty()) madePaths_.insert(std::move(checkoutPath));
     }
+    entry->setFlushesWaiting(flushesWaiting_);
     entries_[location] = entry;
     return entry;
   } catch (...) {

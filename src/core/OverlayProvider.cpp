@@ -95,6 +95,7 @@ OverlayProvider::OverlayProvider(StorageItem inner, std::unique_ptr<ContentCache
       executorHandle_(std::make_shared<SwitchableExecutor>()),
       wrappedRoot_(wrappedRootOf(inner_->getLocation())) {
   executorHandle_->set(executor_);
+  contentCache_->setFlushesWaiting(flushesWaiting_);
 }
 
 OverlayProvider::~OverlayProvider() {
@@ -862,6 +863,13 @@ void OverlayProvider::doFlushFilesystemImpl() const {
   getLogger().log(Severity::Debug, "Flushing filesystem");
   auto const start = std::chrono::steady_clock::now();
   if (auto executor = this->executor()) {
+    // While this flush waits, close transactions leave out reading attributes back into
+    // records that the flush drops right after (see WorkingFileEntry).
+    struct Waiting {
+      explicit Waiting(std::atomic<int>& count) : count_(count) { count_.fetch_add(1); }
+      ~Waiting() { count_.fetch_sub(1); }
+      std::atomic<int>& count_;
+    } waiting(*flushesWaiting_);
     executor->waitForPendingToFinish();
   } else {
     getLogger().log(Severity::Error, "BackgroundExecutor should be in an initialized state.");

@@ -889,12 +889,20 @@ void WorkingFileEntry::runProviderClose(fsp::StorageIRI const& location, std::sh
   } catch (...) {
     logFailure("Exception during attempt to set last modified time");
   }
-  try {
-    metadata->withExtendedAttributes(item.getExtendedAttributes());
-  } catch (...) {
-    logFailure("Unexpected exception during attempt to update extended attributes");
+  // While a flush waits for the queue, the record is about to be dropped with the whole
+  // metadata cache: attributes read into it now would never be seen.
+  if (!flushesWaiting_ || flushesWaiting_->load() <= 0) {
+    try {
+      metadata->withExtendedAttributes(item.getExtendedAttributes());
+    } catch (...) {
+      logFailure("Unexpected exception during attempt to update extended attributes");
+    }
   }
   metadata->thaw();
+}
+
+void WorkingFileEntry::setFlushesWaiting(std::shared_ptr<std::atomic<int> const> flushesWaiting) {
+  flushesWaiting_ = std::move(flushesWaiting);
 }
 
 std::shared_ptr<WorkingFileEntry::DurabilityHandle> WorkingFileEntry::stampCacheFile() {
@@ -968,10 +976,12 @@ std::shared_ptr<WorkingFileEntry> WorkingFileEntry::copy(std::shared_ptr<FileMet
     initialCachePosition = initialCachePosition_;
   }
   auto item = std::make_shared<fsp::StorageItem>(*innerItem_, newMetadata->getLocation().getPath());
-  return std::make_shared<WorkingFileEntry>(cacheDirectory_, std::move(newMetadata), std::move(item), executor_,
-                                            quotaAccountant_, latch_, checkoutPath,
-                                            std::streampos(static_cast<std::streamoff>(initialCachePosition)), params_,
-                                            shutdownFlag_, timing_);
+  auto copied = std::make_shared<WorkingFileEntry>(cacheDirectory_, std::move(newMetadata), std::move(item), executor_,
+                                                   quotaAccountant_, latch_, checkoutPath,
+                                                   std::streampos(static_cast<std::streamoff>(initialCachePosition)),
+                                                   params_, shutdownFlag_, timing_);
+  copied->setFlushesWaiting(flushesWaiting_);
+  return copied;
 }
 
 void WorkingFileEntry::moveToNewLocation(fsp::StorageIRI newLocation, std::shared_ptr<FileMetadata> newMetadata) {

@@ -260,6 +260,20 @@ TEST_F(OverlayOperationsTest, AttributeQueriesMakeNoContentEntryAndSeeTheLocalCo
             std::make_pair(ErrorCode::DoesNotExist, at(u"/d/a.txt")));
 }
 
+TEST_F(OverlayOperationsTest, AfterAFlushTheAttributesOfWrittenFilesAreTheStores) {
+  for (auto const* path : {u"/w1.txt", u"/w2.txt", u"/w3.txt"}) write(path, "written");
+  provider->doFlushFilesystem();
+  for (auto const* path : {u"/w1.txt", u"/w2.txt", u"/w3.txt"}) {
+    auto const theirs = StorageItem(store, StorageIRI(store->root(), path)).getExtendedAttributes();
+    auto const ours = provider->doGetExtendedAttributes(at(path));
+    ASSERT_TRUE(ours.hasAttribute("WATERMARK"));
+    EXPECT_EQ(boost::any_cast<std::string>(ours.getAttribute("WATERMARK")),
+              boost::any_cast<std::string>(theirs.getAttribute("WATERMARK")));
+    EXPECT_EQ(provider->doGetFileAttributes(at(path)).getLastModified(),
+              StorageItem(store, StorageIRI(store->root(), path)).getFileAttributes().getLastModified());
+  }
+}
+
 TEST_F(OverlayOperationsTest, AFileOpenForWritingCannotBeRemoved) {
   MemoryProvider::Options options;
   options.features = {fsp::ExtendedFeature::RemoveFilesOpenForReading};

@@ -7,6 +7,7 @@
 
 #include <core/BackendExecutor.hpp>
 #include <core/FilesystemCacheResource.hpp>
+#include <core/LazyExtendedAttributes.hpp>
 
 #include <foundation/log/MemorySink.hpp>
 #include <foundation/log/Severity.hpp>
@@ -186,6 +187,47 @@ TEST_F(WorkingFileEntryTest, ClosingStampsTheCacheFileBeforeTheCloseTransactionR
   EXPECT_EQ(readWholeFile(entry->getCheckoutPath()), "hello world");
   EXPECT_EQ(cacheFileSeconds(), seconds(later));
   EXPECT_FALSE(entry->isOpen());
+}
+
+TEST_F(WorkingFileEntryTest, TheCloseReadsAttributesBackUnlessAFlushIsAboutToDropTheRecord) {
+  auto executor = std::make_shared<RecordingExecutor>();
+  auto record = metadataFor(u"/attrs");
+  auto entry = makeEntry(u"/attrs", WorkingFileEntryParams(4096, 4096), executor, {}, record);
+  auto flushesWaiting = std::make_shared<std::atomic<int>>(1);
+  entry->setFlushesWaiting(flushesWaiting);
+  auto const storeWatermark = [&] { return ovl::LazyExtendedAttributes::watermarkOf(fsp::StorageItem(store, iriOf(u"/attrs")).getExtendedAttributes()); };
+
+  // While a flush waits: the time is set on the inner file, the attributes are not read.
+  entry->openReadWrite({});
+  entry->write(0, "first", 5);
+  record->freeze();
+  entry->flushContentCache();
+  executor->runAll();
+  EXPECT_EQ(storeContent(u"/attrs"), "first");
+  EXPECT_EQ(store->calls(Operation::SetLastModified), 1u);
+  EXPECT_EQ(store->calls(Operation::GetExtendedAttributes), 0u);
+  EXPECT_FALSE(record->getExtendedAttributes().hasAttribute("WATERMARK"));
+  EXPECT_FALSE(record->isFrozen()) << "thawed all the same";
+
+  // Otherwise the record takes the inner file's attributes, watermark included.
+  flushesWaiting->store(0);
+  entry->openReadWrite({});
+  entry->write(5, " second", 7);
+  entry->flushContentCache();
+  executor->runAll();
+  EXPECT_EQ(storeContent(u"/attrs"), "first second");
+  EXPECT_EQ(store->calls(Operation::GetExtendedAttributes), 1u);
+  EXPECT_EQ(record->getWatermark(), storeWatermark());
+
+  // A copy takes the count over.
+  flushesWaiting->store(1);
+  auto copyRecord = metadataFor(u"/copy");
+  auto copy = entry->copy(copyRecord);
+  copy->openReadWrite({});
+  copy->write(0, "c", 1);
+  copy->flushContentCache();
+  executor->runAll();
+  EXPECT_EQ(store->calls(Operation::GetExtendedAttributes), 2u) << "one by the close above, one by the test";
 }
 
 TEST_F(WorkingFileEntryTest, PayloadWeightIsMegabytesPlusTheMinimum) {
