@@ -74,9 +74,9 @@ void ContentCache::setCacheSpaceArbitrator(std::unique_ptr<ICacheSpaceArbitrator
   arbitratorIsOwn_ = false;
 }
 
-void ContentCache::setFlushesWaiting(std::shared_ptr<std::atomic<int> const> flushesWaiting) {
+void ContentCache::setFlushAttributeReads(std::shared_ptr<FlushAttributeReads> reads) {
   std::lock_guard lock(mutex_);
-  flushesWaiting_ = std::move(flushesWaiting);
+  flushReads_ = std::move(reads);
 }
 
 // ---- initialization ------------------------------------------------------------------------
@@ -195,7 +195,7 @@ std::shared_ptr<WorkingFileEntry> ContentCache::retrieveEntry(
                                                  std::move(params), shutdownFlag, entryTiming_);
       if (!checkoutPath.empty()) madePaths_.insert(std::move(checkoutPath));
     }
-    entry->setFlushesWaiting(flushesWaiting_);
+    entry->setFlushAttributeReads(flushReads_);
     entries_[location] = entry;
     return entry;
   } catch (...) {

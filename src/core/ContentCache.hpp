@@ -95,9 +95,9 @@ class ContentCache {
   // Installs `arbitrator`, replacing any present one; with one installed before the first
   // operation, no LocalFSCacheSpaceArbitrator is made. Takes `mutex_`.
   void setCacheSpaceArbitrator(std::unique_ptr<ICacheSpaceArbitrator> arbitrator);
-  // The provider's count of flushes waiting for its queue, handed to every entry made
-  // from now on (WorkingFileEntry::setFlushesWaiting). Takes `mutex_`.
-  void setFlushesWaiting(std::shared_ptr<std::atomic<int> const> flushesWaiting);
+  // The provider's FlushAttributeReads, handed to every entry made from now on
+  // (WorkingFileEntry::setFlushAttributeReads). Takes `mutex_`.
+  void setFlushAttributeReads(std::shared_ptr<FlushAttributeReads> reads);
 
   // Makes sure the data directory exists and the arbitrator is installed (see above).
   // Takes `mutex_`. Throws CachingErrorException("Problem initializing cache root.").
@@ -220,7 +220,7 @@ class ContentCache {
   // The cache files of every entry this cache made with disk caching. A later entry for
   // the same file does not take over what is on disk there (see "Cache files" above).
   mutable std::set<fl::filesystem::path> madePaths_;
-  std::shared_ptr<std::atomic<int> const> flushesWaiting_;  // handed to new entries; may be null
+  std::shared_ptr<FlushAttributeReads> flushReads_;  // handed to new entries; may be null
   // Set by emptyRecycleBin(), taken (exchanged with false) by the next disposal.
   mutable std::atomic<bool> recycleBinEmptyRequested_{false};
 };

@@ -95,7 +95,7 @@ OverlayProvider::OverlayProvider(StorageItem inner, std::unique_ptr<ContentCache
       executorHandle_(std::make_shared<SwitchableExecutor>()),
       wrappedRoot_(wrappedRootOf(inner_->getLocation())) {
   executorHandle_->set(executor_);
-  contentCache_->setFlushesWaiting(flushesWaiting_);
+  contentCache_->setFlushAttributeReads(flushReads_);
 }
 
 OverlayProvider::~OverlayProvider() {
@@ -862,15 +862,18 @@ void OverlayProvider::doFlushFilesystem() {
 void OverlayProvider::doFlushFilesystemImpl() const {
   getLogger().log(Severity::Debug, "Flushing filesystem");
   auto const start = std::chrono::steady_clock::now();
+  // While this flush waits, close transactions hand it their reads of attributes back
+  // into records (see WorkingFileEntry): it drops those records below, or makes the reads.
+  std::vector<FlushAttributeReads::Read> deferredReads;
   if (auto executor = this->executor()) {
-    // While this flush waits, close transactions leave out reading attributes back into
-    // records that the flush drops right after (see WorkingFileEntry).
-    struct Waiting {
-      explicit Waiting(std::atomic<int>& count) : count_(count) { count_.fetch_add(1); }
-      ~Waiting() { count_.fetch_sub(1); }
-      std::atomic<int>& count_;
-    } waiting(*flushesWaiting_);
-    executor->waitForPendingToFinish();
+    flushReads_->beginWaiting();
+    try {
+      executor->waitForPendingToFinish();
+    } catch (...) {
+      for (auto const& read : flushReads_->endWaiting()) read();
+      throw;
+    }
+    deferredReads = flushReads_->endWaiting();
   } else {
     getLogger().log(Severity::Error, "BackgroundExecutor should be in an initialized state.");
   }
@@ -881,6 +884,7 @@ void OverlayProvider::doFlushFilesystemImpl() const {
   bool writing = false;
   updateContentCache([&] { writing = contentCache_->hasEntryOpenForWriting(); });
   if (writing) {
+    for (auto const& read : deferredReads) read();
     getLogger().log(Severity::Debug, "Caches kept: a stream is open for writing");
   } else {
     dropContentCache();

@@ -889,20 +889,38 @@ void WorkingFileEntry::runProviderClose(fsp::StorageIRI const& location, std::sh
   } catch (...) {
     logFailure("Exception during attempt to set last modified time");
   }
-  // While a flush waits for the queue, the record is about to be dropped with the whole
-  // metadata cache: attributes read into it now would never be seen.
-  if (!flushesWaiting_ || flushesWaiting_->load() <= 0) {
+  auto read = [metadata, item] {
     try {
       metadata->withExtendedAttributes(item.getExtendedAttributes());
     } catch (...) {
       logFailure("Unexpected exception during attempt to update extended attributes");
     }
-  }
+  };
+  // While a flush waits for the queue, the read is the flush's to make or to forget.
+  if (!flushReads_ || !flushReads_->defer(read)) read();
   metadata->thaw();
 }
 
-void WorkingFileEntry::setFlushesWaiting(std::shared_ptr<std::atomic<int> const> flushesWaiting) {
-  flushesWaiting_ = std::move(flushesWaiting);
+void WorkingFileEntry::setFlushAttributeReads(std::shared_ptr<FlushAttributeReads> reads) {
+  flushReads_ = std::move(reads);
+}
+
+void FlushAttributeReads::beginWaiting() {
+  std::lock_guard lock(mutex_);
+  ++waiting_;
+}
+
+bool FlushAttributeReads::defer(Read read) {
+  std::lock_guard lock(mutex_);
+  if (waiting_ <= 0) return false;
+  deferred_.push_back(std::move(read));
+  return true;
+}
+
+std::vector<FlushAttributeReads::Read> FlushAttributeReads::endWaiting() {
+  std::lock_guard lock(mutex_);
+  if (waiting_ > 0) --waiting_;
+  return std::exchange(deferred_, {});
 }
 
 std::shared_ptr<WorkingFileEntry::DurabilityHandle> WorkingFileEntry::stampCacheFile() {
@@ -980,7 +998,7 @@ std::shared_ptr<WorkingFileEntry> WorkingFileEntry::copy(std::shared_ptr<FileMet
                                                    quotaAccountant_, latch_, checkoutPath,
                                                    std::streampos(static_cast<std::streamoff>(initialCachePosition)),
                                                    params_, shutdownFlag_, timing_);
-  copied->setFlushesWaiting(flushesWaiting_);
+  copied->setFlushAttributeReads(flushReads_);
   return copied;
 }
 

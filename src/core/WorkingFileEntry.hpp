@@ -39,12 +39,17 @@
 //   time stamp written right after it; and it is skipped when nothing was stored in the
 //   cache file since the last sync.
 // - While a flush of the provider waits for the queue to drain, a FILE_CLOSE
-//   transaction skips reading the file's extended attributes back into the record: once
-//   the queue has drained, the flush drops every record of the metadata cache (and every
-//   entry of the content cache), so the attributes read would never be seen. Until then
-//   the record shows the attributes it had, as it would if the read had not come yet;
-//   afterwards the file's attributes are listed afresh from the inner store. The
-//   last-modified time is still set on the inner file. Why: each such read is a call of
+//   transaction hands its reading of the file's extended attributes back into the record
+//   to the flush (FlushAttributeReads) instead of making it. Once the queue has drained,
+//   the flush either drops every record of the metadata cache and every entry of the
+//   content cache, and the reads are never made: nobody could see what they would have
+//   read, and the files' attributes are listed afresh from the inner store; or it keeps
+//   the caches (a stream is open for writing) and makes the reads before it returns.
+//   Until then a record shows the attributes it had, as it would if the read had not come
+//   yet. The last-modified time is still set on the inner file in the transaction. A read
+//   made by a flush that keeps the caches comes after the queue's later work, so a file
+//   moved or removed meanwhile makes it fail and log its failure, which the read made in
+//   place would not have. Why: each such read is a call of
 //   the inner store (20 ms over the benchmark's throttle) that a flush after many small
 //   files paid once per file. Measured with overlay_bench (BM_CreateSmallFilesOverlay,
 //   flush_s, 100 files; the store used directly takes 2.0 s to create them): 5.4 to 6.1 s
@@ -145,6 +150,31 @@ struct EntryTiming {
 
   static void realSleep(std::chrono::milliseconds duration);
   static void realWaitUntil(std::unique_lock<std::mutex>& lock, std::condition_variable& cv, TimePoint deadline);
+};
+
+// The reads of files' extended attributes that close transactions leave out while the
+// provider flushes (see "Departures" below). A flush calls beginWaiting() before it waits
+// for its queue and endWaiting() once the queue has drained; a close transaction running
+// in between hands its read to defer() instead of making it. The flush then either drops
+// every record of both caches (the reads are forgotten: nothing could show what they
+// would have read) or keeps the caches and makes the reads itself before it returns.
+// Thread-safe.
+class FlushAttributeReads {
+ public:
+  using Read = std::function<void()>;
+
+  void beginWaiting();
+  // Keeps `read` and returns true while a flush waits; returns false (the caller makes the
+  // read) otherwise.
+  bool defer(Read read);
+  // Ends one flush's wait and hands it the reads deferred so far; those deferred later
+  // belong to a flush still waiting, if any.
+  std::vector<Read> endWaiting();
+
+ private:
+  std::mutex mutex_;  // guards waiting_ and deferred_
+  int waiting_ = 0;
+  std::vector<Read> deferred_;
 };
 
 class WorkingFileEntry : public std::enable_shared_from_this<WorkingFileEntry> {
@@ -372,12 +402,11 @@ class WorkingFileEntry : public std::enable_shared_from_this<WorkingFileEntry> {
   // Adds one to the count of this entry's pending transactions (under pendingMutex_).
   void incrementPendingCounter();
 
-  // The provider's count of flushes now waiting for the queue to drain. While it is above
-  // zero, a FILE_CLOSE transaction does not read the file's extended attributes back
-  // into the record: the flush drops every record of the metadata cache as soon as the
-  // queue has drained (see "Departures" above). Without it (the default) they are always
-  // read. Call before the entry is shared; copies made by copy() take it over.
-  void setFlushesWaiting(std::shared_ptr<std::atomic<int> const> flushesWaiting);
+  // The provider's FlushAttributeReads: while a flush waits for the queue, a FILE_CLOSE
+  // transaction hands its read of the file's extended attributes there instead of making
+  // it (see "Departures" above). Without it (the default) the read is always made. Call
+  // before the entry is shared; copies made by copy() take it over.
+  void setFlushAttributeReads(std::shared_ptr<FlushAttributeReads> reads);
 
   // ---- copies and moves -----------------------------------------------------------------
 
@@ -525,7 +554,7 @@ class WorkingFileEntry : public std::enable_shared_from_this<WorkingFileEntry> {
   std::int64_t sequentialRun_ = 0;      // guarded by prefetchMutex_; bytes fetched in order up to it
   mutable std::mutex prefetchMutex_;    // guards the three above; a leaf, held only briefly
 
-  std::shared_ptr<std::atomic<int> const> flushesWaiting_;  // set before the entry is shared; may be null
+  std::shared_ptr<FlushAttributeReads> flushReads_;  // set before the entry is shared; may be null
 
   std::atomic<std::chrono::steady_clock::time_point> lastAccessTime_;
   std::atomic<bool> invalidationWasTriggered_{false};

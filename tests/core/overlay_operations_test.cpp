@@ -5,6 +5,8 @@
 #include <core/OverlayProvider.hpp>
 #include <core/SynchronousExecutor.hpp>
 
+#include "working_file_test_support.hpp"
+
 #include <foundation/log/MemorySink.hpp>
 #include <foundation/storage/provider/Exception.hpp>
 #include <providers/mem/Gate.hpp>
@@ -272,6 +274,44 @@ TEST_F(OverlayOperationsTest, AfterAFlushTheAttributesOfWrittenFilesAreTheStores
     EXPECT_EQ(provider->doGetFileAttributes(at(path)).getLastModified(),
               StorageItem(store, StorageIRI(store->root(), path)).getFileAttributes().getLastModified());
   }
+}
+
+TEST_F(OverlayOperationsTest, AFlushLeavesOutAttributeReadsOnlyForTheRecordsItDrops) {
+  // A hand-run queue: a flush runs every queued transaction while it waits.
+  auto executor = std::make_shared<overlay_test::RecordingExecutor>();
+  provider = std::make_unique<OverlayProvider>(StorageItem(store, store->root()), executor);
+  auto const storeWatermark = [&](std::u16string const& path) {
+    auto const attributes = StorageItem(store, StorageIRI(store->root(), path)).getExtendedAttributes();
+    return boost::any_cast<std::string>(attributes.getAttribute("WATERMARK"));
+  };
+  auto const ourWatermark = [&](std::u16string const& path) {
+    auto const attributes = provider->doGetExtendedAttributes(at(path));
+    return attributes.hasAttribute("WATERMARK") ? boost::any_cast<std::string>(attributes.getAttribute("WATERMARK"))
+                                                : std::string("<none>");
+  };
+
+  // Dropped: the closes run while the flush waits, and nothing is read back.
+  write(u"/a.txt", "a");
+  write(u"/b.txt", "b");
+  auto reads = store->calls(Operation::GetExtendedAttributes);
+  provider->doFlushFilesystem();
+  EXPECT_EQ(store->calls(Operation::GetExtendedAttributes), reads);
+  EXPECT_TRUE(provider->metadataCache()->cachedFolders().empty()) << "the caches were dropped";
+  EXPECT_EQ(ourWatermark(u"/a.txt"), storeWatermark(u"/a.txt"));
+
+  // Kept, because a stream stays open for writing: the reads left out are made before
+  // the flush returns, so the kept records show the store's attributes.
+  write(u"/c.txt", "c");
+  auto open = provider->doOpenStream(at(u"/d.txt"), {});
+  open->write("d", 1);
+  reads = store->calls(Operation::GetExtendedAttributes);
+  provider->doFlushFilesystem();
+  EXPECT_EQ(store->calls(Operation::GetExtendedAttributes), reads + 1);
+  EXPECT_FALSE(provider->metadataCache()->cachedFolders().empty()) << "the caches were kept";
+  EXPECT_EQ(ourWatermark(u"/c.txt"), storeWatermark(u"/c.txt"));
+  open->close();
+  executor->runAll();
+  EXPECT_EQ(store->elsewhere().contentOf(u"/d.txt"), "d");
 }
 
 TEST_F(OverlayOperationsTest, AFileOpenForWritingCannotBeRemoved) {

@@ -189,12 +189,13 @@ TEST_F(WorkingFileEntryTest, ClosingStampsTheCacheFileBeforeTheCloseTransactionR
   EXPECT_FALSE(entry->isOpen());
 }
 
-TEST_F(WorkingFileEntryTest, TheCloseReadsAttributesBackUnlessAFlushIsAboutToDropTheRecord) {
+TEST_F(WorkingFileEntryTest, TheCloseLeavesItsAttributeReadToAWaitingFlush) {
   auto executor = std::make_shared<RecordingExecutor>();
   auto record = metadataFor(u"/attrs");
   auto entry = makeEntry(u"/attrs", WorkingFileEntryParams(4096, 4096), executor, {}, record);
-  auto flushesWaiting = std::make_shared<std::atomic<int>>(1);
-  entry->setFlushesWaiting(flushesWaiting);
+  auto flushReads = std::make_shared<ovl::FlushAttributeReads>();
+  entry->setFlushAttributeReads(flushReads);
+  flushReads->beginWaiting();
   auto const storeWatermark = [&] { return ovl::LazyExtendedAttributes::watermarkOf(fsp::StorageItem(store, iriOf(u"/attrs")).getExtendedAttributes()); };
 
   // While a flush waits: the time is set on the inner file, the attributes are not read.
@@ -208,26 +209,33 @@ TEST_F(WorkingFileEntryTest, TheCloseReadsAttributesBackUnlessAFlushIsAboutToDro
   EXPECT_EQ(store->calls(Operation::GetExtendedAttributes), 0u);
   EXPECT_FALSE(record->getExtendedAttributes().hasAttribute("WATERMARK"));
   EXPECT_FALSE(record->isFrozen()) << "thawed all the same";
+  // The flush takes the read over; made, it reads the attributes then.
+  auto deferred = flushReads->endWaiting();
+  ASSERT_EQ(deferred.size(), 1u);
+  EXPECT_TRUE(flushReads->endWaiting().empty()) << "handed over once";
+  deferred.front()();
+  EXPECT_EQ(store->calls(Operation::GetExtendedAttributes), 1u);
+  EXPECT_EQ(record->getWatermark(), storeWatermark());
 
-  // Otherwise the record takes the inner file's attributes, watermark included.
-  flushesWaiting->store(0);
+  // Otherwise the record takes the inner file's attributes at once.
   entry->openReadWrite({});
   entry->write(5, " second", 7);
   entry->flushContentCache();
   executor->runAll();
   EXPECT_EQ(storeContent(u"/attrs"), "first second");
-  EXPECT_EQ(store->calls(Operation::GetExtendedAttributes), 1u);
+  EXPECT_EQ(store->calls(Operation::GetExtendedAttributes), 3u) << "the close's, after the two above";
   EXPECT_EQ(record->getWatermark(), storeWatermark());
 
-  // A copy takes the count over.
-  flushesWaiting->store(1);
+  // A copy hands its reads to the same flush.
+  flushReads->beginWaiting();
   auto copyRecord = metadataFor(u"/copy");
   auto copy = entry->copy(copyRecord);
   copy->openReadWrite({});
   copy->write(0, "c", 1);
   copy->flushContentCache();
   executor->runAll();
-  EXPECT_EQ(store->calls(Operation::GetExtendedAttributes), 2u) << "one by the close above, one by the test";
+  EXPECT_EQ(store->calls(Operation::GetExtendedAttributes), 4u);
+  EXPECT_EQ(flushReads->endWaiting().size(), 1u);
 }
 
 TEST_F(WorkingFileEntryTest, PayloadWeightIsMegabytesPlusTheMinimum) {
