@@ -203,6 +203,16 @@ decltype(auto) OverlayProvider::forwarding(StorageIRI const& iri, Call&& call) c
   }
 }
 
+void OverlayProvider::lazyInitialize(StorageIRI const& iri) const {
+  try {
+    lazyInitialize();
+  } catch (Exception const& e) {
+    // The store failed wherever the initialization touched it (its root): for the
+    // caller, the operation on its own item failed.
+    throw Exception(e.getErrorCode(), iri, e.getDetail());
+  }
+}
+
 // --- Helpers of the operations ------------------------------------------------------
 
 WorkingFileEntryParams OverlayProvider::workingFileEntryParams() const {
@@ -377,7 +387,7 @@ void OverlayProvider::requireWritableParent(StorageIRI const& iri, StorageIRI co
 
 void OverlayProvider::doCreateFile(StorageIRI const& iri) const {
   OVERLAY_TRACE_IRI(iri);
-  lazyInitialize();
+  lazyInitialize(iri);
   metadataCache_->waitForFuturePopulationToFinish();
   auto const inner = innerMostOf(iri);
   triggerLatch();
@@ -395,7 +405,7 @@ void OverlayProvider::doCreateFile(StorageIRI const& iri) const {
 
 void OverlayProvider::doCreateFolder(StorageIRI const& iri) const {
   OVERLAY_TRACE_IRI(iri);
-  lazyInitialize();
+  lazyInitialize(iri);
   metadataCache_->waitForFuturePopulationToFinish();
   auto const inner = innerMostOf(iri);
   triggerLatch();
@@ -413,7 +423,7 @@ void OverlayProvider::doCreateFolder(StorageIRI const& iri) const {
 
 void OverlayProvider::doCreateFolderRecursive(StorageIRI const& iri) const {
   OVERLAY_TRACE_IRI(iri);
-  lazyInitialize();
+  lazyInitialize(iri);
   metadataCache_->waitForFuturePopulationToFinish();
   auto const inner = innerMostOf(iri);
   triggerLatch();
@@ -444,7 +454,7 @@ void OverlayProvider::doCreateFolderRecursive(StorageIRI const& iri) const {
 
 void OverlayProvider::doRemoveFile(StorageIRI const& iri) const {
   OVERLAY_TRACE_IRI(iri);
-  lazyInitialize();
+  lazyInitialize(iri);
   metadataCache_->waitForFuturePopulationToFinish();
   auto const inner = innerMostOf(iri);
   triggerLatch();
@@ -464,7 +474,7 @@ void OverlayProvider::doRemoveFile(StorageIRI const& iri) const {
 
 void OverlayProvider::doRemoveFolder(StorageIRI const& iri) const {
   OVERLAY_TRACE_IRI(iri);
-  lazyInitialize();
+  lazyInitialize(iri);
   metadataCache_->waitForFuturePopulationToFinish();
   auto const inner = innerMostOf(iri);
   triggerLatch();
@@ -483,7 +493,7 @@ void OverlayProvider::doRemoveFolder(StorageIRI const& iri) const {
 
 void OverlayProvider::doRemoveFolderRecursively(StorageIRI const& iri) const {
   OVERLAY_TRACE_IRI(iri);
-  lazyInitialize();
+  lazyInitialize(iri);
   metadataCache_->waitForFuturePopulationToFinish();
   auto const inner = innerMostOf(iri);
   triggerLatch();
@@ -568,7 +578,7 @@ void OverlayProvider::doMoveFolder(StorageIRI const& src, StorageIRI const& dst,
 
 void OverlayProvider::doSetLastModified(StorageIRI const& iri, boost::posix_time::ptime const& time) const {
   OVERLAY_TRACE_IRI(iri);
-  lazyInitialize();
+  lazyInitialize(iri);
   metadataCache_->waitForFuturePopulationToFinish();
   auto const inner = innerMostOf(iri);
   triggerLatch();
@@ -588,7 +598,7 @@ void OverlayProvider::doSetLastModified(StorageIRI const& iri, boost::posix_time
 
 void OverlayProvider::doSetWritable(StorageIRI const& iri, bool writable) const {
   OVERLAY_TRACE_IRI(iri);
-  lazyInitialize();
+  lazyInitialize(iri);
   metadataCache_->waitForFuturePopulationToFinish();
   auto const inner = innerMostOf(iri);
   triggerLatch();
@@ -641,7 +651,7 @@ void OverlayProvider::doCopyFile(StorageIRI const& src, StorageIRI const& dst, f
 
 bool OverlayProvider::doFileExists(StorageIRI const& iri) const {
   OVERLAY_TRACE_IRI(iri);
-  lazyInitialize();
+  lazyInitialize(iri);
   awaitPopulation();
   auto const inner = innerMostOf(iri);
   auto lock = pathLocks_.acquire(inner);
@@ -650,7 +660,7 @@ bool OverlayProvider::doFileExists(StorageIRI const& iri) const {
 
 bool OverlayProvider::doFolderExists(StorageIRI const& iri) const {
   OVERLAY_TRACE_IRI(iri);
-  lazyInitialize();
+  lazyInitialize(iri);
   awaitPopulation();
   auto const inner = innerMostOf(iri);
   auto lock = pathLocks_.acquire(inner);
@@ -659,7 +669,7 @@ bool OverlayProvider::doFolderExists(StorageIRI const& iri) const {
 
 fsp::FileAttributes OverlayProvider::doGetFileAttributes(StorageIRI const& iri) const {
   OVERLAY_TRACE_IRI(iri);
-  lazyInitialize();
+  lazyInitialize(iri);
   awaitPopulation();
   auto const inner = innerMostOf(iri);
   auto lock = pathLocks_.acquire(inner);
@@ -670,7 +680,7 @@ fsp::FileAttributes OverlayProvider::doGetFileAttributes(StorageIRI const& iri) 
 
 fsp::FolderAttributes OverlayProvider::doGetFolderAttributes(StorageIRI const& iri) const {
   OVERLAY_TRACE_IRI(iri);
-  lazyInitialize();
+  lazyInitialize(iri);
   awaitPopulation();
   auto const inner = innerMostOf(iri);
   auto lock = pathLocks_.acquire(inner);
@@ -681,7 +691,7 @@ fsp::FolderAttributes OverlayProvider::doGetFolderAttributes(StorageIRI const& i
 
 fsp::ExtendedAttributes OverlayProvider::doGetExtendedAttributes(StorageIRI const& iri) const {
   OVERLAY_TRACE_IRI(iri);
-  lazyInitialize();
+  lazyInitialize(iri);
   awaitPopulation();
   auto const inner = innerMostOf(iri);
   auto lock = pathLocks_.acquire(inner);
@@ -767,7 +777,7 @@ fsp::ByteStreamPtr OverlayProvider::openThroughCache(StorageIRI const& iri, Stor
 
 fsp::ByteStreamPtr OverlayProvider::doOpenStream(StorageIRI const& iri, fsp::ByteStreamOpenOptions const& options) const {
   OVERLAY_TRACE_IRI(iri);
-  lazyInitialize();
+  lazyInitialize(iri);
   metadataCache_->waitForFuturePopulationToFinish();
   auto const inner = innerMostOf(iri);
   if (!fallback_.load(std::memory_order_acquire)) {
@@ -785,7 +795,7 @@ fsp::ByteStreamPtr OverlayProvider::doOpenStream(StorageIRI const& iri, fsp::Byt
 
 fsp::ByteStreamPtr OverlayProvider::doOpenReadOnlyStream(StorageIRI const& iri) const {
   OVERLAY_TRACE_IRI(iri);
-  lazyInitialize();
+  lazyInitialize(iri);
   awaitPopulation();
   auto const inner = innerMostOf(iri);
   if (!fallback_.load(std::memory_order_acquire)) {
@@ -807,7 +817,7 @@ void OverlayProvider::doPublishFolderEventsFor(StorageIRI const& iri, foundation
                                                std::vector<foundation::storage::events::Kind> const& kinds,
                                                foundation::storage::events::RecursiveFileWatching recursive) const {
   OVERLAY_TRACE_IRI(iri);
-  lazyInitialize();
+  lazyInitialize(iri);
   auto item = innerItemFor(iri);
   forwarding(iri, [&] { item.publishFolderEvents(callback, kinds, recursive); });
 }
@@ -815,14 +825,14 @@ void OverlayProvider::doPublishFolderEventsFor(StorageIRI const& iri, foundation
 void OverlayProvider::doPublishFileEventsFor(StorageIRI const& iri,
                                              foundation::storage::events::Callback const& callback) const {
   OVERLAY_TRACE_IRI(iri);
-  lazyInitialize();
+  lazyInitialize(iri);
   auto item = innerItemFor(iri);
   forwarding(iri, [&] { item.publishFileEvents(callback); });
 }
 
 void OverlayProvider::doStopPublishingEventsFor(StorageIRI const& iri) const {
   OVERLAY_TRACE_IRI(iri);
-  lazyInitialize();
+  lazyInitialize(iri);
   auto const inner = innerMostOf(iri);
   auto item = innerItemFor(iri);
   forwarding(iri, [&] {
@@ -841,7 +851,7 @@ bool OverlayProvider::doHasFeature(fsp::ExtendedFeature const& feature) const {
 
 fsp::ProviderStorageInfo OverlayProvider::doGetProviderStorageInfo(StorageIRI const& iri) const {
   OVERLAY_TRACE_IRI(iri);
-  lazyInitialize();
+  lazyInitialize(iri);
   triggerLatch();
   auto const capacity = quota_ ? quota_->getTotalCapacity() : std::nullopt;
   auto const available = quota_ ? quota_->getSpaceAvailable() : std::nullopt;
@@ -897,7 +907,7 @@ void OverlayProvider::doFlushFilesystemImpl() const {
 
 void OverlayProvider::doInvalidate(StorageIRI const& iri) {
   OVERLAY_TRACE_IRI(iri);
-  lazyInitialize();
+  lazyInitialize(iri);
   metadataCache_->waitForFuturePopulationToFinish();
   auto root = innerMostOf(iri).withPath(u"/");
   auto lock = pathLocks_.acquire(root);

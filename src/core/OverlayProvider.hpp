@@ -178,6 +178,9 @@ class OverlayProvider : public fsp::IConfigurableProvider,
   // synchronous mode); safe to call from many threads. If a step throws, the next call
   // tries again.
   void lazyInitialize() const;
+  // The same for an operation on `iri`: a store failure that stops the initialization
+  // names `iri` (the caller's overlay IRI), as every error of the operation does.
+  void lazyInitialize(StorageIRI const& iri) const;
 
   // The parameters every new working file entry is made with, from the configuration.
   WorkingFileEntryParams workingFileEntryParams() const;

@@ -317,10 +317,10 @@ TEST_F(OverlayFaultsTest, AnOverlayThatNeverReachedItsStoreShutsDown) {
   EXPECT_TRUE(store->elsewhere().snapshot().empty());
 }
 
-// The provider promises that errors name the overlay IRI the caller used. An operation
-// whose lazy initialization fails because the store fails passes on the store's
-// Exception unchanged, naming the store's root ("mem://s1/") instead.
-TEST_F(OverlayFaultsTest, DISABLED_FailuresOfTheFirstOperationNameTheCallersIRI) {
+// Errors name the overlay IRI the caller used, also when the operation's lazy
+// initialization is what fails because the store fails (it used to pass on the store's
+// Exception naming the store's root, "mem://s1/").
+TEST_F(OverlayFaultsTest, FailuresOfTheFirstOperationNameTheCallersIRI) {
   failEveryCall();
   EXPECT_EQ(failure([&] { provider->doFileExists(at(u"/d/a.txt")); }).second, at(u"/d/a.txt"));
   EXPECT_EQ(failure([&] { provider->doCreateFile(at(u"/d/b.txt")); }).second, at(u"/d/b.txt"));
