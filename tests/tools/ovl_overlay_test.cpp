@@ -299,8 +299,8 @@ TEST_F(OvlOverlay, BenchJsonHasEveryFigure) {
   ASSERT_NO_THROW(boost::property_tree::read_json(in, tree)) << result;
   std::map<std::string, boost::property_tree::ptree> figures;
   for (auto const& [unused, figure] : tree.get_child("figures")) figures[figure.get<std::string>("key")] = figure;
-  for (auto const* key : {"write_behind_burst", "flush_after_burst", "cached_stat", "cached_listing", "first_read",
-                          "cached_reread"}) {
+  for (auto const* key : {"write_behind_burst", "flush_after_burst", "stat_after_flush", "cached_stat",
+                          "cached_listing", "first_read", "cached_reread"}) {
     ASSERT_TRUE(figures.count(key)) << key << "\n" << result;
     EXPECT_GT(figures[key].get<double>("overlay"), 0) << key;
     EXPECT_GT(figures[key].get<double>("direct"), 0) << key;
