@@ -157,11 +157,11 @@ class Bench {
     // cached figure.
     auto const directStat = statMicros(direct, std::min(options_.directSamples, options_.files), 1).front();
     auto const overlayStat = statMicros(overlay, options_.files, 6);
-    Figure afterFlush{"stat_after_flush", "fileExists + getFileAttributes, first round after flush", "us/call"};
+    Figure afterFlush{"stat_after_flush", "stat (exists + attributes), first round after flush", "us/call"};
     afterFlush.direct = directStat;
     afterFlush.overlay = overlayStat.front();
     figures.push_back(afterFlush);
-    Figure stat{"cached_stat", "fileExists + getFileAttributes, best later round", "us/call"};
+    Figure stat{"cached_stat", "stat (exists + attributes), best later round", "us/call"};
     stat.direct = directStat;
     stat.overlay = *std::min_element(overlayStat.begin() + 1, overlayStat.end());
     stat.goal = "overlay under 5 us per call";
@@ -278,12 +278,12 @@ void printTable(std::ostream& out, std::vector<Figure> const& figures, BenchOpti
   out << "ovl bench: overlay and the same store used directly, through a throttle of " << options.latencyMs
       << " ms per call and " << options.megabytesPerSecond << " MB/s; " << std::thread::hardware_concurrency()
       << " cores\n\n"
-      << std::left << std::setw(52) << "figure" << std::right << std::setw(11) << "direct" << std::setw(11) << "overlay"
+      << std::left << std::setw(66) << "figure" << std::right << std::setw(11) << "direct" << std::setw(11) << "overlay"
       << std::setw(9) << "ratio" << std::setw(11) << "local disk" << "  goal\n";
   for (auto const& f : figures) {
     std::ostringstream ratio;
     if (auto r = f.ratio()) ratio << std::fixed << std::setprecision(1) << *r << "x";
-    out << std::left << std::setw(52) << (f.title + " (" + f.unit + ")") << std::right << std::setw(11)
+    out << std::left << std::setw(66) << (f.title + " (" + f.unit + ")") << std::right << std::setw(11)
         << (f.direct ? number(*f.direct) : "-") << std::setw(11) << number(f.overlay) << std::setw(9) << ratio.str()
         << std::setw(11) << (f.limit ? number(*f.limit) : "-") << "  " << f.goal << '\n';
   }
