@@ -268,8 +268,11 @@ void MetadataCache::awaitSubtree(StorageIRI const& iri, bool create) const {
       entry = doGetFolderContainer(folder, create);
     }
     if (!entry || !awaitEntry(entry)) continue;
-    for (auto const& [location, child] : entry->getAllContent()) {
-      if (child.index() == 1) folders.push_back(location);
+    // Entries change only under the cache lock: under it, the children are read in place
+    // rather than copied (a folder of many files would otherwise be copied whole).
+    CacheLock lock(*this);
+    for (auto it = entry->begin(), end = entry->end(); it != end; ++it) {
+      if (it->second.index() == 1) folders.push_back(it->first);
     }
   }
 }
@@ -1059,19 +1062,23 @@ std::uint64_t MetadataCache::getSpaceOccupiedByFolder(StorageIRI const& iri) con
 std::uint64_t MetadataCache::doGetSpaceOccupiedByFolder(StorageIRI const& iri) const {
   auto entry = doGetFolderContainer(iri, false);
   if (!entry) return 0;
-  IFolderEntry::Children content;
+  IFolderEntry::const_iterator it;
+  IFolderEntry::const_iterator end;
   try {
-    content = entry->getAllContent();
+    // Entries change only under the cache lock, which the caller holds: the children are
+    // read in place rather than copied.
+    it = entry->begin();
+    end = entry->end();
   } catch (Exception const& e) {
     if (doesNotExist(e)) return 0;  // vanished on the inner side: nothing cached there
     throw;
   }
   std::uint64_t total = 0;
-  for (auto const& [location, child] : content) {
-    if (child.index() == 0) {
-      total += std::get<0>(child)->getFileSize();
+  for (; it != end; ++it) {
+    if (it->second.index() == 0) {
+      total += std::get<0>(it->second)->getFileSize();
     } else {
-      total += doGetSpaceOccupiedByFolder(location);
+      total += doGetSpaceOccupiedByFolder(it->first);
     }
   }
   return total;
