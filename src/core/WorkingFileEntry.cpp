@@ -113,6 +113,10 @@ WorkingFileEntry::WorkingFileEntry(fl::filesystem::path cacheDirectory, std::sha
 
 WorkingFileEntry::~WorkingFileEntry() {
   takePrefetch();  // its thread refers to this entry
+  {
+    std::lock_guard lock(syncMutex_);
+    if (syncThread_.joinable()) syncThread_.join();
+  }
   try {
     if (cacheResource_) cacheResource_->close();
   } catch (...) {
@@ -901,6 +905,17 @@ void WorkingFileEntry::runProviderClose(fsp::StorageIRI const& location, std::sh
   metadata->thaw();
 }
 
+void WorkingFileEntry::syncInBackground(std::shared_ptr<DurabilityHandle> durability) {
+  std::lock_guard lock(syncMutex_);
+  // One sync at a time per entry; the one before has long finished, as a rule.
+  if (syncThread_.joinable()) syncThread_.join();
+  try {
+    syncThread_ = std::thread([durability] { durability->run(); });
+  } catch (...) {
+    durability->run();  // no thread to be had: here, then
+  }
+}
+
 void WorkingFileEntry::setFlushAttributeReads(std::shared_ptr<FlushAttributeReads> reads) {
   flushReads_ = std::move(reads);
 }
@@ -961,7 +976,7 @@ void WorkingFileEntry::flushContentCache() {
   std::uint64_t const generation = openGeneration_;
   if (wasReadOnly && !hasPendingBackgroundIO()) {
     lock.unlock();
-    if (durability) durability->run();
+    if (durability) syncInBackground(std::move(durability));
     closeProviderStreamNow(metadata, generation);
     return;
   }
