@@ -3,6 +3,7 @@
 // a store that fails every call from the start, streams used outside the file (writes
 // beyond the end, seeks before the start), a cache directory that cannot be written,
 // and changes made elsewhere meeting the real latch timer.
+#include <support/StreamContent.hpp>
 #include <core/OverlayProvider.hpp>
 
 #include <foundation/log/MemorySink.hpp>
@@ -37,16 +38,7 @@ using storage::overlayprovider::OverlayProvider;
 
 namespace {
 
-std::string readAll(fsp::ByteStream& stream) {
-  std::string content;
-  char buffer[4096];
-  for (;;) {
-    auto const n = stream.read(buffer, sizeof buffer);
-    if (n <= 0) break;
-    content.append(buffer, static_cast<std::size_t>(n));
-  }
-  return content;
-}
+using support::readAll;
 
 // Equal byte strings; otherwise the sizes and the first differing offset (the contents
 // may be megabytes long).

@@ -21,6 +21,7 @@
 // under AddressSanitizer or ThreadSanitizer (detected at compile time through
 // __SANITIZE_ADDRESS__ / __SANITIZE_THREAD__, or __has_feature with clang) the default
 // is a third of that, so that a sanitizer run on two loaded cores stays under 20 s.
+#include <support/StreamContent.hpp>
 #include <core/BackendExecutor.hpp>
 #include <core/ContentCache.hpp>
 #include <core/IExecutor.hpp>
@@ -217,16 +218,7 @@ std::string describe(std::map<std::u16string, std::optional<std::size_t>> const&
   return text + " }";
 }
 
-std::string readAll(fsp::ByteStream& stream) {
-  std::string content;
-  char buffer[4096];
-  for (;;) {
-    auto const n = stream.read(buffer, sizeof buffer);
-    if (n <= 0) break;
-    content.append(buffer, static_cast<std::size_t>(n));
-  }
-  return content;
-}
+using support::readAll;
 
 class OverlayModelTest : public ::testing::Test {
  protected:

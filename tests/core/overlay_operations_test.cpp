@@ -2,6 +2,7 @@
 // once, checks with their codes and IRIs, the write-behind queue with its retries,
 // streams through the content cache and the fallback after a caching failure, quota
 // figures and changes made elsewhere.
+#include <support/StreamContent.hpp>
 #include <core/OverlayProvider.hpp>
 #include <core/SynchronousExecutor.hpp>
 
@@ -33,16 +34,7 @@ using storage::overlayprovider::OverlayProvider;
 
 namespace {
 
-std::string readAll(fsp::ByteStream& stream) {
-  std::string content;
-  char buffer[4096];
-  for (;;) {
-    auto const n = stream.read(buffer, sizeof buffer);
-    if (n <= 0) break;
-    content.append(buffer, static_cast<std::size_t>(n));
-  }
-  return content;
-}
+using support::readAll;
 
 class OverlayOperationsTest : public ::testing::Test {
  protected:

@@ -3,6 +3,7 @@
 // overlay reads, and a shutdown in the middle of running operations. Every test ends by
 // comparing what the inner store (or the overlay) holds with a model of what the
 // callers did.
+#include <support/StreamContent.hpp>
 #include <core/IExecutor.hpp>
 #include <core/OverlayProvider.hpp>
 
@@ -48,16 +49,7 @@ std::string describe(std::set<std::u16string> const& names) {
   return text + " }";
 }
 
-std::string readAll(fsp::ByteStream& stream) {
-  std::string content;
-  char buffer[8192];
-  for (;;) {
-    auto const n = stream.read(buffer, sizeof buffer);
-    if (n <= 0) break;
-    content.append(buffer, static_cast<std::size_t>(n));
-  }
-  return content;
-}
+using support::readAll;
 
 // Failures seen on worker threads, reported by the test's own thread.
 class Problems {
