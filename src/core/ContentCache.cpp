@@ -79,6 +79,11 @@ void ContentCache::setFlushAttributeReads(std::shared_ptr<FlushAttributeReads> r
   flushReads_ = std::move(reads);
 }
 
+void ContentCache::setThawWritten(WorkingFileEntry::ThawWritten thaw) {
+  std::lock_guard lock(mutex_);
+  thawWritten_ = std::move(thaw);
+}
+
 // ---- initialization ------------------------------------------------------------------------
 
 fl::filesystem::path ContentCache::doGetDataDirectory() const {
@@ -196,6 +201,7 @@ std::shared_ptr<WorkingFileEntry> ContentCache::retrieveEntry(
       if (!checkoutPath.empty()) madePaths_.insert(std::move(checkoutPath));
     }
     entry->setFlushAttributeReads(flushReads_);
+    entry->setThawWritten(thawWritten_);
     entries_[location] = entry;
     return entry;
   } catch (...) {

@@ -98,6 +98,9 @@ class ContentCache {
   // The provider's FlushAttributeReads, handed to every entry made from now on
   // (WorkingFileEntry::setFlushAttributeReads). Takes `mutex_`.
   void setFlushAttributeReads(std::shared_ptr<FlushAttributeReads> reads);
+  // The provider's way of thawing a written file's record, handed to every entry made from
+  // now on (WorkingFileEntry::setThawWritten). Takes `mutex_`.
+  void setThawWritten(WorkingFileEntry::ThawWritten thaw);
 
   // Makes sure the data directory exists and the arbitrator is installed (see above).
   // Takes `mutex_`. Throws CachingErrorException("Problem initializing cache root.").
@@ -221,6 +224,7 @@ class ContentCache {
   // the same file does not take over what is on disk there (see "Cache files" above).
   mutable std::set<fl::filesystem::path> madePaths_;
   std::shared_ptr<FlushAttributeReads> flushReads_;  // handed to new entries; may be null
+  WorkingFileEntry::ThawWritten thawWritten_;        // handed to new entries; may be empty
   // Set by emptyRecycleBin(), taken (exchanged with false) by the next disposal.
   mutable std::atomic<bool> recycleBinEmptyRequested_{false};
 };

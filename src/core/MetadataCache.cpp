@@ -610,7 +610,16 @@ void MetadataCache::putFileMetadata(std::shared_ptr<FileMetadata> const& record)
   if (!key.hasParent()) return;
   CacheLock lock(*this);
   auto parent = folderIndex_.findExact(keyFor(key.getParent()));
-  if (parent == folders_.end() || isUnbuiltListing(parent->second)) return;
+  if (parent == folders_.end() || isUnbuiltListing(parent->second)) {
+    // The folder was dropped or is being listed again: what the store lists must not win
+    // over this record while it is frozen, so it is set aside (over an older one saved for
+    // the same file) and put in once the listing is there.
+    if (record->isFrozen()) {
+      frozen_.insert_or_assign(key, record);
+      frozenReAddPending_ = true;
+    }
+    return;
+  }
   if (parent->second->getFileMetadata(key, true) == record) return;
   parent->second->removeFileMetadata(key, true);
   parent->second->addFileMetadata(record, false);
@@ -658,6 +667,7 @@ void MetadataCache::doMoveOrCopyFile(StorageIRI const& src, StorageIRI const& ds
   if (!source || !d.hasParent()) throw Exception(ErrorCode::DoesNotExist, source ? dst : src);
 
   doRemoveFile(d);
+  removeFrozenMetadata(d, false);
   auto record = std::make_shared<FileMetadata>(d, true);
   record->withSize(source->getFileSize())
       .withWritable(source->isWritable())
@@ -892,7 +902,7 @@ void MetadataCache::addFrozenEntries() const {
       } else if (auto const listed = doGetFileMetadataFromCache(key)) {
         present = true;
         auto const& file = std::get<0>(saved);
-        if (listed != file && file->isFrozen()) {
+        if (listed != file && file->isFrozen() && keyFor(file->getLocation()) == key) {
           // The store listed the file, but a change of the overlay's own (a write still
           // on its way) is newer than what the store has: the local record stays, so
           // that the file's content entry, which shares it, is not taken for stale.
@@ -913,7 +923,9 @@ void MetadataCache::addFrozenEntries() const {
       if (folder->isFrozen()) doAddFolderMetadata(folder, true, false);
     } else {
       auto const& file = std::get<0>(saved);
-      if (file->isFrozen()) doAddFileMetadata(file, true);
+      // A record moved since it was saved (a folder move re-parents the records it
+      // carries) is no longer this key's.
+      if (file->isFrozen() && keyFor(file->getLocation()) == key) doAddFileMetadata(file, true);
     }
   }
   frozen_.clear();
@@ -921,18 +933,16 @@ void MetadataCache::addFrozenEntries() const {
 
 void MetadataCache::removeFrozenMetadata(StorageIRI const& iri, bool recursive) const {
   auto const key = keyFor(iri);
-  auto it = frozen_.find(key);
-  if (it == frozen_.end()) return;
-  if (it->second.index() == 1 && recursive) {
-    for (auto saved = frozen_.begin(); saved != frozen_.end();) {
-      if (key.isAncestorOf(saved->first)) {
-        saved = frozen_.erase(saved);
-      } else {
-        ++saved;
-      }
+  frozen_.erase(key);
+  if (!recursive) return;
+  // Records saved below a folder go with it, whether or not the folder's own was saved.
+  for (auto saved = frozen_.begin(); saved != frozen_.end();) {
+    if (key.isAncestorOf(saved->first)) {
+      saved = frozen_.erase(saved);
+    } else {
+      ++saved;
     }
   }
-  frozen_.erase(key);
 }
 
 void MetadataCache::thawFile(StorageIRI const& iri) {
@@ -945,6 +955,28 @@ void MetadataCache::thawFile(StorageIRI const& iri) {
     lock.lock();
   }
   removeFrozenMetadata(iri, true);
+}
+
+void MetadataCache::thawWritten(std::shared_ptr<FileMetadata> const& record) const {
+  auto const key = keyFor(record->getLocation());
+  for (;;) {
+    std::shared_ptr<IFolderEntry> parent;
+    awaitEntries([&](auto& entries) {
+      if (!key.hasParent()) return;
+      auto it = folderIndex_.findExact(key.getParent());
+      if (it != folders_.end()) entries.push_back(parent = it->second);
+    });
+    awaitFrozenReAdd();
+    CacheLock lock(*this);
+    if (key.hasParent()) {
+      // A listing begun while this one waited: it may also predate the store's copy.
+      auto it = folderIndex_.findExact(key.getParent());
+      if (it != folders_.end() && it->second != parent && isUnbuiltListing(it->second)) continue;
+    }
+    addFrozenEntries();
+    record->thaw();
+    return;
+  }
 }
 
 void MetadataCache::thawFolderImpl(StorageIRI const& iri, bool recursive) const {

@@ -150,8 +150,10 @@ class MetadataCache {
   // gets a plain entry, or keeps its existing entry, which then holds `record`.
   void addFileMetadata(std::shared_ptr<FileMetadata> record) const;
   // Makes `record` the one its cached parent folder holds for the file, replacing another
-  // record of the same file (the parent is not stamped); nothing when the parent is not
-  // cached, or is still being listed.
+  // record of the same file (the parent is not stamped). When the parent is not cached or
+  // is still being listed, a frozen record is saved and replaces the listed one at the
+  // next listing or lookup of the folder (as the records saved before an invalidation
+  // are); an unfrozen one is then left to the store's listing.
   void putFileMetadata(std::shared_ptr<FileMetadata> const& record) const;
   void addFolderMetadata(std::shared_ptr<FolderMetadata> record) const;
   // Drops the file from its cached parent (stamping the parent with the current time)
@@ -194,6 +196,12 @@ class MetadataCache {
   // entry. Passes on failures of the lookup other than code 4; the snapshot entry then
   // stays.
   void thawFile(StorageIRI const& iri);
+  // Thaws `record`, the record a close transaction has just put into the store, once a
+  // listing of its folder that is under way has been built and the records saved before
+  // it have been put back (all under one hold of the cache lock). A listing begun before
+  // the store had the file would otherwise find the record thawed when it is put back,
+  // discard it, and show the store's older state. Waits without the cache lock.
+  void thawWritten(std::shared_ptr<FileMetadata> const& record) const;
   // Thaws the cached folder's record and, with `recursive`, every cached record below
   // it; forgets only the folder's own snapshot entry (those of the records below are
   // discarded when a re-add finds them thawed).

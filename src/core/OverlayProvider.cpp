@@ -96,6 +96,7 @@ OverlayProvider::OverlayProvider(StorageItem inner, std::unique_ptr<ContentCache
       wrappedRoot_(wrappedRootOf(inner_->getLocation())) {
   executorHandle_->set(executor_);
   contentCache_->setFlushAttributeReads(flushReads_);
+  contentCache_->setThawWritten([cache = metadataCache_](auto const& record) { cache->thawWritten(record); });
 }
 
 OverlayProvider::~OverlayProvider() {
@@ -137,9 +138,13 @@ void OverlayProvider::lazyInitialize() const {
     auto quota = std::make_shared<QuotaAccountant>(*inner_, kQuotaPollPeriod, *metadataCache_, executor);
     auto listener = std::make_shared<EventListener>(*inner_, *metadataCache_, *contentCache_, executor, quota);
     // While the overlay changes the inner store, event handling is paused; it resumes a
-    // full time-out after the last change.
-    auto latch = std::make_shared<TimedLatch>([listener] { listener->pause(); }, [listener] { listener->unpause(); },
-                                              TimedLatch::timeoutFromEnvironment());
+    // full time-out after the last change, and not before the queue has delivered every
+    // change of the overlay's own (the store's echoes of them come in meanwhile and must
+    // not make the overlay forget changes still queued behind them).
+    auto latch = std::make_shared<TimedLatch>(
+        [listener] { listener->pause(); }, [listener] { listener->unpause(); }, TimedLatch::timeoutFromEnvironment(),
+        std::make_shared<TimedLatch::ConditionWaiter>(),
+        [handle = executorHandle_] { return handle->changesInFlight() > 0; });
     {
       // Operations read these after lazyInitialize(); doShutdown may read them at any
       // time, under the same mutex.
@@ -256,7 +261,7 @@ void OverlayProvider::submit(char const* name, ObservableTransactionType type, s
     }
     if (after) after();
   };
-  executor()->execute(std::move(task), type, minQueueItemWeight_.load(std::memory_order_acquire));
+  executorHandle_->execute(std::move(task), type, minQueueItemWeight_.load(std::memory_order_acquire));
 }
 
 bool OverlayProvider::parentKnown(StorageIRI const& inner) const {
@@ -391,6 +396,7 @@ void OverlayProvider::doCreateFile(StorageIRI const& iri) const {
   metadataCache_->waitForFuturePopulationToFinish();
   auto const inner = innerMostOf(iri);
   triggerLatch();
+  auto const pass = flushGate_.enter();
   {
     auto lock = pathLocks_.acquire(inner);
     if ((hasFileRecord(inner) || hasFolderRecord(inner))) throw Exception(ErrorCode::AlreadyExists, iri);
@@ -409,6 +415,7 @@ void OverlayProvider::doCreateFolder(StorageIRI const& iri) const {
   metadataCache_->waitForFuturePopulationToFinish();
   auto const inner = innerMostOf(iri);
   triggerLatch();
+  auto const pass = flushGate_.enter();
   {
     auto lock = pathLocks_.acquire(inner);
     if ((hasFileRecord(inner) || hasFolderRecord(inner))) throw Exception(ErrorCode::AlreadyExists, iri);
@@ -427,6 +434,7 @@ void OverlayProvider::doCreateFolderRecursive(StorageIRI const& iri) const {
   metadataCache_->waitForFuturePopulationToFinish();
   auto const inner = innerMostOf(iri);
   triggerLatch();
+  auto const pass = flushGate_.enter();
   {
     auto lock = pathLocks_.acquire(inner);
     if ((hasFileRecord(inner) || hasFolderRecord(inner))) throw Exception(ErrorCode::AlreadyExists, iri);
@@ -458,6 +466,7 @@ void OverlayProvider::doRemoveFile(StorageIRI const& iri) const {
   metadataCache_->waitForFuturePopulationToFinish();
   auto const inner = innerMostOf(iri);
   triggerLatch();
+  auto const pass = flushGate_.enter();
   {
     auto lock = pathLocks_.acquire(inner);
     auto file = fileRecord(inner);
@@ -478,6 +487,7 @@ void OverlayProvider::doRemoveFolder(StorageIRI const& iri) const {
   metadataCache_->waitForFuturePopulationToFinish();
   auto const inner = innerMostOf(iri);
   triggerLatch();
+  auto const pass = flushGate_.enter();
   {
     auto lock = pathLocks_.acquire(inner);
     auto folder = folderRecord(inner);
@@ -497,6 +507,7 @@ void OverlayProvider::doRemoveFolderRecursively(StorageIRI const& iri) const {
   metadataCache_->waitForFuturePopulationToFinish();
   auto const inner = innerMostOf(iri);
   triggerLatch();
+  auto const pass = flushGate_.enter();
   {
     auto lock = pathLocks_.acquire(inner);
     auto folder = folderRecord(inner);
@@ -517,6 +528,7 @@ void OverlayProvider::doMoveFile(StorageIRI const& src, StorageIRI const& dst, f
   auto const from = innerMostOf(src);
   auto const to = innerMostOf(dst);
   triggerLatch();
+  auto const pass = flushGate_.enter();
   {
     auto lock = pathLocks_.acquirePair(from, to);
     // A store that moves open files needs no open-entry test.
@@ -552,6 +564,7 @@ void OverlayProvider::doMoveFolder(StorageIRI const& src, StorageIRI const& dst,
   auto const from = innerMostOf(src);
   auto const to = innerMostOf(dst);
   triggerLatch();
+  auto const pass = flushGate_.enter();
   {
     auto lock = pathLocks_.acquirePair(from, to);
     auto folder = folderRecord(from);
@@ -582,6 +595,7 @@ void OverlayProvider::doSetLastModified(StorageIRI const& iri, boost::posix_time
   metadataCache_->waitForFuturePopulationToFinish();
   auto const inner = innerMostOf(iri);
   triggerLatch();
+  auto const pass = flushGate_.enter();
   {
     auto lock = pathLocks_.acquire(inner);
     if (auto file = getFileMetadata(inner)) {
@@ -602,6 +616,7 @@ void OverlayProvider::doSetWritable(StorageIRI const& iri, bool writable) const 
   metadataCache_->waitForFuturePopulationToFinish();
   auto const inner = innerMostOf(iri);
   triggerLatch();
+  auto const pass = flushGate_.enter();
   {
     auto lock = pathLocks_.acquire(inner);
     if (auto file = getFileMetadata(inner)) {
@@ -619,6 +634,8 @@ void OverlayProvider::doSetWritable(StorageIRI const& iri, bool writable) const 
 void OverlayProvider::doCopyFile(StorageIRI const& src, StorageIRI const& dst, fsp::ReplacementPolicy const& policy) const {
   OVERLAY_TRACE_IRI(src);
   lazyInitialize();
+  // The whole copy is one change: a flush waits until its streams are closed.
+  auto const pass = flushGate_.enter();
   if (doFileExists(dst) && policy != fsp::ReplacementPolicy::Always) throw Exception(ErrorCode::AlreadyExists, dst);
   if (doFolderExists(dst)) throw Exception(ErrorCode::AlreadyExists, dst);
   auto source = doOpenReadOnlyStream(src);
@@ -744,6 +761,10 @@ void checkName(fsp::StorageIRI const& iri) {
 fsp::ByteStreamPtr OverlayProvider::openThroughCache(StorageIRI const& iri, StorageIRI const& inner,
                                                      fsp::ByteStreamOpenOptions const* options) const {
   triggerLatch();
+  // A stream opened for writing changes the caches; a read-only one does not, and must
+  // not wait for a flush.
+  std::optional<FlushGate::Pass> pass;
+  if (options) pass.emplace(flushGate_.enter());
   auto record = fileRecord(inner);
   if (!record) {
     if (!options || options->openMode == fsp::ByteStreamOpenOptions::OpenExisting) {
@@ -769,9 +790,11 @@ fsp::ByteStreamPtr OverlayProvider::openThroughCache(StorageIRI const& iri, Stor
   // record instead of the store's older one.
   auto const written = entry->getMetadata();
   written->freeze();
-  // An entry made before the folder was last listed holds an older record object than
-  // the folder does; the folder must show (and keep) the one the writes go to.
-  if (written != record) metadataCache_->putFileMetadata(written);
+  // The folder must show (and keep) the record the writes go to: an entry made before the
+  // folder was last listed holds an older record object than the folder does, and the
+  // folder may have been invalidated since `record` was looked up (before the freeze, so
+  // the invalidation did not save it).
+  metadataCache_->putFileMetadata(written);
   return stream;
 }
 
@@ -875,6 +898,7 @@ void OverlayProvider::doFlushFilesystemImpl() const {
   // While this flush waits, close transactions hand it their reads of attributes back
   // into records (see WorkingFileEntry): it drops those records below, or makes the reads.
   std::vector<FlushAttributeReads::Read> deferredReads;
+  auto const before = flushGate_.mark();
   if (auto executor = this->executor()) {
     flushReads_->beginWaiting();
     try {
@@ -887,18 +911,27 @@ void OverlayProvider::doFlushFilesystemImpl() const {
   } else {
     getLogger().log(Severity::Error, "BackgroundExecutor should be in an initialized state.");
   }
-  // A stream still open for writing holds changes that are not in the store yet (what it
-  // has written since its last payload, and its close): emptying the caches now would
-  // leave it with an entry the cache no longer knows and the folder listed again from
-  // the store's older state. The caches are then kept; the queue is drained all the same.
-  bool writing = false;
-  updateContentCache([&] { writing = contentCache_->hasEntryOpenForWriting(); });
-  if (writing) {
-    for (auto const& read : deferredReads) read();
-    getLogger().log(Severity::Debug, "Caches kept: a stream is open for writing");
-  } else {
-    dropContentCache();
-    metadataCache_->invalidateAll();
+  // The caches are emptied only when they hold nothing the store lacks. A stream still
+  // open for writing holds changes that are not in the store yet (what it has written
+  // since its last payload, and its close), and so does an operation that changed the
+  // caches while the queue drained (its transaction came after the drain): emptying the
+  // caches then would show the store's older state, and leave the stream with an entry
+  // the cache no longer knows. The caches are then kept; everything acknowledged before
+  // the flush has reached the store all the same. The gate keeps operations from
+  // changing the caches between this test and the emptying.
+  {
+    auto const closed = flushGate_.close();
+    bool writing = false;
+    updateContentCache([&] { writing = contentCache_->hasEntryOpenForWriting(); });
+    bool const queued = flushGate_.changedSince(before);
+    if (writing || queued) {
+      for (auto const& read : deferredReads) read();
+      getLogger().log(Severity::Debug, writing ? "Caches kept: a stream is open for writing"
+                                               : "Caches kept: changes were queued during the flush");
+    } else {
+      dropContentCache();
+      metadataCache_->invalidateAll();
+    }
   }
   auto const elapsed =
       std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start).count();

@@ -83,6 +83,7 @@
 #include <core/MetadataCache.hpp>
 #include <core/ObservableTransactionType.hpp>
 #include <core/WorkingFileEntryParams.hpp>
+#include <core/FlushGate.hpp>
 #include <core/PathLocks.hpp>
 #include <core/SwitchableExecutor.hpp>
 #include <core/TimedLatch.hpp>
@@ -287,6 +288,9 @@ class OverlayProvider : public fsp::IConfigurableProvider,
   std::atomic<bool> synchronous_{false};
   mutable std::shared_ptr<IQuotaAccountant> quota_;  // written once under initOnce_, then read
   mutable PathLocks pathLocks_;
+  // Held closed by doFlushFilesystem; passed by every operation that changes the caches
+  // or queues work (see FlushGate).
+  mutable FlushGate flushGate_;
   mutable std::shared_ptr<EventListener> eventListener_;  // written once under initOnce_, then read
   mutable std::shared_ptr<TimedLatch> timedLatch_;  // written once under initOnce_, then read
   std::atomic<bool> const bypass_{false};

@@ -12,7 +12,39 @@ std::shared_ptr<IExecutor> SwitchableExecutor::current() const {
   return current_;
 }
 
+namespace {
+
+// Counts one change in flight for as long as a copy of its task exists.
+class InFlight {
+ public:
+  explicit InFlight(std::shared_ptr<std::atomic<long>> count) : count_(std::move(count)) {
+    count_->fetch_add(1, std::memory_order_acq_rel);
+  }
+  ~InFlight() { count_->fetch_sub(1, std::memory_order_acq_rel); }
+  InFlight(InFlight const&) = delete;
+  InFlight& operator=(InFlight const&) = delete;
+
+ private:
+  std::shared_ptr<std::atomic<long>> const count_;
+};
+
+bool isChange(ObservableTransactionType type) {
+  switch (type) {
+    case ObservableTransactionType::FILE_OPEN_READONLY:
+    case ObservableTransactionType::WAKEUP_FLUSH:
+    case ObservableTransactionType::EXTERNAL_EVENT:
+      return false;
+    default:
+      return true;
+  }
+}
+
+}  // namespace
+
 void SwitchableExecutor::execute(Task task, ObservableTransactionType type, double weight) {
+  if (isChange(type)) {
+    task = [inFlight = std::make_shared<InFlight>(inFlight_), task = std::move(task)] { task(); };
+  }
   if (auto executor = current()) executor->execute(std::move(task), type, weight);
 }
 

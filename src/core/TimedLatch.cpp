@@ -21,11 +21,13 @@ std::chrono::milliseconds TimedLatch::timeoutFromEnvironment() {
 }
 
 TimedLatch::TimedLatch(std::function<void()> firstCallback, std::function<void()> secondCallback,
-                       std::chrono::milliseconds timeout, std::shared_ptr<Waiter> waiter)
+                       std::chrono::milliseconds timeout, std::shared_ptr<Waiter> waiter,
+                       std::function<bool()> holdWhile)
     : firstCallback_(std::move(firstCallback)),
       secondCallback_(std::move(secondCallback)),
       timeout_(timeout),
-      waiter_(std::move(waiter)) {}
+      waiter_(std::move(waiter)),
+      holdWhile_(std::move(holdWhile)) {}
 
 TimedLatch::~TimedLatch() {
   try {
@@ -85,8 +87,11 @@ void TimedLatch::runTimer() {
     bool expired = false;
     {
       std::unique_lock<std::mutex> lock(innerMutex_);
-      waiter_->waitFor(lock, cv_, timeout_, [this] { return cancel_; });
-      expired = !cancel_;
+      for (;;) {
+        waiter_->waitFor(lock, cv_, timeout_, [this] { return cancel_; });
+        expired = !cancel_;
+        if (!expired || !holdWhile_ || !holdWhile_()) break;
+      }
     }
     // Called without the inner mutex, so a trigger arriving now is not held up by it.
     if (expired) secondCallback_();

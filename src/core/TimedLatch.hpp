@@ -58,10 +58,17 @@ class TimedLatch {
   // (so "abc" gives 0), or kDefaultTimeout when the variable is unset.
   static std::chrono::milliseconds timeoutFromEnvironment();
 
-  // Starts no thread. `waiter` must not be null.
+  // Starts no thread. `waiter` must not be null. `holdWhile`, when given, is asked each
+  // time a time-out has passed without a trigger: while it answers true, the second
+  // callback is held back for a further time-out. The provider passes "the overlay's own
+  // changes are still on their way to the store", so that their echoes reach a paused
+  // listener however long the queue takes (a queue of many changes to a slow store takes
+  // far longer than the time-out after the caller's last change). It runs on the timer
+  // thread with the inner mutex held and must be quick and must not throw.
   TimedLatch(std::function<void()> firstCallback, std::function<void()> secondCallback,
              std::chrono::milliseconds timeout = kDefaultTimeout,
-             std::shared_ptr<Waiter> waiter = std::make_shared<ConditionWaiter>());
+             std::shared_ptr<Waiter> waiter = std::make_shared<ConditionWaiter>(),
+             std::function<bool()> holdWhile = nullptr);
   // Closes the latch (see close()).
   ~TimedLatch();
   TimedLatch(TimedLatch const&) = delete;
@@ -87,6 +94,7 @@ class TimedLatch {
   std::function<void()> const secondCallback_;
   std::chrono::milliseconds const timeout_;
   std::shared_ptr<Waiter> const waiter_;
+  std::function<bool()> const holdWhile_;
   std::thread timer_;           // guarded by outerMutex_
   std::condition_variable cv_;  // the timer thread sleeps on it, under innerMutex_
   bool cancel_ = false;         // guarded by innerMutex_

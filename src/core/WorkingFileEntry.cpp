@@ -902,6 +902,14 @@ void WorkingFileEntry::runProviderClose(fsp::StorageIRI const& location, std::sh
   };
   // While a flush waits for the queue, the read is the flush's to make or to forget.
   if (!flushReads_ || !flushReads_->defer(read)) read();
+  if (thawWritten_) {
+    try {
+      thawWritten_(metadata);
+      return;
+    } catch (...) {
+      logFailure("Unexpected exception during close operation");
+    }
+  }
   metadata->thaw();
 }
 
@@ -919,6 +927,8 @@ void WorkingFileEntry::syncInBackground(std::shared_ptr<DurabilityHandle> durabi
 void WorkingFileEntry::setFlushAttributeReads(std::shared_ptr<FlushAttributeReads> reads) {
   flushReads_ = std::move(reads);
 }
+
+void WorkingFileEntry::setThawWritten(ThawWritten thaw) { thawWritten_ = std::move(thaw); }
 
 void FlushAttributeReads::beginWaiting() {
   std::lock_guard lock(mutex_);
@@ -1014,6 +1024,7 @@ std::shared_ptr<WorkingFileEntry> WorkingFileEntry::copy(std::shared_ptr<FileMet
                                                    std::streampos(static_cast<std::streamoff>(initialCachePosition)),
                                                    params_, shutdownFlag_, timing_);
   copied->setFlushAttributeReads(flushReads_);
+  copied->setThawWritten(thawWritten_);
   return copied;
 }
 

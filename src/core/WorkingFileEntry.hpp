@@ -411,6 +411,14 @@ class WorkingFileEntry : public std::enable_shared_from_this<WorkingFileEntry> {
   // before the entry is shared; copies made by copy() take it over.
   void setFlushAttributeReads(std::shared_ptr<FlushAttributeReads> reads);
 
+  // How a FILE_CLOSE transaction thaws the record of the file it has put into the store.
+  // The provider passes MetadataCache::thawWritten, which first lets a listing of the
+  // folder that is under way (and may predate the store's copy) take the record back.
+  // Without one (the default) the record is thawed directly. Call before the entry is
+  // shared; copies made by copy() take it over.
+  using ThawWritten = std::function<void(std::shared_ptr<FileMetadata> const&)>;
+  void setThawWritten(ThawWritten thaw);
+
   // ---- copies and moves -----------------------------------------------------------------
 
   // A new entry for the copy whose metadata is `newMetadata`: caches the head of this
@@ -561,6 +569,7 @@ class WorkingFileEntry : public std::enable_shared_from_this<WorkingFileEntry> {
   mutable std::mutex prefetchMutex_;    // guards the three above; a leaf, held only briefly
 
   std::shared_ptr<FlushAttributeReads> flushReads_;  // set before the entry is shared; may be null
+  ThawWritten thawWritten_;                          // set before the entry is shared; may be empty
   std::thread syncThread_;           // guarded by syncMutex_; the last read-only close's sync
   mutable std::mutex syncMutex_;     // guards syncThread_; a leaf
 

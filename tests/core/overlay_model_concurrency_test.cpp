@@ -624,20 +624,26 @@ void OverlayModelTest::run(long latchMillis, bool flushMidRound) {
 }
 
 // Event handling stays paused for the whole run: the store's echoes of the overlay's own
-// changes are collected, never acted on. (Acting on them while changes are still queued
-// is the disabled variant below.)
+// changes are collected, never acted on. (Acting on them between operations is the
+// disabled variant below.)
 TEST_F(OverlayModelTest, ThreadsInTheirOwnFoldersLeaveStoreAndOverlayAsTheirModelsSay) { run(600000, false); }
 
-// The same with a latch that reopens a millisecond after the overlay's last change, so
-// that the echoes of its own changes invalidate folders while other changes are queued;
-// and the same with a flush by one thread now and then while the others work. Both lost
-// written bytes before streams opened for writing froze their records and flushes kept
-// the caches while streams write (see OverlayFaultsTest.AWriteQueuedWhileItsFolderIs-
-// ListedAgainKeepsItsBytes and AFlushWhileAStreamIsOpenKeepsItsWrites). Still failing for
-// about one seed in four: a listing taken while a folder is listed again right as a
-// stream opens for writing shows the store's size of that file (e.g. "f4: 0" where the
-// model has 7432) until the next listing; kept disabled until that race is closed.
+// The same with a flush by one thread now and then while the others work: a flush must
+// not make the overlay forget changes made while it drained the queue (it keeps the
+// caches then), nor a stream's writes. Before that it lost removals, creations and
+// written bytes of the other threads.
+TEST_F(OverlayModelTest, ThreadsInTheirOwnFoldersWithFlushesInBetween) { run(600000, true); }
+
+// The same with a latch that reopens a millisecond after the overlay's last change and
+// once its own changes have reached the store, so that the echoes of those changes are
+// acted on between the threads' operations. In release builds 30+ seeds passed after
+// the listener was held paused while changes are on their way and a written file's
+// record was thawed only after a listing under way had taken it back; under
+// ThreadSanitizer, where the queue runs dry between every two operations, most seeds
+// still fail: an echo replayed then acts on a state the caller has changed again (only
+// the first event per IRI is kept while paused, so a file removed and created again is
+// removed once more; a stream's buffered bytes are not yet queued). Event handling
+// assumes its time-out outlasts the caller's bursts; kept disabled.
 TEST_F(OverlayModelTest, DISABLED_ThreadsInTheirOwnFoldersWithEventsActedOnAtOnce) { run(1, false); }
-TEST_F(OverlayModelTest, DISABLED_ThreadsInTheirOwnFoldersWithFlushesInBetween) { run(600000, true); }
 
 }  // namespace

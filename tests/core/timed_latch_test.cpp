@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
@@ -141,6 +142,38 @@ TEST(TimedLatchTest, PausesAtOnceAndResumesAFullTimeOutAfterTheLastTrigger) {
   waiter->expire();
   unpauses.waitFor(2);
   EXPECT_EQ(2, unpauses.calls());
+}
+
+TEST(TimedLatchTest, HoldsTheResumptionBackWhileItsConditionHolds) {
+  CallCounter pauses, unpauses;
+  auto waiter = std::make_shared<ManualWaiter>();
+  std::atomic<bool> busy{true};
+  TimedLatch latch(pauses.callback(), unpauses.callback(), std::chrono::milliseconds(40), waiter,
+                   [&] { return busy.load(); });
+  latch.trigger();
+  waiter->waitBegun(1);
+  waiter->expire();
+  // Still busy at the time-out: a further full time-out, no resumption.
+  waiter->waitBegun(2);
+  EXPECT_EQ(0, unpauses.calls());
+  waiter->expire();
+  waiter->waitBegun(3);
+  EXPECT_EQ(0, unpauses.calls());
+
+  busy = false;
+  waiter->expire();
+  unpauses.waitFor(1);
+  EXPECT_EQ(3, waiter->begun());
+  for (auto timeout : waiter->timeouts()) EXPECT_EQ(std::chrono::milliseconds(40), timeout);
+
+  // A trigger while held back starts over; close() ends a held-back timer without resuming.
+  busy = true;
+  latch.trigger();
+  waiter->waitBegun(4);
+  waiter->expire();
+  waiter->waitBegun(5);
+  latch.close();
+  EXPECT_EQ(1, unpauses.calls());
 }
 
 TEST(TimedLatchTest, CloseStopsThePendingTimerAndSwitchesTriggersOff) {
