@@ -284,6 +284,10 @@ class MetadataCache {
   void triggerInvalidationProcess() const;
   void doSnapshotFrozenMetadata() const;
   void addFrozenEntries() const;
+  // Forgets the saved record of `iri` and, with `recursive`, every saved record below it,
+  // whether or not `iri` itself has one (records saved below a folder that is removed or
+  // moved away must not be put back there; with records saved by putFileMetadata this
+  // happens whenever a written file's folder is removed while it is being listed again).
   void removeFrozenMetadata(StorageIRI const& iri, bool recursive) const;
   void thawFolderImpl(StorageIRI const& iri, bool recursive) const;
   std::uint64_t doGetSpaceOccupiedByFolder(StorageIRI const& iri) const;
