@@ -2,6 +2,7 @@
 
 #include <core/Logger.hpp>
 
+#include <cstdint>
 #include <cstdlib>
 #include <exception>
 #include <string>
@@ -38,41 +39,50 @@ TimedLatch::~TimedLatch() {
 }
 
 void TimedLatch::trigger() {
-  {
-    std::lock_guard<std::mutex> outer(outerMutex_);
-    if (switchedOff_) return;
-  }
-  firstCallback_();
-
   std::lock_guard<std::mutex> outer(outerMutex_);
-  // A close() that came in while the first callback ran wins: no timer after close.
   if (switchedOff_) return;
   {
-    std::lock_guard<std::mutex> inner(innerMutex_);
-    cancel_ = true;
+    // A resumption under way ends first, so that it cannot follow this pause.
+    std::unique_lock<std::mutex> inner(innerMutex_);
+    idle_.wait(inner, [this] { return !inCallback_; });
+    ++triggering_;
   }
-  cv_.notify_all();
-  if (timer_.joinable()) timer_.join();
+  struct Done {
+    TimedLatch& latch;
+    ~Done() {
+      {
+        std::lock_guard<std::mutex> inner(latch.innerMutex_);
+        --latch.triggering_;
+      }
+      latch.cv_.notify_all();
+    }
+  } const done{*this};
+  firstCallback_();
   {
     std::lock_guard<std::mutex> inner(innerMutex_);
-    cancel_ = false;
+    ++generation_;
+    armed_ = true;
   }
-  timer_ = std::thread([this] { runTimer(); });
+  if (!timer_.joinable()) timer_ = std::thread([this] { runTimer(); });
 }
 
 void TimedLatch::close() {
-  std::lock_guard<std::mutex> outer(outerMutex_);
-  switchedOff_ = true;
+  std::thread timer;
   {
-    std::lock_guard<std::mutex> inner(innerMutex_);
-    cancel_ = true;
+    std::lock_guard<std::mutex> outer(outerMutex_);
+    switchedOff_ = true;
+    {
+      std::lock_guard<std::mutex> inner(innerMutex_);
+      stop_ = true;
+    }
+    timer = std::move(timer_);
   }
   cv_.notify_all();
-  if (timer_.joinable()) {
-    if (timer_.get_id() == std::this_thread::get_id()) {
-      timer_.detach();  // the last owner let go inside the second callback
+  if (timer.joinable()) {
+    if (timer.get_id() == std::this_thread::get_id()) {
+      timer.detach();  // the last owner let go inside the second callback
     } else {
-      timer_.join();
+      timer.join();
     }
   }
 }
@@ -83,22 +93,30 @@ bool TimedLatch::isClosed() const {
 }
 
 void TimedLatch::runTimer() {
-  try {
-    bool expired = false;
-    {
-      std::unique_lock<std::mutex> lock(innerMutex_);
-      for (;;) {
-        waiter_->waitFor(lock, cv_, timeout_, [this] { return cancel_; });
-        expired = !cancel_;
-        if (!expired || !holdWhile_ || !holdWhile_()) break;
-      }
+  std::unique_lock<std::mutex> lock(innerMutex_);
+  for (;;) {
+    cv_.wait(lock, [this] { return stop_ || armed_; });
+    if (stop_) return;
+    std::uint64_t const generation = generation_;
+    waiter_->waitFor(lock, cv_, timeout_, [&] { return stop_ || generation_ != generation; });
+    if (stop_) return;
+    // Triggered again meanwhile (or about to be): a full time-out from that trigger.
+    if (generation_ != generation || triggering_ > 0) continue;
+    if (holdWhile_ && holdWhile_()) continue;
+    armed_ = false;
+    inCallback_ = true;
+    lock.unlock();
+    try {
+      // Called without the inner mutex: a trigger arriving now waits only for this call.
+      secondCallback_();
+    } catch (std::exception const& e) {
+      getLogger().log(foundation::log::Diagnostic, std::string("Exception caught: ") + e.what());
+    } catch (...) {
+      getLogger().log(foundation::log::Diagnostic, "Exception caught: unknown exception");
     }
-    // Called without the inner mutex, so a trigger arriving now is not held up by it.
-    if (expired) secondCallback_();
-  } catch (std::exception const& e) {
-    getLogger().log(foundation::log::Diagnostic, std::string("Exception caught: ") + e.what());
-  } catch (...) {
-    getLogger().log(foundation::log::Diagnostic, "Exception caught: unknown exception");
+    lock.lock();
+    inCallback_ = false;
+    idle_.notify_all();
   }
 }
 

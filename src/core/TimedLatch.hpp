@@ -2,12 +2,15 @@
 // overlay itself changes the inner provider.
 //
 // trigger() calls the first callback at once (the provider passes EventListener::pause)
-// and (re)starts the timer; the second callback (EventListener::unpause) runs on the
-// timer thread once the time-out has passed with no further trigger. Every trigger
-// cancels the pending timer, joins its thread and starts a new one, so the listener
-// resumes only a full time-out after the last trigger. close() (at provider shutdown)
-// switches the latch off for good: the pending timer is stopped and joined, the second
-// callback is not called, and later triggers do nothing.
+// and (re)arms the timer; the second callback (EventListener::unpause) runs on the timer
+// thread once the time-out has passed with no further trigger, so the listener resumes
+// only a full time-out after the last trigger. One timer thread serves every trigger: it
+// starts at the first and waits for the next arming after each resumption (a mutation
+// or a write triggers the latch, and a thread started and joined per trigger cost more
+// than the rest of a cached write). A trigger that meets a resumption under way waits
+// for it to end, so a pause never precedes the resumption it should have cancelled.
+// close() (at provider shutdown) switches the latch off for good: the timer thread is
+// stopped and joined, the second callback is not called, and later triggers do nothing.
 //
 // Waiting is injectable: the timer thread waits through a `Waiter`. The default
 // (ConditionWaiter) waits on the latch's condition variable with wait_for, measuring the
@@ -16,11 +19,13 @@
 // has passed, so "a full time-out without a trigger" is driven by hand, not by sleeping.
 //
 // Thread safety: trigger() and close() may be called from any thread; triggers are
-// serialised by `outerMutex_`. Neither may be called from the second callback (they join
-// the timer thread the callback runs on).
+// serialised by `outerMutex_`. trigger() must not be called from either callback (it
+// waits for the second to end); close() from the second callback (the latch's last owner
+// letting go there) leaves the timer thread to end by itself.
 #pragma once
 
 #include <chrono>
+#include <cstdint>
 #include <condition_variable>
 #include <functional>
 #include <memory>
@@ -74,12 +79,13 @@ class TimedLatch {
   TimedLatch(TimedLatch const&) = delete;
   TimedLatch& operator=(TimedLatch const&) = delete;
 
-  // Unless closed: calls the first callback on this thread (its exceptions propagate),
-  // then cancels and joins the pending timer thread, if any, and starts a new one.
+  // Unless closed: waits for a resumption under way to end, calls the first callback on
+  // this thread (its exceptions propagate, and the timer is then not re-armed), then arms
+  // the timer for a full time-out from now, starting the timer thread at the first call.
   // Throws std::system_error if the timer thread cannot be started.
   void trigger();
 
-  // Switches the latch off, stops the pending timer and joins its thread. The second
+  // Switches the latch off, stops the timer and joins its thread. A pending second
   // callback is not called. Idempotent.
   void close();
 
@@ -95,11 +101,16 @@ class TimedLatch {
   std::chrono::milliseconds const timeout_;
   std::shared_ptr<Waiter> const waiter_;
   std::function<bool()> const holdWhile_;
-  std::thread timer_;           // guarded by outerMutex_
-  std::condition_variable cv_;  // the timer thread sleeps on it, under innerMutex_
-  bool cancel_ = false;         // guarded by innerMutex_
-  bool switchedOff_ = false;    // guarded by outerMutex_
-  std::mutex innerMutex_;       // guards cancel_; held by the timer thread while it waits
+  std::thread timer_;               // guarded by outerMutex_
+  std::condition_variable cv_;      // the timer thread sleeps on it, under innerMutex_
+  std::condition_variable idle_;    // a resumption ended; triggers wait on it
+  std::uint64_t generation_ = 0;    // guarded by innerMutex_: triggers that armed the timer
+  int triggering_ = 0;              // guarded by innerMutex_: triggers between pause and arming
+  bool armed_ = false;              // guarded by innerMutex_: a resumption is due
+  bool inCallback_ = false;         // guarded by innerMutex_: the second callback runs
+  bool stop_ = false;               // guarded by innerMutex_: the timer thread must end
+  bool switchedOff_ = false;        // guarded by outerMutex_
+  std::mutex innerMutex_;           // guards the fields above it; held by the timer thread while it waits
   mutable std::mutex outerMutex_;  // serialises trigger() and close(); guards timer_, switchedOff_
 };
 

@@ -119,8 +119,8 @@ TEST(TimedLatchTest, PausesAtOnceAndResumesAFullTimeOutAfterTheLastTrigger) {
   EXPECT_EQ(1, pauses.calls()) << "paused on the caller's thread, before trigger returns";
   waiter->waitBegun(1);
 
-  // Each trigger cancels the pending timer and joins it before starting the next, so by
-  // the time it returns the cancelled timer has ended without resuming anything.
+  // Each trigger re-arms the timer: the wait under way ends without resuming anything and
+  // a full time-out begins again.
   latch.trigger();
   EXPECT_EQ(2, pauses.calls());
   waiter->waitBegun(2);
@@ -132,7 +132,7 @@ TEST(TimedLatchTest, PausesAtOnceAndResumesAFullTimeOutAfterTheLastTrigger) {
   waiter->expire();  // a full time-out after the last trigger
   unpauses.waitFor(1);
   EXPECT_EQ(1, unpauses.calls());
-  EXPECT_EQ(3, waiter->begun()) << "one timer per trigger";
+  EXPECT_EQ(3, waiter->begun()) << "one wait per trigger";
   for (auto timeout : waiter->timeouts()) EXPECT_EQ(std::chrono::milliseconds(250), timeout);
 
   // The latch is one-shot per trigger and can be triggered again.
