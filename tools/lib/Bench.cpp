@@ -225,8 +225,6 @@ class Bench {
   }
 
   // Microseconds per call of fileExists and getFileAttributes over the first `count` burst
-  // files, `rounds` times.
-  // Microseconds per call of fileExists and getFileAttributes over the first `count` burst
   // files, for each of `rounds` rounds, in round order.
   std::vector<double> statMicros(StorageItem const& root, unsigned count, unsigned rounds) {
     std::vector<StorageItem> items;
