@@ -32,7 +32,6 @@ FlushGate::Pass FlushGate::enter() {
       changed_.wait(lock, [&] { return !closed_; });
       --waiting_;
     }
-    ++entered_;
     ++inside_;
   }
   passages.push_back(this);
@@ -73,17 +72,6 @@ void FlushGate::open() {
 std::size_t FlushGate::inside() const {
   std::lock_guard lock(mutex_);
   return inside_;
-}
-
-FlushGate::Mark FlushGate::mark() const {
-  auto const own = static_cast<std::size_t>(std::count(passages.begin(), passages.end(), this));
-  std::lock_guard lock(mutex_);
-  return Mark{entered_, inside_ - own};
-}
-
-bool FlushGate::changedSince(Mark const& mark) const {
-  std::lock_guard lock(mutex_);
-  return mark.othersInside != 0 || entered_ != mark.entered;
 }
 
 std::size_t FlushGate::waiting() const {

@@ -2,7 +2,6 @@
 
 #include <condition_variable>
 #include <cstddef>
-#include <cstdint>
 #include <mutex>
 
 namespace storage::overlayprovider {
@@ -13,7 +12,7 @@ namespace storage::overlayprovider {
 // A flush drains the queue and then empties both caches, so that the next access reads
 // the inner store afresh. An operation that changed the caches after the drain but
 // queued its transaction only after the caches were emptied (or that queued it after the
-// drain's marker) would vanish from what callers see until its transaction reached the
+// drain) would vanish from what callers see until its transaction reached the
 // store: a removed file would be listed again, a created one would be missing. Every
 // operation that changes the caches or queues work therefore passes through the gate for
 // its whole length, and a flush closes the gate: operations that arrive meanwhile wait,
@@ -52,12 +51,6 @@ class FlushGate {
     FlushGate* gate_;
   };
 
-  // What had passed the gate at one moment, for changedSince().
-  struct Mark {
-    std::uint64_t entered = 0;     // passages begun so far
-    std::size_t othersInside = 0;  // operations of other threads inside then
-  };
-
   // Waits while a flush holds the gate closed (unless this thread is already inside),
   // then counts the caller in.
   Pass enter();
@@ -65,12 +58,6 @@ class FlushGate {
   // another thread is inside (a flush run by an operation, as the fallback after a caching
   // failure is, does not wait for its own passage).
   Closed close();
-
-  // Notes what has passed so far; a flush takes it before it drains the queue.
-  Mark mark() const;
-  // Whether an operation may have changed the caches, or queued work, after `mark` was
-  // taken: one (of another thread) was inside then, or one has entered since.
-  bool changedSince(Mark const& mark) const;
 
   // For tests: operations inside the gate, operations and flushes waiting at it (for
   // another flush to open it), and whether a flush
@@ -83,9 +70,8 @@ class FlushGate {
   void leave();
   void open();
 
-  mutable std::mutex mutex_;        // guards entered_, inside_, waiting_ and closed_
+  mutable std::mutex mutex_;        // guards inside_, waiting_ and closed_
   std::condition_variable changed_;  // an operation left or the gate opened
-  std::uint64_t entered_ = 0;
   std::size_t inside_ = 0;
   std::size_t waiting_ = 0;
   bool closed_ = false;

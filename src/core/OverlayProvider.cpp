@@ -898,7 +898,6 @@ void OverlayProvider::doFlushFilesystemImpl() const {
   // While this flush waits, close transactions hand it their reads of attributes back
   // into records (see WorkingFileEntry): it drops those records below, or makes the reads.
   std::vector<FlushAttributeReads::Read> deferredReads;
-  auto const before = flushGate_.mark();
   if (auto executor = this->executor()) {
     flushReads_->beginWaiting();
     try {
@@ -914,16 +913,21 @@ void OverlayProvider::doFlushFilesystemImpl() const {
   // The caches are emptied only when they hold nothing the store lacks. A stream still
   // open for writing holds changes that are not in the store yet (what it has written
   // since its last payload, and its close), and so does an operation that changed the
-  // caches while the queue drained (its transaction came after the drain): emptying the
+  // caches just as the queue ran dry and queued its transaction after: emptying the
   // caches then would show the store's older state, and leave the stream with an entry
-  // the cache no longer knows. The caches are then kept; everything acknowledged before
-  // the flush has reached the store all the same. The gate keeps operations from
-  // changing the caches between this test and the emptying.
+  // the cache no longer knows. The gate keeps operations out while this is decided; what
+  // they queued before it closed is drained once more (normally nothing), and the caches
+  // are kept if a change of the overlay's own is still on its way after that (one queued
+  // by a stream's close meanwhile). Everything acknowledged before the flush has reached
+  // the store either way.
   {
     auto const closed = flushGate_.close();
     bool writing = false;
     updateContentCache([&] { writing = contentCache_->hasEntryOpenForWriting(); });
-    bool const queued = flushGate_.changedSince(before);
+    if (!writing) {
+      if (auto executor = this->executor()) executor->waitForPendingToFinish();
+    }
+    bool const queued = executorHandle_->changesInFlight() > 0;
     if (writing || queued) {
       for (auto const& read : deferredReads) read();
       getLogger().log(Severity::Debug, writing ? "Caches kept: a stream is open for writing"

@@ -139,32 +139,3 @@ TEST(FlushGate, TwoFlushesTakeTurnsAndPassagesMovedFromLeaveOnce) {
   EXPECT_EQ(2, closedBy.load());
   EXPECT_FALSE(gate.isClosed());
 }
-
-TEST(FlushGate, AMarkTellsWhetherAnyOperationCouldHaveChangedSomethingSinceIt) {
-  FlushGate gate;
-  auto const quiet = gate.mark();
-  EXPECT_FALSE(gate.changedSince(quiet));
-  { auto pass = gate.enter(); }
-  EXPECT_TRUE(gate.changedSince(quiet)) << "one entered since";
-
-  // An operation inside when the mark is taken may queue its work after it.
-  std::promise<void> leave;
-  std::atomic<bool> entered{false};
-  std::thread inside([&] {
-    auto pass = gate.enter();
-    entered = true;
-    leave.get_future().wait();
-  });
-  until([&] { return entered.load(); });
-  auto const busy = gate.mark();
-  leave.set_value();
-  inside.join();
-  EXPECT_TRUE(gate.changedSince(busy));
-
-  // The thread's own passage (a flush run inside an operation) does not count.
-  auto own = gate.enter();
-  auto const mine = gate.mark();
-  EXPECT_FALSE(gate.changedSince(mine));
-  auto closed = gate.close();  // does not wait for its own passage either
-  EXPECT_TRUE(gate.isClosed());
-}
