@@ -72,7 +72,10 @@ TEST_F(OverlayMetadataCacheTest, TheFirstOperationStartsPopulationAndFlushWaitsF
   EXPECT_TRUE(exists.get());
   flusher.join();
   EXPECT_EQ(store->calls(Operation::ListAllRecursive), 1u);
-  EXPECT_TRUE(provider.metadataCache()->cachedFolders().empty()) << "flushed after the population ended";
+  // The flush emptied what the population filled. The query, released together with it,
+  // may have looked at the root again after the flush, and only at the root.
+  auto const cached = provider.metadataCache()->cachedFolders();
+  EXPECT_TRUE(cached.empty() || cached == std::vector<StorageIRI>{iri(u"")}) << "flushed after the population ended";
 
   provider.metadataCache()->loadAndGetFolderContainer(iri(u"d"));
   provider.doInvalidate(overlay(u"/d/a.txt"));
