@@ -288,8 +288,8 @@ class OverlayProvider : public fsp::IConfigurableProvider,
   std::atomic<bool> synchronous_{false};
   mutable std::shared_ptr<IQuotaAccountant> quota_;  // written once under initOnce_, then read
   mutable PathLocks pathLocks_;
-  // Held closed by doFlushFilesystem; passed by every operation that changes the caches
-  // or queues work (see FlushGate).
+  // Closed by a flush once the queue has drained, while it decides whether to empty the
+  // caches; passed by every operation that changes the caches or queues work (FlushGate).
   mutable FlushGate flushGate_;
   mutable std::shared_ptr<EventListener> eventListener_;  // written once under initOnce_, then read
   mutable std::shared_ptr<TimedLatch> timedLatch_;  // written once under initOnce_, then read
