@@ -281,25 +281,56 @@ void WorkingFileEntry::enqueueOpenOperation(ObservableTransactionType type, fsp:
 WorkingFileEntry::ByteStreamPtr WorkingFileEntry::openProviderStream(fsp::StorageIRI const& location, bool forWriting,
                                                                      fsp::ByteStreamOpenOptions const& options,
                                                                      std::uint64_t generation) {
-  std::lock_guard lock(providerStreamMutex_);
+  std::unique_lock lock(providerStreamMutex_);
   // Opened and closed again before this transaction ran: nobody is left to use it.
   if (generation <= closedGeneration_) return providerStream_;
   bool const reusable = providerStream_ && (!forWriting || (providerStreamWritable_ && !options.truncate));
-  if (!reusable) {
-    if (providerStream_) {
-      try {
-        providerStream_->close();
-      } catch (...) {
-        logFailure("Unexpected exception during close operation");
-      }
-      providerStream_.reset();
-    }
-    fsp::StorageItem const item = innerItemFor(location);
-    providerStream_ = forWriting ? ByteStreamPtr(item.openStream(options)) : ByteStreamPtr(item.openReadOnlyStream());
-    providerStreamWritable_ = forWriting;
+  if (reusable) {
+    streamGeneration_ = std::max(streamGeneration_, generation);
+    return providerStream_;
   }
-  streamGeneration_ = std::max(streamGeneration_, generation);
+  closeProviderStreamQuietly();
+  fsp::StorageItem const item = innerItemFor(location);
+  if (forWriting) {
+    providerStream_ = ByteStreamPtr(item.openStream(options));
+    providerStreamWritable_ = true;
+    streamGeneration_ = std::max(streamGeneration_, generation);
+    return providerStream_;
+  }
+
+  // A read-only open runs without the lock: a reader whose bytes all come from the cache
+  // closes its stream before the store has answered, and must not wait for the answer.
+  // Whoever closes meanwhile only raises closedGeneration_; the stream opened here is then
+  // closed again here.
+  lock.unlock();
+  ByteStreamPtr opened(item.openReadOnlyStream());
+  lock.lock();
+  if (generation <= closedGeneration_ || streamGeneration_ > generation) {
+    lock.unlock();
+    try {
+      opened->close();
+    } catch (...) {
+      logFailure("Unexpected exception during close operation");
+    }
+    lock.lock();
+    return providerStream_;
+  }
+  closeProviderStreamQuietly();
+  providerStream_ = std::move(opened);
+  providerStreamWritable_ = false;
+  streamGeneration_ = generation;
   return providerStream_;
+}
+
+void WorkingFileEntry::closeProviderStreamQuietly() {
+  if (!providerStream_) return;
+  try {
+    providerStream_->close();
+  } catch (...) {
+    logFailure("Unexpected exception during close operation");
+  }
+  providerStream_.reset();
+  providerStreamWritable_ = false;
 }
 
 WorkingFileEntry::OpenOperation WorkingFileEntry::currentOpenOperation() const {

@@ -450,7 +450,8 @@ class WorkingFileEntry : public std::enable_shared_from_this<WorkingFileEntry> {
   // The body of an open transaction: reuses or (re)opens the inner stream for
   // `location` and marks it as claimed by open number `generation`. Opens nothing when
   // the callers of that open have all closed it already. Takes providerStreamMutex_,
-  // never mutex_.
+  // never mutex_; a read-only open releases it while the store opens the file (and
+  // closes what it opened when its callers closed meanwhile or a later open took over).
   ByteStreamPtr openProviderStream(foundation::storage::provider::StorageIRI const& location, bool forWriting,
                                    foundation::storage::provider::ByteStreamOpenOptions const& options,
                                    std::uint64_t generation);
@@ -464,6 +465,9 @@ class WorkingFileEntry : public std::enable_shared_from_this<WorkingFileEntry> {
   // `generation` has claimed it. Caller holds providerStreamMutex_. Passes on what the
   // inner close throws (the stream is dropped anyway).
   void closeProviderStreamUnlessReclaimed(std::uint64_t generation);
+  // Closes and drops the inner stream, whoever claimed it; close failures are logged.
+  // Caller holds providerStreamMutex_.
+  void closeProviderStreamQuietly();
   // Closes and drops the inner stream now (as above), then thaws `metadata`. Caller
   // holds no entry mutex. Close failures are logged.
   void closeProviderStreamNow(std::shared_ptr<FileMetadata> const& metadata, std::uint64_t generation);

@@ -87,6 +87,12 @@ class Signal {
     std::lock_guard<std::mutex> lock(mutex_);
     return set_;
   }
+  // As wait(), but gives up after `timeout`; for tests that would rather fail than hang
+  // when the signal never comes.
+  bool waitFor(std::chrono::milliseconds timeout) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    return changed_.wait_for(lock, timeout, [this] { return set_; });
+  }
 
  private:
   std::mutex mutex_;

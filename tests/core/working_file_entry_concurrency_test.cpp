@@ -137,6 +137,50 @@ TEST_F(WorkingFileEntryConcurrencyTest, AnAbortReleasesAWaitForTheOpen) {
   backend->join();
 }
 
+// A reader whose bytes all come from the cache closes its stream while the store is
+// still opening the file for it: the close returns at once, and the stream the store
+// hands over afterwards is closed by the open itself. The second opening for writing
+// then gets a stream of its own.
+TEST_F(WorkingFileEntryConcurrencyTest, AReadOnlyCloseDoesNotWaitForTheStoreToOpen) {
+  store->elsewhere().writeFile(u"/c", "cached content");
+  auto backend = std::make_shared<ovl::BackendExecutor>([] {}, 0.0);
+  auto entry = makeEntry(u"/c", WorkingFileEntryParams(64, 64), backend, {});
+  entry->openReadOnly();
+  EXPECT_EQ(readAt(*entry, 0, 14), "cached content");  // fetched once into the cache
+  entry->flushContentCache();
+  backend->waitForPendingToFinish();
+
+  auto& gate = store->gate(providers::mem::Operation::OpenReadOnlyStream);
+  gate.close();
+  store->resetCounters();
+  entry->openReadOnly();
+  ASSERT_TRUE(gate.waitForWaiters(1, 30s));  // the open transaction is held in the store
+  EXPECT_EQ(readAt(*entry, 0, 14), "cached content");
+  Signal closed;
+  std::thread closer([&] {
+    entry->flushContentCache();
+    closed.set();
+  });
+  bool const closedWhileHeld = closed.waitFor(30s);  // a guard against a hang, not a timing
+  EXPECT_TRUE(closedWhileHeld) << "the close waited for the store's open";
+  EXPECT_EQ(store->calls(providers::mem::Operation::Close), 0u);
+
+  gate.open();
+  closer.join();
+  backend->waitForPendingToFinish();
+  EXPECT_EQ(store->calls(providers::mem::Operation::OpenReadOnlyStream), 1u);
+  EXPECT_EQ(store->calls(providers::mem::Operation::Close), 1u);  // closed by the open itself
+  EXPECT_EQ(store->calls(providers::mem::Operation::Read), 0u);
+
+  entry->openReadWrite({});
+  entry->write(0, "CACHED", 6);
+  entry->flushContentCache();
+  backend->waitForPendingToFinish();
+  EXPECT_EQ(store->contentOf(u"/c"), "CACHED content");
+  backend->shutdown(false);
+  backend->join();
+}
+
 // Four writers, each through its own stream, fill disjoint quarters of a file in
 // shuffled 1000-byte chunks while two readers read random ranges. A reader may see any
 // byte either as it was or as written, never anything else; at the end the store holds
