@@ -300,15 +300,16 @@ StorageIRI StorageIRI::withPath(std::u16string const& path) const {
 
 PathView StorageIRI::getPathView() const { return PathView(splitSegments(path_)); }
 
-StorageIRI StorageIRI::getResolvedIRI() const {
+StorageIRI StorageIRI::getResolvedIRI() const& { return StorageIRI(*this).getResolvedIRI(); }
+
+StorageIRI StorageIRI::getResolvedIRI() && {
   auto path = resolvePath(path_);
-  StorageIRI result = *this;
-  if (path == path_ && isAsciiLowerCase(scheme_) && isAsciiLowerCase(authority_)) return result;
-  result.scheme_ = asciiLower(scheme_);
-  result.authority_ = asciiLower(authority_);
-  result.path_ = std::move(path);
-  result.render();
-  return result;
+  if (path == path_ && isAsciiLowerCase(scheme_) && isAsciiLowerCase(authority_)) return std::move(*this);
+  scheme_ = asciiLower(scheme_);
+  authority_ = asciiLower(authority_);
+  path_ = std::move(path);
+  render();
+  return std::move(*this);
 }
 
 bool StorageIRI::isAncestorOf(StorageIRI const& other) const {

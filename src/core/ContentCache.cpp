@@ -288,10 +288,21 @@ void ContentCache::invalidateOldEntry(StorageIRI const& location, std::string co
 
 std::shared_ptr<WorkingFileEntry> ContentCache::currentEntry(StorageIRI const& location,
                                                             std::string const& watermark) const {
+  return currentEntryIf(location, [&] { return watermark; });
+}
+
+std::shared_ptr<WorkingFileEntry> ContentCache::currentEntry(StorageIRI const& location,
+                                                            FileMetadata const& record) const {
+  return currentEntryIf(location, [&] { return record.getWatermark(); });
+}
+
+template <class Watermark>
+std::shared_ptr<WorkingFileEntry> ContentCache::currentEntryIf(StorageIRI const& location,
+                                                              Watermark const& watermark) const {
   std::lock_guard lock(mutex_);
   auto it = entries_.find(location);
   if (it == entries_.end()) return nullptr;
-  if (!it->second->hasDifferentWatermark(watermark)) return it->second;
+  if (!it->second->hasDifferentWatermark(watermark())) return it->second;
   it->second->removeCachedEntry();
   dispose(std::move(it->second));
   entries_.erase(it);

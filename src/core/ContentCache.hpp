@@ -140,6 +140,9 @@ class ContentCache {
   // it makes nothing on disk, and with no entry registered it touches nothing at all.
   // Passes on what reading the entry's watermark throws.
   std::shared_ptr<WorkingFileEntry> currentEntry(StorageIRI const& location, std::string const& watermark) const;
+  // As above with the watermark of `record`, read only when an entry is registered (a
+  // query about a file that no one has opened costs one look-up).
+  std::shared_ptr<WorkingFileEntry> currentEntry(StorageIRI const& location, FileMetadata const& record) const;
 
   // Drops the entry of `location`, if any: it finishes its pending open, is aborted when
   // `abort` is set, learns that it was invalidated, and goes to the recycle bin. Its cache
@@ -192,6 +195,10 @@ class ContentCache {
 
  private:
   using EntryPtr = std::shared_ptr<WorkingFileEntry>;
+
+  // currentEntry with the watermark asked of `watermark()` only when an entry is found.
+  template <class Watermark>
+  EntryPtr currentEntryIf(StorageIRI const& location, Watermark const& watermark) const;
 
   // ---- `mutex_` held by the caller -----------------------------------------------------
   void doLazyInitialize() const;

@@ -51,9 +51,9 @@ std::shared_ptr<FolderMetadata> IFolderEntry::getMetadata() const {
 
 std::size_t IFolderEntry::lowerCaseHash(fsp::StorageIRI const& iri) { return lowerCaseHashOf(iri); }
 
-IFolderEntry::Children::iterator IFolderEntry::find(fsp::StorageIRI const& iri, CheckType type,
+IFolderEntry::Children::iterator IFolderEntry::find(std::u16string_view text, CheckType type,
                                                     bool caseSensitive) const {
-  auto const found = caseSensitive ? index_.findExact(iri) : index_.findFolded(iri);
+  auto const found = caseSensitive ? index_.findExact(text) : index_.findFolded(text);
   if (found != children_.end() && !fits(found->second, type)) return children_.end();
   return found;
 }
@@ -76,16 +76,24 @@ IFolderEntry::const_iterator IFolderEntry::getIteratorForFileOrFolderPath(fsp::S
 }
 
 std::shared_ptr<FileMetadata> IFolderEntry::getFileMetadata(fsp::StorageIRI const& iri, bool caseSensitive) const {
-  std::lock_guard lock(guard_);
-  doBuildFolder();
-  auto it = find(iri, CheckType::FILE, caseSensitive);
-  return it == children_.end() ? nullptr : std::get<0>(it->second);
+  return getFileMetadata(std::u16string_view(iri.toString()), caseSensitive);
 }
 
 std::shared_ptr<FolderMetadata> IFolderEntry::getFolderMetadata(fsp::StorageIRI const& iri, bool caseSensitive) const {
+  return getFolderMetadata(std::u16string_view(iri.toString()), caseSensitive);
+}
+
+std::shared_ptr<FileMetadata> IFolderEntry::getFileMetadata(std::u16string_view text, bool caseSensitive) const {
   std::lock_guard lock(guard_);
   doBuildFolder();
-  auto it = find(iri, CheckType::FOLDER, caseSensitive);
+  auto it = find(text, CheckType::FILE, caseSensitive);
+  return it == children_.end() ? nullptr : std::get<0>(it->second);
+}
+
+std::shared_ptr<FolderMetadata> IFolderEntry::getFolderMetadata(std::u16string_view text, bool caseSensitive) const {
+  std::lock_guard lock(guard_);
+  doBuildFolder();
+  auto it = find(text, CheckType::FOLDER, caseSensitive);
   return it == children_.end() ? nullptr : std::get<1>(it->second);
 }
 

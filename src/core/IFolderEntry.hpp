@@ -71,6 +71,10 @@ class IFolderEntry {
   // The child file / folder record at `iri`, or null.
   std::shared_ptr<FileMetadata> getFileMetadata(fsp::StorageIRI const& iri, bool caseSensitive) const;
   std::shared_ptr<FolderMetadata> getFolderMetadata(fsp::StorageIRI const& iri, bool caseSensitive) const;
+  // As above for the child whose IRI renders as `text`, for callers that hold only the
+  // text (an ancestor's, as a prefix of a descendant's) and need not build the IRI.
+  std::shared_ptr<FileMetadata> getFileMetadata(std::u16string_view text, bool caseSensitive) const;
+  std::shared_ptr<FolderMetadata> getFolderMetadata(std::u16string_view text, bool caseSensitive) const;
   // Case-sensitive presence tests.
   bool hasFileMetadata(fsp::StorageIRI const& iri) const;
   bool hasFolderMetadata(fsp::StorageIRI const& iri) const;
@@ -114,7 +118,10 @@ class IFolderEntry {
 
  private:
   // Guard held by the caller.
-  Children::iterator find(fsp::StorageIRI const& iri, CheckType type, bool caseSensitive) const;
+  Children::iterator find(std::u16string_view text, CheckType type, bool caseSensitive) const;
+  Children::iterator find(fsp::StorageIRI const& iri, CheckType type, bool caseSensitive) const {
+    return find(std::u16string_view(iri.toString()), type, caseSensitive);
+  }
   // Guard held by the caller: inserts `child` under `location` unless that key is present.
   void insertChild(fsp::StorageIRI location, FileOrFolderMetadata child) const;
   // Guard held by the caller: erases the child at `it`.

@@ -77,35 +77,44 @@ bool isKeyPath(std::u16string const& path) {
   return true;
 }
 
-// An IRI that getInnerMostURL returns unchanged, and so does for its parent.
-bool isPlainKey(StorageIRI const& iri) {
-  return !iri.hasInnerIRI() && iri.getAuthority().empty() && !iri.getQuery() && !iri.getFragment() &&
-         isKeyScheme(iri.getScheme()) && isKeyPath(iri.getPath());
+// An IRI that getInnerMostURL returns unchanged, and so does for its parent: with a key
+// scheme, a resolved path and no query or fragment, either plain without an authority,
+// or wrapped (not by the overlay's own scheme) around an IRI whose inner-most path is not
+// the root. The texts of its folders are prefixes of its own text.
+bool isKeyForm(StorageIRI const& iri) {
+  if (!isKeyScheme(iri.getScheme()) || !isKeyPath(iri.getPath()) || iri.getQuery() || iri.getFragment()) return false;
+  if (!iri.hasInnerIRI()) return iri.getAuthority().empty();
+  if (iri.getScheme() == u"overlay") return false;
+  StorageIRI const* innermost = &iri.getInnerIRI();
+  while (innermost->hasInnerIRI()) innermost = &innermost->getInnerIRI();
+  return innermost->getPath() != u"/";
 }
 
-// The text of the parent of a plain key that has a parent: the key's text without its
-// last segment ("mem:///a/b" -> "mem:///a", "mem:///a" -> "mem:///"), as the parent's
-// IRI would render it.
+// The text of the parent of a key (in key form) that has a parent: the key's text
+// without its last segment ("mem:///a/b" -> "mem:///a", "mem:///a" -> "mem:///",
+// "t:<mem:///r>/a" -> "t:<mem:///r>/"), as the parent's IRI would render it. The first form takes the text and where its path begins.
+std::u16string_view parentTextOf(std::u16string_view text, std::size_t pathStart) {
+  std::size_t const slash = text.rfind(u'/');
+  return text.substr(0, slash == pathStart ? pathStart + 1 : slash);
+}
 std::u16string_view parentTextOf(StorageIRI const& key) {
   std::u16string_view const text = key.toString();
-  std::u16string_view const path = key.getPath();
-  std::size_t const slash = path.rfind(u'/');
-  return text.substr(0, text.size() - path.size() + (slash == 0 ? 1 : slash));
+  return parentTextOf(text, text.size() - key.getPath().size());
 }
 
 }  // namespace
 
-StorageIRI MetadataCache::keyFor(StorageIRI const& iri) { return isPlainKey(iri) ? iri : getInnerMostURL(iri); }
+StorageIRI MetadataCache::keyFor(StorageIRI const& iri) { return isKeyForm(iri) ? iri : getInnerMostURL(iri); }
 
-// The key of an argument, without copying an argument that is already a plain key.
+// The key of an argument, without copying an argument that is already in key form.
 // Refers to the argument, which must outlive it.
 class MetadataCache::Key {
  public:
-  explicit Key(StorageIRI const& iri) : plain_(isPlainKey(iri)), key_(&iri) {
+  explicit Key(StorageIRI const& iri) : plain_(isKeyForm(iri)), key_(&iri) {
     if (!plain_) {
       mapped_ = getInnerMostURL(iri);
       key_ = &*mapped_;
-      plain_ = isPlainKey(*mapped_);
+      plain_ = isKeyForm(*mapped_);
     }
   }
   Key(Key const&) = delete;
@@ -390,7 +399,7 @@ template <class Record>
 std::optional<std::shared_ptr<Record>> MetadataCache::findBelowKnownFolders(StorageIRI const& iri,
                                                                            bool trigger) const {
   constexpr bool kFile = std::is_same_v<Record, FileMetadata>;
-  if (!isPlainKey(iri)) return std::nullopt;
+  if (!isKeyForm(iri)) return std::nullopt;
   CacheLock lock(*this);
   // triggerInvalidationProcess() would change the tree first: the slow way does that.
   if (trigger && !pending_.empty()) return std::nullopt;
@@ -404,20 +413,24 @@ std::optional<std::shared_ptr<Record>> MetadataCache::findBelowKnownFolders(Stor
     }
   }
   // Every folder above, nearest first, as far as (not including) the root: each must be
-  // known to the entry of its own parent, which must be cached and built.
-  StorageIRI folder = iri.getParent();
-  while (folder.hasParent()) {
-    IFolderEntry* const parent = builtEntryAt(parentTextOf(folder));
+  // known to the entry of its own parent, which must be cached and built. The folders
+  // of a key are keys whose texts are prefixes of the key's text.
+  std::u16string_view const text = iri.toString();
+  std::size_t const pathStart = text.size() - iri.getPath().size();
+  std::u16string_view folder = parentTextOf(text, pathStart);
+  while (folder.size() > pathStart + 1) {
+    std::u16string_view const above = parentTextOf(folder, pathStart);
+    IFolderEntry* const parent = builtEntryAt(above);
     if (parent == nullptr) return std::nullopt;
     if (!parent->getFolderMetadata(folder, caseSensitive_)) return std::shared_ptr<Record>();
-    folder = folder.getParent();
+    folder = above;
   }
-  IFolderEntry* const parent = builtEntryAt(parentTextOf(iri));
+  IFolderEntry* const parent = builtEntryAt(parentTextOf(text, pathStart));
   if (parent == nullptr) return std::nullopt;
   if constexpr (kFile) {
-    return parent->getFileMetadata(iri, caseSensitive_);
+    return parent->getFileMetadata(text, caseSensitive_);
   } else {
-    return parent->getFolderMetadata(iri, caseSensitive_);
+    return parent->getFolderMetadata(text, caseSensitive_);
   }
 }
 

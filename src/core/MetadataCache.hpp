@@ -123,13 +123,13 @@ class MetadataCache {
 
   // Queries that a provider makes on every call, answered under one hold of the cache
   // lock from cached entries whose listing is complete, without loading or waiting.
-  // For a key `iri` (an inner-most IRI of plain form, see keyFor) the answer is what
+  // For a key `iri` (an IRI already in key form, see keyFor) the answer is what
   //   "every folder above `iri` except the root is known (getFolderMetadata non-null),
   //    checked nearest first; then getFileMetadata(iri)"
   // gives, with `trigger` preceded by triggerInvalidationProcess() as hasFile does: the
   // record, or null when a folder above or the item itself is not known. Nothing
   // (std::nullopt) when that answer would need a folder listed or waited for, when
-  // `trigger` is set and invalidations are pending, or for an IRI not in plain key form:
+  // `trigger` is set and invalidations are pending, or for an IRI not in key form:
   // the caller then asks the slow way, which gives the same answer. Never calls the
   // inner store; takes the cache lock, then entry locks.
   std::optional<std::shared_ptr<FileMetadata>> findFileBelowKnownFolders(StorageIRI const& iri, bool trigger) const;
@@ -232,9 +232,11 @@ class MetadataCache {
   // ---- keys ---------------------------------------------------------------------------------
 
   // The key the cache files `iri` under: getInnerMostURL(iri). An IRI already in that
-  // form (no inner IRI, no authority, query or fragment, a lower-case scheme without "+",
-  // a resolved path of plain characters) is returned as it is, without the round trip
-  // through the network IRI that the mapping makes. Throws what getInnerMostURL throws.
+  // form (no query or fragment, a lower-case scheme without "+", a resolved path of plain
+  // characters, and either no inner IRI and no authority, or an inner IRI whose inner-most
+  // path is not the root under a scheme other than "overlay") is returned as it is,
+  // without the round trip through the network IRI that the mapping makes. Throws what
+  // getInnerMostURL throws.
   static StorageIRI keyFor(StorageIRI const& iri);
 
   // ---- inspection, for tests and tools ---------------------------------------------------
@@ -304,7 +306,7 @@ class MetadataCache {
   class Key;
   // Loads the folder's entry and waits for its listing; takes and releases guard_.
   std::shared_ptr<IFolderEntry> doLoadAndGetFolderContainer(StorageIRI const& iri) const;
-  // doLoadAndGetFolderContainer of the parent of `key` (which has one); a plain key's
+  // doLoadAndGetFolderContainer of the parent of `key` (which has one); a key-form key's
   // parent is found by its text, without building the parent's IRI.
   std::shared_ptr<IFolderEntry> loadParentEntry(Key const& key) const;
   // Lists the folder at `key` (a key) into a fresh entry, waits for it, then inserts it

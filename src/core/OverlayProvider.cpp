@@ -317,7 +317,7 @@ std::shared_ptr<FileMetadata> OverlayProvider::getFileMetadata(StorageIRI const&
   auto record = fileRecord(inner);
   if (!record) return nullptr;
   try {
-    auto entry = contentCache_->currentEntry(inner, record->getWatermark());
+    auto entry = contentCache_->currentEntry(inner, *record);
     // Without an entry (or with a stale one, now dropped) a new entry would carry this
     // very record; the answer is the record, and no entry is made for a mere query.
     if (!entry) return record;

@@ -196,7 +196,10 @@ TEST(LocationIndexTest, KeyForAgreesWithTheMappingAndKeepsPlainKeysAsTheyAre) {
        {u"mem:///a/b.txt", u"mem:///", u"mem:///\u00E4/\U0001F600", u"mem:///a b/c", u"mem://s1/a", u"MEM:///a",
         u"mem:///a/./b", u"mem:///a/../b", u"mem:///a//b", u"mem:///a/", u"mem:///a?q", u"mem:///a#f",
         u"sync+mem:///a", u"overlay:<mem://s1/>/x/y", u"overlay:<overlay:<mem://s1/>/>/x", u"throttle:<mem://s1/>/x",
-        u"overlay:<mem://s1/sub>/x", u"file:///srv/%41", u"file:///a\\b", u"mem:///..", u"mem:///.hidden/a..b"}) {
+        u"overlay:<mem://s1/sub>/x", u"file:///srv/%41", u"file:///a\\b", u"mem:///..", u"mem:///.hidden/a..b",
+        u"throttle:<mem://s1/sub>/x/y", u"throttle:<file:///tmp/Bench.X/overlay>/a/b.dat", u"THROTTLE:<mem:///r>/a",
+        u"throttle:<mem:///r>/a/../b", u"throttle:<mem:///r>/a/", u"sync+t:<mem:///r>/a", u"t:<throttle:<mem:///r>/>/a",
+        u"t:<throttle:<mem:///>/r>/a", u"throttle:<mem:///r>/", u"overlay:<throttle:<mem:///r>/>/a"}) {
     StorageIRI const iri(text);
     EXPECT_EQ(MetadataCache::keyFor(iri), getInnerMostURL(iri)) << iri;
   }

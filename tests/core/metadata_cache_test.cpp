@@ -296,6 +296,29 @@ TEST_F(MetadataCacheTest, AFolderThatVanishedOnTheInnerSideIsDroppedWithItsCache
   EXPECT_FALSE(cache.hasFolder(iri(u"d/sub")));
 }
 
+// Keys of an inner store that is itself wrapped (a throttle over a folder of another
+// store) keep their wrapped form; the lookups from cached folders work on them too.
+TEST_F(MetadataCacheTest, KnownFolderLookupsWorkOnWrappedKeys) {
+  auto wrapped = [](std::u16string const& path) { return StorageIRI(u"throttle:<mem:///r>/" + path); };
+  ASSERT_EQ(MetadataCache::keyFor(wrapped(u"d/a.txt")), wrapped(u"d/a.txt"));
+  EXPECT_EQ(cache.findFileBelowKnownFolders(wrapped(u"d/a.txt"), false), std::nullopt);
+
+  ASSERT_NE(cache.getFolderMetadata(wrapped(u"d")), nullptr);  // lists the root and /d
+  auto const a = cache.getFileMetadata(wrapped(u"d/a.txt"));
+  ASSERT_NE(a, nullptr);
+  auto const listings = store->calls(Operation::ListAll);
+  EXPECT_EQ(cache.findFileBelowKnownFolders(wrapped(u"d/a.txt"), true), a);
+  EXPECT_EQ(cache.findFolderBelowKnownFolders(wrapped(u"d"), false), cache.getFolderMetadata(wrapped(u"d")));
+  EXPECT_EQ(cache.findFolderBelowKnownFolders(wrapped(u""), false), cache.getFolderMetadata(wrapped(u"")));
+  EXPECT_EQ(cache.findFileBelowKnownFolders(wrapped(u"top.txt"), false), cache.getFileMetadata(wrapped(u"top.txt")));
+  EXPECT_EQ(cache.findFileBelowKnownFolders(wrapped(u"d/none.txt"), false), std::shared_ptr<FileMetadata>());
+  EXPECT_EQ(cache.findFileBelowKnownFolders(wrapped(u"nowhere/x.txt"), false), std::shared_ptr<FileMetadata>());
+  EXPECT_EQ(cache.findFileBelowKnownFolders(wrapped(u"d/sub/c.txt"), false), std::nullopt);
+  EXPECT_EQ(store->calls(Operation::ListAll), listings) << "answers come from what is cached";
+  // The plain keys of the same store are other keys, with folders of their own.
+  EXPECT_EQ(cache.findFileBelowKnownFolders(iri(u"d/a.txt"), false), std::nullopt);
+}
+
 TEST_F(MetadataCacheTest, KnownFolderLookupsAnswerAsTheWalkDoesOrLeaveItToTheWalk) {
   auto const ListAll = Operation::ListAll;
   // The walk the provider makes: every folder above known (nearest first, root

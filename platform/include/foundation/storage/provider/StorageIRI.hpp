@@ -114,8 +114,10 @@ class StorageIRI {
 
   // Removes "." and ".." segments (".." above the root stays at the root), collapses
   // repeated slashes, removes a trailing slash except on "/", lower-cases scheme and
-  // authority. A wrapped IRI resolves its outer path only.
-  StorageIRI getResolvedIRI() const;
+  // authority. A wrapped IRI resolves its outer path only. The second form reuses a
+  // temporary that is resolved already instead of copying it.
+  StorageIRI getResolvedIRI() const&;
+  StorageIRI getResolvedIRI() &&;
 
   // Same scheme and authority (compared case-insensitively), same inner IRI text, and
   // `other`'s path segments strictly extend ours. Paths are compared as written ("." and
