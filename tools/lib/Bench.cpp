@@ -24,6 +24,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iomanip>
+#include <limits>
 #include <optional>
 #include <random>
 #include <sstream>
@@ -83,8 +84,14 @@ std::string number(double value) {
   return text.str();
 }
 
+// A read from the page cache takes a few milliseconds, in which the other work of a
+// shared machine weighs heavily: both sides of the cached re-read are the best of
+// this many passes.
+constexpr int kRereadPasses = 5;
+
 // Reads a local file with read(2) in 1 MiB pieces, after one read to bring it into the
-// page cache: what the local disk (and cache) give for a file of that size.
+// page cache: what the local disk (and cache) give for a file of that size, best of
+// kRereadPasses.
 double localReadMBps(std::filesystem::path const& path) {
   std::string buffer(std::size_t{1} << 20, '\0');
   auto pass = [&] {
@@ -96,9 +103,13 @@ double localReadMBps(std::filesystem::path const& path) {
     return total;
   };
   pass();
-  auto const start = Clock::now();
-  auto const bytes = pass();
-  return static_cast<double>(bytes) / 1e6 / since(start);
+  double best = 0;
+  for (int i = 0; i < kRereadPasses; ++i) {
+    auto const start = Clock::now();
+    auto const bytes = pass();
+    best = std::max(best, static_cast<double>(bytes) / 1e6 / since(start));
+  }
+  return best;
 }
 
 class Bench {
@@ -194,9 +205,13 @@ class Bench {
     first.goal = "overlay within 10 % of the store's own read";
     figures.push_back(first);
 
-    Figure again{"cached_reread", "re-read of the same file", "MB/s", true};
+    Figure again{"cached_reread", "re-read of the same file (overlay, disk: best of " + std::to_string(kRereadPasses) + ")", "MB/s", true};
     again.direct = megabytes / timedRead(below(direct, u"/large.bin"), "re-read (direct)");
-    again.overlay = megabytes / timedRead(below(overlay, u"/large.bin"), "re-read (overlay)");
+    double fastest = std::numeric_limits<double>::infinity();
+    for (int i = 0; i < kRereadPasses; ++i) {
+      fastest = std::min(fastest, timedRead(below(overlay, u"/large.bin"), "re-read (overlay)"));
+    }
+    again.overlay = megabytes / fastest;
     again.limit = localReadMBps(folder_ / "local.bin");
     again.goal = "overlay at least 80 % of the local disk's read";
     figures.push_back(again);
