@@ -1,8 +1,9 @@
 // The overlay when things go wrong: an inner store that goes away while the queue is
 // being flushed (and one that comes back within the three attempts of a queued change),
 // a store that fails every call from the start, streams used outside the file (writes
-// beyond the end, seeks before the start), a cache directory that cannot be written,
-// and changes made elsewhere meeting the real latch timer.
+// beyond the end, seeks before the start), a cache directory that cannot be written, a
+// cache disk that fills up, and changes made elsewhere meeting the real latch timer.
+#include <support/FileSizeCap.hpp>
 #include <support/StreamContent.hpp>
 #include <core/OverlayProvider.hpp>
 
@@ -440,6 +441,42 @@ TEST_F(OverlayFaultsTest, ACacheDirectoryThatCannotBeWrittenFallsBackWithoutLosi
   provider->doFlushFilesystem();
   EXPECT_EQ(store->elsewhere().contentOf(u"/open.txt"), "begun through the cache, finished after");
   EXPECT_EQ(read(u"/open.txt"), "begun through the cache, finished after");
+}
+
+TEST_F(OverlayFaultsTest, ACacheDiskThatFillsUpLosesNoAcknowledgedWrite) {
+  ScratchDirectory scratch("overlay-faults-full");
+  boost::property_tree::ptree config;
+  config.put("overlay.cacheRoot", (scratch.path() / "cache").string());
+  provider->doConfigure(config);
+  write(u"/before.txt", "cached before the disk filled up");
+  foundation::log::MemorySink sink(foundation::log::Error);
+
+  std::string content(1 << 20, '\0');
+  for (std::size_t i = 0; i < content.size(); ++i) content[i] = static_cast<char>('a' + (i * 7 + i / 4096) % 26);
+  {
+    support::FileSizeCap const cap(256 * 1024);
+    ASSERT_TRUE(cap.applied());
+    auto stream = provider->doOpenStream(at(u"/big.bin"), {});
+    constexpr long kPiece = 64 * 1024;
+    for (long at = 0; at < static_cast<long>(content.size()); at += kPiece) {
+      ASSERT_EQ(stream->write(content.data() + at, kPiece), kPiece) << "at " << at;
+    }
+    stream->close();
+    write(u"/after.txt", "written while the disk is full");
+
+    // Every byte the callers were told was written reads back, from the cache where it
+    // holds them and from the store beyond.
+    EXPECT_TRUE(sameBytes(read(u"/big.bin"), content));
+    EXPECT_EQ(read(u"/after.txt"), "written while the disk is full");
+    provider->doFlushFilesystem();
+    EXPECT_TRUE(sameBytes(store->elsewhere().contentOf(u"/big.bin"), content));
+    EXPECT_TRUE(sameBytes(read(u"/big.bin"), content));
+  }
+  EXPECT_EQ(store->elsewhere().contentOf(u"/after.txt"), "written while the disk is full");
+  EXPECT_EQ(store->elsewhere().contentOf(u"/before.txt"), "cached before the disk filled up");
+  EXPECT_EQ(read(u"/before.txt"), "cached before the disk filled up");
+  EXPECT_GE(countRecords(sink, "Failure in local cache writing"), 1u);
+  EXPECT_EQ(countRecords(sink, "Unexpected exception"), 0u) << "the store got every write";
 }
 
 // The latch pauses event handling while the overlay changes the store and resumes it a

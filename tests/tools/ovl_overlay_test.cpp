@@ -4,6 +4,7 @@
 // the overlay bundle is loaded and unloaded once per command.
 #include <ovl/Demo.hpp>
 #include <ovl/Ovl.hpp>
+#include <support/FileSizeCap.hpp>
 
 #include <providers/file/FileProviderFactory.hpp>
 #include <providers/mem/MemoryProviderFactory.hpp>
@@ -14,6 +15,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -195,6 +197,29 @@ TEST_F(OvlOverlay, ConfigurationReachesTheOverlayAndBadConfigurationIsNamed) {
   EXPECT_EQ(noBundle.status, 1) << noBundle;
   EXPECT_THAT(noBundle.err, HasSubstr((dir_ / "none.so").string() + ": cannot load the overlay bundle"));
   EXPECT_EQ(readLocal(dir_ / "store/f.txt"), "cached content");
+}
+
+// A disk that fills up while the overlay writes: the store (a local folder here) cannot
+// take the file, and the command says so in one line naming the file and the cause.
+TEST_F(OvlOverlay, AFullDiskIsReportedInOneLineNamingTheFile) {
+  std::string content(3 << 20, 'x');
+  writeLocal(dir_ / "store/big.bin", content);
+  Result full;
+  {
+    support::FileSizeCap const cap(1 << 20);
+    ASSERT_TRUE(cap.applied());
+    full = overlay({"cp", inStore("big.bin"), inStore("copy.bin")});
+  }
+  EXPECT_EQ(full.status, 1) << full;
+  EXPECT_THAT(full.err, StartsWith("ovl cp: Unexpected exception during write operation (")) << full;
+  EXPECT_THAT(full.err, HasSubstr("copy.bin")) << full;
+  EXPECT_THAT(full.err, HasSubstr("File too large")) << full;
+  EXPECT_EQ(std::count(full.err.begin(), full.err.end(), '\n'), 1) << full;
+  EXPECT_EQ(readLocal(dir_ / "store/big.bin"), content) << "the source is untouched";
+
+  // With room again, the same command succeeds.
+  ok({"cp", inStore("big.bin"), inStore("copy.bin")});
+  EXPECT_EQ(readLocal(dir_ / "store/copy.bin"), content);
 }
 
 // The demo, small and quick, run in-process with hooks.

@@ -15,11 +15,16 @@
 #include <foundation/log/basic_diagnostic_logger.hpp>
 #include <foundation/storage/provider/Exception.hpp>
 
+#include <boost/property_tree/json_parser.hpp>
+#include <boost/property_tree/ptree.hpp>
+
+#include <algorithm>
 #include <cmath>
 #include <cstdlib>
 #include <iomanip>
 #include <memory>
 #include <optional>
+#include <sstream>
 
 namespace ovl {
 
@@ -223,17 +228,73 @@ std::optional<providers::throttle::Options> throttleOptions(GlobalFlags const& f
   return options;
 }
 
-// Reports, after the overlay was flushed, the failures it logged while the command ran;
-// returns the exit status they call for (1 when there were any).
-int reportOverlayFailures(foundation::log::MemorySink const& sink, std::string const& command, std::ostream& err) {
-  std::vector<std::string> messages;
-  for (auto const& record : sink.records()) {
-    if (record.channel == "storage::overlayprovider") messages.push_back(record.message);
+// One failure the overlay logged: its location (when the record names one) and its text,
+// with the detail of the exception that caused it when a diagnostic record followed.
+struct OverlayFailure {
+  std::string location;
+  std::string message;
+  std::string detail;
+
+  // Failures of the local cache alone: the overlay carries on without the cache file and
+  // the store still gets every change.
+  bool localCacheOnly() const {
+    return message.rfind("Failure in local cache", 0) == 0 || message.rfind("Content caching failure", 0) == 0 ||
+           message.rfind("Caching error when", 0) == 0;
   }
-  if (messages.empty()) return 0;
-  err << "ovl " << command << ": the overlay reported " << messages.size()
-      << (messages.size() == 1 ? " failure" : " failures") << " while writing to the store, the first: "
-      << messages.front() << " (--log FILE --log-level 4 shows the details)\n";
+  // "LOCATION: MESSAGE (DETAIL)"; the location is the store's IRI of the file.
+  std::string text() const {
+    std::string line = location.empty() ? message : location + ": " + message;
+    if (!detail.empty()) line += " (" + detail + ")";
+    return line;
+  }
+};
+
+// The failures among the overlay's records: every Error record, its text unpacked when it
+// is the overlay's structured form ({"overlay":{"error":{"message":..,"location":..}}}).
+std::vector<OverlayFailure> overlayFailuresIn(foundation::log::MemorySink const& sink) {
+  std::vector<OverlayFailure> failures;
+  bool detailWanted = false;
+  for (auto const& record : sink.records()) {
+    if (record.channel != "storage::overlayprovider") continue;
+    if (record.severity == foundation::log::Diagnostic) {
+      static std::string const prefix = "Exception caught: ";
+      if (detailWanted && record.message.rfind(prefix, 0) == 0) failures.back().detail = record.message.substr(prefix.size());
+      detailWanted = false;
+      continue;
+    }
+    if (record.severity < foundation::log::Error) continue;
+    OverlayFailure failure{"", record.message, ""};
+    try {
+      std::istringstream text(record.message);
+      boost::property_tree::ptree tree;
+      boost::property_tree::read_json(text, tree);
+      failure.message = tree.get<std::string>("overlay.error.message");
+      failure.location = tree.get<std::string>("overlay.error.location", "");
+    } catch (std::exception const&) {
+      // Not the structured form: the message as it stands.
+    }
+    failures.push_back(std::move(failure));
+    detailWanted = true;
+  }
+  return failures;
+}
+
+// Reports, after the overlay was flushed, the failures it logged while the command ran, in
+// one line; returns the exit status they call for: 1 when a change may not have reached
+// the store, 0 when only the local cache failed (reported as a warning).
+int reportOverlayFailures(foundation::log::MemorySink const& sink, std::string const& command, std::ostream& err) {
+  auto const failures = overlayFailuresIn(sink);
+  if (failures.empty()) return 0;
+  auto const storeFailure = std::find_if(failures.begin(), failures.end(), [](auto const& f) { return !f.localCacheOnly(); });
+  std::string const more = failures.size() == 1 ? std::string()
+                                                 : "; " + std::to_string(failures.size() - 1) + " more";
+  if (storeFailure == failures.end()) {
+    err << "ovl " << command << ": warning: the overlay's local cache failed, every change reached the store: "
+        << failures.front().text() << more << " (--log FILE shows them all)\n";
+    return 0;
+  }
+  err << "ovl " << command << ": " << storeFailure->text() << more
+      << " (the overlay could not write this to the store; --log FILE shows every failure)\n";
   return 1;
 }
 
@@ -319,7 +380,12 @@ int runOvl(std::vector<std::string> args, std::ostream& out, std::ostream& err, 
     checkCacheRoot(config);
     session.setOverlaySettings(OverlayHost::modulePath(flags.bundle), config);
     if (flags.overlay) {
-      overlayFailures = std::make_unique<foundation::log::MemorySink>(foundation::log::Error);
+      overlayFailures = std::make_unique<foundation::log::MemorySink>(foundation::log::Diagnostic);
+      // The overlay's failures are reported in one line at the end; unless a log was
+      // asked for, its own log lines stay off the terminal.
+      if (!flags.log && !flags.logLevel && !std::getenv("OVERLAY_LOG") && !std::getenv("OVERLAY_LOG_LEVEL")) {
+        foundation::log::setThreshold(foundation::log::Error + 1);
+      }
       overlay = std::make_unique<OverlayHost>(*registry, session.bundlePath(), std::move(config));
       session.setOverlay(overlay.get(), flags.overlayRoot);
     }
