@@ -367,9 +367,17 @@ struct QueueFigures {
       return;
     }
     auto const& stats = lastReport->get_child("overlay.queueStats");
+    // The record carries the average with every digit the overlay has; a whole number of
+    // milliseconds is what a reader wants.
+    auto milliseconds = [&](char const* key) {
+      auto const value = stats.get_optional<double>(key);
+      if (!value) return stats.get<std::string>(key, "?");
+      std::ostringstream text;
+      text << std::fixed << std::setprecision(0) << *value;
+      return text.str();
+    };
     out << "  last periodic report: " << stats.get<std::string>("size", "?") << " queued, average wait "
-        << stats.get<std::string>("avQTime_ms", "?") << " ms, longest " << stats.get<std::string>("maxQTime_ms", "?")
-        << " ms; transactions so far:";
+        << milliseconds("avQTime_ms") << " ms, longest " << milliseconds("maxQTime_ms") << " ms; transactions so far:";
     if (auto totals = stats.get_child_optional("transaction.totalOverTime")) {
       for (auto const& [type, count] : *totals) {
         if (count.data() != "0") out << ' ' << type << ' ' << count.data();
