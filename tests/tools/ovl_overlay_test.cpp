@@ -222,6 +222,26 @@ TEST_F(OvlOverlay, AFullDiskIsReportedInOneLineNamingTheFile) {
   EXPECT_EQ(readLocal(dir_ / "store/copy.bin"), content);
 }
 
+// A full disk that stops only the cache: reading a large file fills the cache file,
+// which cannot grow beyond the cap, while the store is only read. The bytes all arrive,
+// and the command warns and succeeds.
+TEST_F(OvlOverlay, AFullCacheDiskIsAWarningAndTheCommandSucceeds) {
+  std::string content(3 << 20, '\0');
+  for (std::size_t i = 0; i < content.size(); ++i) content[i] = static_cast<char>('a' + i % 23);
+  writeLocal(dir_ / "store/big.bin", content);
+  Result cat;
+  {
+    support::FileSizeCap const cap(1 << 20);
+    ASSERT_TRUE(cap.applied());
+    cat = overlay({"cat", inStore("big.bin")});
+  }
+  EXPECT_EQ(cat.status, 0) << cat.err;
+  EXPECT_TRUE(cat.out == content) << cat.out.size() << " bytes written instead of " << content.size();
+  EXPECT_THAT(cat.err, StartsWith("ovl cat: warning: the overlay's local cache failed; the store has every change: ")) << cat.err;
+  EXPECT_THAT(cat.err, HasSubstr("Failure in local cache writing")) << cat.err;
+  EXPECT_EQ(std::count(cat.err.begin(), cat.err.end(), '\n'), 1) << cat.err;
+}
+
 // The demo, small and quick, run in-process with hooks.
 class OvlDemo : public OvlOverlay {
  protected:

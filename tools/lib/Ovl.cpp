@@ -289,7 +289,7 @@ int reportOverlayFailures(foundation::log::MemorySink const& sink, std::string c
   std::string const more = failures.size() == 1 ? std::string()
                                                  : "; " + std::to_string(failures.size() - 1) + " more";
   if (storeFailure == failures.end()) {
-    err << "ovl " << command << ": warning: the overlay's local cache failed, every change reached the store: "
+    err << "ovl " << command << ": warning: the overlay's local cache failed; the store has every change: "
         << failures.front().text() << more << " (--log FILE shows them all)\n";
     return 0;
   }
