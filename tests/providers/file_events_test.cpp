@@ -13,6 +13,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <fstream>
+#include <functional>
 #include <future>
 #include <mutex>
 
@@ -100,6 +101,21 @@ std::string dump(std::vector<Record> const& records) {
 }
 
 std::vector<Kind> const kAllKinds{};
+
+// Runs `end` when the test body leaves its scope, early returns of failed assertions
+// included. Declared after the locals that callbacks use, so that the subscriptions end
+// (and a delivery under way is waited for) before those locals are gone: the provider,
+// a member of the fixture, outlives the test body.
+class AtScopeEnd {
+ public:
+  explicit AtScopeEnd(std::function<void()> end) : end_(std::move(end)) {}
+  ~AtScopeEnd() { end_(); }
+  AtScopeEnd(AtScopeEnd const&) = delete;
+  AtScopeEnd& operator=(AtScopeEnd const&) = delete;
+
+ private:
+  std::function<void()> end_;
+};
 
 class FileEventsTest : public ::testing::Test {
  protected:
@@ -242,6 +258,7 @@ TEST_F(FileEventsTest, StoppedSubscriptionsAndCallbacksThatCallBack) {
         record(kind, subscribed, location, type, std::move(details));
       },
       kAllKinds, RecursiveFileWatching::Disabled);
+  AtScopeEnd const stopAll([&] { provider.doShutdown(); });
 
   provider.doStopPublishingEventsFor(scratch.iri("a"));
   ASSERT_EQ(runShell(scratch.path(), "touch a/x && touch r/y && touch r/z && touch b/y"), 0);
@@ -323,6 +340,13 @@ TEST_F(FileEventsTest, AnOverflowingQueueBecomesRefreshOnTheSubscribedFolder) {
     FAIL() << "subscribing blocked while a callback ran";
   }
   subscribed.get();
+  // An overflow also reaches `other` (as a refresh of its folder), possibly after the
+  // test has seen its own.
+  AtScopeEnd const unsubscribe([&] {
+    release();
+    provider.doStopPublishingEventsFor(root);
+    provider.doStopPublishingEventsFor(scratch.iri("elsewhere"));
+  });
 
   // Each rename queues two events (no merging: every rename has its own cookie).
   for (long i = 0; i < limit / 2 + 8; ++i) {

@@ -54,7 +54,8 @@ struct GlobalFlag {
 
 GlobalFlag const kGlobalFlags[] = {
     {"--overlay", nullptr, "go through the overlay: the store behind it sees the changes when\n"
-                           "                      the command ends (the overlay is flushed before ovl exits)"},
+                           "                      the command ends (the overlay is flushed before ovl exits); what\n"
+                           "                      the overlay could not do meanwhile is reported in one line"},
     {"--overlay-root", "IRI", "the folder the overlay is laid over (implies --overlay); default:\n"
                               "                      the store's root, for local files the current folder"},
     {"--config", "FILE", "overlay configuration: a JSON file with \"overlay.*\" keys"},
