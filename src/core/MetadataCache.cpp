@@ -92,7 +92,8 @@ bool isKeyForm(StorageIRI const& iri) {
 
 // The text of the parent of a key (in key form) that has a parent: the key's text
 // without its last segment ("mem:///a/b" -> "mem:///a", "mem:///a" -> "mem:///",
-// "t:<mem:///r>/a" -> "t:<mem:///r>/"), as the parent's IRI would render it. The first form takes the text and where its path begins.
+// "t:<mem:///r>/a" -> "t:<mem:///r>/"), as the parent's IRI would render it. The first
+// form takes the key's text and the position where its path begins.
 std::u16string_view parentTextOf(std::u16string_view text, std::size_t pathStart) {
   std::size_t const slash = text.rfind(u'/');
   return text.substr(0, slash == pathStart ? pathStart + 1 : slash);
