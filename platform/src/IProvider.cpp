@@ -5,6 +5,8 @@
 #include <fl/i18n.hpp>
 
 #include <algorithm>
+#include <cstdint>
+#include <random>
 #include <vector>
 
 namespace foundation::storage::provider {
@@ -13,7 +15,38 @@ namespace {
 
 constexpr long kChunk = 1 << 20;
 
-StorageIRI scratchBeside(StorageIRI const& iri) { return StorageIRI(iri.getParent(), u"." + iri.getName() + u".partial"); }
+// The longest name, in UTF-8 bytes, that common file systems take.
+constexpr std::size_t kMaxNameBytes = 255;
+
+// Bytes of `c` in UTF-8 (a surrogate counts half of its pair's four).
+std::size_t utf8Bytes(char16_t c) {
+  if (c < 0x80) return 1;
+  if (c < 0x800) return 2;
+  if (c >= 0xD800 && c <= 0xDFFF) return 2;
+  return 3;
+}
+
+// Eight hexadecimal digits, drawn at random: two scratch files for the same target, in
+// one process or two, get different names.
+std::u16string uniqueTag() {
+  thread_local std::mt19937 random(std::random_device{}());
+  std::uint32_t const value = static_cast<std::uint32_t>(random());
+  std::u16string tag(8, u'0');
+  for (std::size_t i = 0; i < 8; ++i) tag[7 - i] = u"0123456789abcdef"[(value >> (4 * i)) & 0xFu];
+  return tag;
+}
+
+// A scratch file of its own beside `iri`: "." + name + "." + tag + ".partial", the name
+// shortened (never inside a surrogate pair) so that the whole fits in 255 UTF-8 bytes.
+StorageIRI scratchBeside(StorageIRI const& iri) {
+  std::u16string const suffix = u"." + uniqueTag() + u".partial";
+  std::size_t const room = kMaxNameBytes - 1 - suffix.size();
+  auto const& name = iri.getName();
+  std::size_t bytes = 0, kept = 0;
+  while (kept < name.size() && bytes + utf8Bytes(name[kept]) <= room) bytes += utf8Bytes(name[kept++]);
+  if (kept > 0 && kept < name.size() && name[kept - 1] >= 0xD800 && name[kept - 1] <= 0xDBFF) --kept;
+  return StorageIRI(iri.getParent(), u"." + name.substr(0, kept) + suffix);
+}
 
 // A stream on a scratch file that replaces the target when closed, and is discarded when
 // dropped unclosed.
@@ -89,6 +122,8 @@ void walk(IProvider const& provider, StorageIRI const& folder, std::u16string co
 }
 
 }  // namespace
+
+StorageIRI scratchLocationFor(StorageIRI const& target) { return scratchBeside(target); }
 
 bool matchesWildcard(std::u16string const& name, std::u16string const& pattern) {
   // Iterative glob matching with backtracking to the last '*'.

@@ -11,8 +11,9 @@
 // - names-only listings map the listing to names;
 // - recursive listings walk the plain listings depth-first (a folder before its
 //   content) and name each entry by its path relative to the listed folder ("docs/a.txt");
-// - transactional streams write to a scratch file beside the target ("." + name +
-//   ".partial") and move it over the target on close;
+// - transactional streams write to a scratch file of their own beside the target
+//   ("." + name + "." + eight hexadecimal digits + ".partial", the name shortened to
+//   keep it within 255 UTF-8 bytes) and move it over the target on close;
 // - an atomic copy copies through streams to a scratch file and moves it into place,
 //   asking the callback between chunks whether to stop;
 // - change polling is not supported (NotSupported);
@@ -113,5 +114,10 @@ class IProvider {
 
 // True when `name` matches `pattern` (`*` any run, `?` one code unit), whole name.
 bool matchesWildcard(std::u16string const& name, std::u16string const& pattern);
+
+// A new scratch location beside `target`, as transactional streams use: "." + name + "."
+// + eight random hexadecimal digits + ".partial", the name shortened so that the whole
+// fits in 255 UTF-8 bytes. Each call draws a new name.
+StorageIRI scratchLocationFor(StorageIRI const& target);
 
 }  // namespace foundation::storage::provider
