@@ -105,6 +105,7 @@ class BackendExecutor final : public IExecutor {
 
   // Writes the statistics report (TaskQueue::logStatistics) on this thread.
   void logQueueStatistics() override { queue_.logStatistics(); }
+  foundation::storage::provider::extensions::QueueFigures queueFigures() const override { return queue_.figures(); }
 
   // Diagnostics: the current sum of queued weights (see the weight quirk above), the
   // number of queued records, whether statistics are captured.

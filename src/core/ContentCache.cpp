@@ -84,6 +84,11 @@ void ContentCache::setThawWritten(WorkingFileEntry::ThawWritten thaw) {
   thawWritten_ = std::move(thaw);
 }
 
+void ContentCache::setDeliveryReport(std::shared_ptr<DeliveryReport> report) {
+  std::lock_guard lock(mutex_);
+  deliveryReport_ = std::move(report);
+}
+
 // ---- initialization ------------------------------------------------------------------------
 
 fl::filesystem::path ContentCache::doGetDataDirectory() const {
@@ -202,11 +207,13 @@ std::shared_ptr<WorkingFileEntry> ContentCache::retrieveEntry(
     }
     entry->setFlushAttributeReads(flushReads_);
     entry->setThawWritten(thawWritten_);
+    entry->setDeliveryReport(deliveryReport_);
     entries_[location] = entry;
     return entry;
   } catch (...) {
     // Whatever went wrong, the caller sees one text and falls back to the inner store.
     logFailure("Content caching failure.");
+    if (deliveryReport_) deliveryReport_->localCacheFailed(location, "Content caching failure.", std::current_exception());
     throw CachingErrorException(kUnknownFailure);
   }
 }
@@ -415,6 +422,11 @@ void ContentCache::invalidateAll() const {
 }
 
 // ---- inspection -------------------------------------------------------------------------------
+
+bool ContentCache::isInitialized() const {
+  std::lock_guard lock(mutex_);
+  return initialized_;
+}
 
 fl::filesystem::path ContentCache::getCacheRoot() const {
   std::lock_guard lock(mutex_);

@@ -45,6 +45,7 @@
 #pragma once
 
 #include <core/CachingErrorException.hpp>
+#include <core/DeliveryReport.hpp>
 #include <core/FileMetadata.hpp>
 #include <core/ICacheSpaceArbitrator.hpp>
 #include <core/IExecutor.hpp>
@@ -101,6 +102,13 @@ class ContentCache {
   // The provider's way of thawing a written file's record, handed to every entry made from
   // now on (WorkingFileEntry::setThawWritten). Takes `mutex_`.
   void setThawWritten(WorkingFileEntry::ThawWritten thaw);
+  // The provider's delivery report, handed to every entry made from now on
+  // (WorkingFileEntry::setDeliveryReport); the cache's own failures go there too. Takes
+  // `mutex_`.
+  void setDeliveryReport(std::shared_ptr<DeliveryReport> report);
+
+  // True once the lazy initialization (below) has run. Takes `mutex_`.
+  bool isInitialized() const;
 
   // Makes sure the data directory exists and the arbitrator is installed (see above).
   // Takes `mutex_`. Throws CachingErrorException("Problem initializing cache root.").
@@ -232,6 +240,7 @@ class ContentCache {
   mutable std::set<fl::filesystem::path> madePaths_;
   std::shared_ptr<FlushAttributeReads> flushReads_;  // handed to new entries; may be null
   WorkingFileEntry::ThawWritten thawWritten_;        // handed to new entries; may be empty
+  std::shared_ptr<DeliveryReport> deliveryReport_;   // handed to new entries; may be null
   // Set by emptyRecycleBin(), taken (exchanged with false) by the next disposal.
   mutable std::atomic<bool> recycleBinEmptyRequested_{false};
 };

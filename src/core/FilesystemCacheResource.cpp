@@ -377,6 +377,9 @@ void FilesystemCacheResource::logFailure(unsigned severity, char const* message)
     record.put(prefix + "checkoutPath", checkoutPath_.string());
     getLogger().logJson(severity, record);
     getLogger().log(foundation::log::Diagnostic, "Exception caught: " + description);
+    if (deliveryReport_ && severity != foundation::log::Debug) {
+      deliveryReport_->localCacheFailed(location_, message, std::current_exception());
+    }
   } catch (...) {
     // Logging must not turn a swallowed failure into a thrown one.
   }

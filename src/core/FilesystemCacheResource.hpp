@@ -38,6 +38,7 @@
 #pragma once
 
 #include <core/CacheResource.hpp>
+#include <core/DeliveryReport.hpp>
 #include <core/FileMetadata.hpp>
 
 #include <boost/iostreams/device/file_descriptor.hpp>
@@ -200,6 +201,13 @@ class FilesystemCacheResource final : public CacheResource {
   // catch block. Never throws.
   void logFailure(unsigned severity, char const* message) const noexcept;
 
+ public:
+  // Where failures (not the debug-level ones) are also reported; none by default. Call
+  // before the resource is shared.
+  void setDeliveryReport(std::shared_ptr<DeliveryReport> report) { deliveryReport_ = std::move(report); }
+
+ private:
+  std::shared_ptr<DeliveryReport> deliveryReport_;  // set before the resource is shared; may be null
   foundation::storage::provider::StorageIRI location_;
   boost::posix_time::ptime const expectedLastModified_;
   fl::filesystem::path const cacheDirectory_;

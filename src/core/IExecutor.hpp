@@ -12,6 +12,8 @@
 
 #include <core/ObservableTransactionType.hpp>
 
+#include <foundation/storage/provider/extensions/IWriteBehindStatus.hpp>
+
 #include <chrono>
 #include <functional>
 
@@ -53,6 +55,9 @@ class IExecutor {
 
   // Writes the queue statistics to the log as one-line JSON.
   virtual void logQueueStatistics() = 0;
+
+  // The queue's figures since construction; all zero for an executor without a queue.
+  virtual foundation::storage::provider::extensions::QueueFigures queueFigures() const { return {}; }
 };
 
 }  // namespace storage::overlayprovider

@@ -5,6 +5,7 @@
 #include <core/FolderIterator.hpp>
 #include <core/IRIHelpers.hpp>
 #include <core/Logger.hpp>
+#include <core/OverlayOptions.hpp>
 #include <core/QuotaAccountant.hpp>
 #include <core/SwitchableExecutor.hpp>
 #include <core/SynchronousExecutor.hpp>
@@ -17,6 +18,7 @@
 #include <boost/date_time/posix_time/posix_time.hpp>
 #include <boost/property_tree/ptree.hpp>
 
+#include <cmath>
 #include <filesystem>
 #include <optional>
 #include <sstream>
@@ -50,6 +52,37 @@ void logConfiguration(std::string const& key, boost::property_tree::ptree::data_
 }
 
 // Stream extraction with boolalpha: only the text "true" reads as true.
+// Refuses, before any key is applied, values that parse but that the overlay cannot work
+// with: a payload size of 0 or less makes every read return nothing and every write
+// store nothing; a weight that is not a finite number >= 0 breaks the queue's bound. A
+// negative maximum weight keeps its own error (thrown once the keys are read), and values
+// that do not parse keep theirs (logged, the reading ends).
+void refuseUnworkableValues(boost::property_tree::ptree const& config) {
+  for (char const* key : {"overlay.maxQueueWeight", "overlay.minQueueItemWeight"}) {
+    auto const text = config.get_optional<std::string>(key);
+    if (!text) continue;
+    double value;
+    try {
+      value = std::stod(*text);
+    } catch (std::exception const&) {
+      continue;
+    }
+    bool const negativeMaximum = value < 0 && std::string(key) == "overlay.maxQueueWeight";
+    if (!negativeMaximum && (!std::isfinite(value) || value < 0)) checkOverlayOption(key, *text);
+  }
+  for (char const* key : {"overlay.maxReadPayloadSize", "overlay.maxWritePayloadSize"}) {
+    auto const text = config.get_optional<std::string>(key);
+    if (!text) continue;
+    long value;
+    try {
+      value = std::stol(*text, nullptr, 10);
+    } catch (std::exception const&) {
+      continue;
+    }
+    if (value <= 0) checkOverlayOption(key, *text);
+  }
+}
+
 bool readsTrue(std::string const& text) {
   std::istringstream in(text);
   bool value = false;
@@ -97,6 +130,7 @@ OverlayProvider::OverlayProvider(StorageItem inner, std::unique_ptr<ContentCache
   executorHandle_->set(executor_);
   contentCache_->setFlushAttributeReads(flushReads_);
   contentCache_->setThawWritten([cache = metadataCache_](auto const& record) { cache->thawWritten(record); });
+  contentCache_->setDeliveryReport(deliveryReport_);
 }
 
 OverlayProvider::~OverlayProvider() {
@@ -108,9 +142,11 @@ OverlayProvider::~OverlayProvider() {
     getLogger().log(Severity::Diagnostic, "Exception caught: unknown exception");
   }
   // Streams, queued transactions and listeners are gone; drop the working entries, then
-  // the cache files of a root nobody else knows about.
+  // the cache files of a root nobody else knows about. A cache that never ran holds no
+  // entry, and asking it would make its data directory: nothing touches the disk before
+  // the first operation.
   try {
-    contentCache_->invalidateAll();
+    if (contentCache_->isInitialized()) contentCache_->invalidateAll();
     if (ownCacheRoot_.load(std::memory_order_acquire) && !persistContentCache_.load(std::memory_order_acquire)) {
       std::error_code ignored;
       std::filesystem::remove_all(contentCache_->getCacheRoot(), ignored);
@@ -235,10 +271,12 @@ std::shared_ptr<IQuotaAccountant> OverlayProvider::quotaAccountant() const {
   return quota_;
 }
 
-void OverlayProvider::submit(char const* name, ObservableTransactionType type, std::function<void()> call,
-                             std::function<void()> after) const {
+void OverlayProvider::submit(char const* name, StorageIRI const& location, ObservableTransactionType type,
+                             std::function<void()> call, std::function<void()> after) const {
   if (shutDown_.load(std::memory_order_acquire)) return;
-  auto task = [this, name, call = std::move(call), after = std::move(after)] {
+  // The report names the item as the store does (the inner-most IRI has no authority).
+  auto task = [this, name, location = inner_->getLocation().withPath(location.getPath()), call = std::move(call),
+               after = std::move(after)] {
     if (shutDown_.load(std::memory_order_acquire)) return;
     constexpr int kRetries = 2;
     for (int attempt = 0;; ++attempt) {
@@ -247,16 +285,25 @@ void OverlayProvider::submit(char const* name, ObservableTransactionType type, s
         break;
       } catch (Exception const& e) {
         getLogger().log(Severity::Debug, std::string("Exception caught: ") + e.what());
-        if (e.getErrorCode() != ErrorCode::TransientFailure || attempt >= kRetries) return;
+        if (e.getErrorCode() != ErrorCode::TransientFailure || attempt >= kRetries) {
+          deliveryReport_->undelivered(location, name, std::current_exception());
+          return;
+        }
       } catch (std::exception const& e) {
         getLogger().log(Severity::Error, std::string("Unexpected exception in ") + name + " (attempt " +
                                              std::to_string(attempt) + ")");
         getLogger().log(Severity::Debug, std::string("Exception caught: ") + e.what());
-        if (attempt >= kRetries) return;
+        if (attempt >= kRetries) {
+          deliveryReport_->undelivered(location, name, std::current_exception());
+          return;
+        }
       } catch (...) {
         getLogger().log(Severity::Error, std::string("Unexpected exception in ") + name + " (attempt " +
                                              std::to_string(attempt) + ")");
-        if (attempt >= kRetries) return;
+        if (attempt >= kRetries) {
+          deliveryReport_->undelivered(location, name, std::current_exception());
+          return;
+        }
       }
     }
     if (after) after();
@@ -405,7 +452,7 @@ void OverlayProvider::doCreateFile(StorageIRI const& iri) const {
     metadataCache_->createFileMetadata(inner);
   }
   submit(
-      "createFile", ObservableTransactionType::FILE_CREATION, [this, inner] { StorageItem(*inner_, inner.getPath()).createFile(); },
+      "createFile", inner, ObservableTransactionType::FILE_CREATION, [this, inner] { StorageItem(*inner_, inner.getPath()).createFile(); },
       [cache = metadataCache_, inner] { cache->thawFile(inner); });
 }
 
@@ -423,7 +470,7 @@ void OverlayProvider::doCreateFolder(StorageIRI const& iri) const {
     metadataCache_->createFolderMetadata(inner);
   }
   submit(
-      "createFolder", ObservableTransactionType::FOLDER_CREATION,
+      "createFolder", inner, ObservableTransactionType::FOLDER_CREATION,
       [this, inner] { StorageItem(*inner_, inner.getPath()).createFolder(); },
       [cache = metadataCache_, inner] { cache->thawFolder(inner, false); });
 }
@@ -455,7 +502,7 @@ void OverlayProvider::doCreateFolderRecursive(StorageIRI const& iri) const {
     for (auto it = missing.rbegin(); it != missing.rend(); ++it) metadataCache_->createFolderMetadata(*it);
   }
   submit(
-      "createFolderRecursive", ObservableTransactionType::FOLDER_CREATION_RECURSIVE,
+      "createFolderRecursive", inner, ObservableTransactionType::FOLDER_CREATION_RECURSIVE,
       [this, inner] { StorageItem(*inner_, inner.getPath()).createFolderRecursive(); },
       [cache = metadataCache_, inner] { cache->thawFolder(inner, false); });
 }
@@ -477,7 +524,7 @@ void OverlayProvider::doRemoveFile(StorageIRI const& iri) const {
     metadataCache_->removeFile(inner);
     updateContentCache([&] { contentCache_->invalidate(inner, true); });
   }
-  submit("removeFile", ObservableTransactionType::FILE_REMOVAL,
+  submit("removeFile", inner, ObservableTransactionType::FILE_REMOVAL,
          [this, inner] { StorageItem(*inner_, inner.getPath()).removeFile(); }, nullptr);
 }
 
@@ -497,7 +544,7 @@ void OverlayProvider::doRemoveFolder(StorageIRI const& iri) const {
     metadataCache_->removeFolder(inner);
     updateContentCache([&] { contentCache_->invalidateAllDescendantsOf(inner, true); });
   }
-  submit("removeFolder", ObservableTransactionType::FOLDER_REMOVAL,
+  submit("removeFolder", inner, ObservableTransactionType::FOLDER_REMOVAL,
          [this, inner] { StorageItem(*inner_, inner.getPath()).removeFolder(); }, nullptr);
 }
 
@@ -517,7 +564,7 @@ void OverlayProvider::doRemoveFolderRecursively(StorageIRI const& iri) const {
     metadataCache_->removeFolder(inner);
     updateContentCache([&] { contentCache_->invalidateAllDescendantsOf(inner, true); });
   }
-  submit("removeFolderRecursively", ObservableTransactionType::FOLDER_REMOVAL_RECURSIVE,
+  submit("removeFolderRecursively", inner, ObservableTransactionType::FOLDER_REMOVAL_RECURSIVE,
          [this, inner] { StorageItem(*inner_, inner.getPath()).removeFolderRecursively(); }, nullptr);
 }
 
@@ -551,7 +598,7 @@ void OverlayProvider::doMoveFile(StorageIRI const& src, StorageIRI const& dst, f
     updateContentCache([&] { contentCache_->moveFile(from, to, fileRecord(to)); });
   }
   submit(
-      "moveFile", ObservableTransactionType::FILE_MOVE,
+      "moveFile", from, ObservableTransactionType::FILE_MOVE,
       [this, from, to, policy] { StorageItem(*inner_, from.getPath()).moveFile(to, policy); },
       [cache = metadataCache_, to] { cache->thawFile(to); });
 }
@@ -584,7 +631,7 @@ void OverlayProvider::doMoveFolder(StorageIRI const& src, StorageIRI const& dst,
     updateContentCache([&] { contentCache_->moveFolder(from, to, policy, *metadataCache_); });
   }
   submit(
-      "moveFolder", ObservableTransactionType::FOLDER_MOVE,
+      "moveFolder", from, ObservableTransactionType::FOLDER_MOVE,
       [this, from, to, policy] { StorageItem(*inner_, from.getPath()).moveFolder(to, policy); },
       [cache = metadataCache_, to] { cache->thawFolder(to, false); });
 }
@@ -606,7 +653,7 @@ void OverlayProvider::doSetLastModified(StorageIRI const& iri, boost::posix_time
       throw Exception(ErrorCode::DoesNotExist, iri);
     }
   }
-  submit("setLastModified", ObservableTransactionType::SET_LAST_MODIFIED,
+  submit("setLastModified", inner, ObservableTransactionType::SET_LAST_MODIFIED,
          [this, inner, time] { StorageItem(*inner_, inner.getPath()).setLastModified(time); }, nullptr);
 }
 
@@ -627,7 +674,7 @@ void OverlayProvider::doSetWritable(StorageIRI const& iri, bool writable) const 
       throw Exception(ErrorCode::DoesNotExist, iri);
     }
   }
-  submit("setWritable", ObservableTransactionType::SET_WRITABLE,
+  submit("setWritable", inner, ObservableTransactionType::SET_WRITABLE,
          [this, inner, writable] { StorageItem(*inner_, inner.getPath()).setWritable(writable); }, nullptr);
 }
 
@@ -953,6 +1000,16 @@ void OverlayProvider::doInvalidate(StorageIRI const& iri) {
   fsp::invalidateProvider(*inner_);
 }
 
+std::vector<fsp::extensions::UndeliveredChange> OverlayProvider::takeUndeliveredChanges() {
+  return deliveryReport_->takeUndelivered();
+}
+
+std::vector<fsp::extensions::LocalCacheFailure> OverlayProvider::takeLocalCacheFailures() {
+  return deliveryReport_->takeLocalCacheFailures();
+}
+
+fsp::extensions::QueueFigures OverlayProvider::getQueueFigures() const { return executorHandle_->queueFigures(); }
+
 void OverlayProvider::doShutdown() {
   OVERLAY_TRACE();
   auto root = innerMostOf(inner_->getLocation()).withPath(u"/");
@@ -983,6 +1040,7 @@ void OverlayProvider::doShutdown() {
 void OverlayProvider::doConfigure(boost::property_tree::ptree config) {
   OVERLAY_TRACE();
   inner_->configure(config);
+  refuseUnworkableValues(config);
   bool switchToSynchronous = false;
   try {
     if (auto text = config.get_optional<std::string>("overlay.cacheRoot")) {
@@ -1029,7 +1087,9 @@ void OverlayProvider::doConfigure(boost::property_tree::ptree config) {
     std::shared_ptr<IExecutor> previous;
     {
       std::lock_guard lock(initMutex_);
-      previous = std::exchange(executor_, std::make_shared<SynchronousExecutor>([] {}));
+      // Its idle callback empties the recycle bin, as the queue's does when it runs dry.
+      previous = std::exchange(executor_, std::make_shared<SynchronousExecutor>(
+                                              [cache = contentCache_.get()] { cache->emptyRecycleBin(); }));
       executorHandle_->set(executor_);
     }
     // The replaced executor is released by reference count; a queue worker must end

@@ -77,6 +77,7 @@
 #pragma once
 
 #include <core/ContentCache.hpp>
+#include <core/DeliveryReport.hpp>
 #include <core/EventListener.hpp>
 #include <core/IExecutor.hpp>
 #include <core/IQuotaAccountant.hpp>
@@ -92,6 +93,7 @@
 #include <foundation/storage/provider/StorageItem.hpp>
 #include <foundation/storage/provider/extensions/IFlushableFilesystem.hpp>
 #include <foundation/storage/provider/extensions/IInvalidatable.hpp>
+#include <foundation/storage/provider/extensions/IWriteBehindStatus.hpp>
 
 #include <atomic>
 #include <cstdint>
@@ -106,7 +108,8 @@ namespace fsp = foundation::storage::provider;
 
 class OverlayProvider : public fsp::IConfigurableProvider,
                         public fsp::extensions::IFlushableFilesystem,
-                        public fsp::extensions::IInvalidatable {
+                        public fsp::extensions::IInvalidatable,
+                        public fsp::extensions::IWriteBehindStatus {
  public:
   using StorageIRI = fsp::StorageIRI;
   using StorageItem = fsp::StorageItem;
@@ -174,6 +177,12 @@ class OverlayProvider : public fsp::IConfigurableProvider,
   // inner store's caches.
   void doInvalidate(StorageIRI const& iri) override;
 
+  // The changes that failed for good in the queue (after their retries) and the local
+  // cache's failures, each returned once; the queue's figures (see IWriteBehindStatus).
+  std::vector<fsp::extensions::UndeliveredChange> takeUndeliveredChanges() override;
+  std::vector<fsp::extensions::LocalCacheFailure> takeLocalCacheFailures() override;
+  fsp::extensions::QueueFigures getQueueFigures() const override;
+
   // Creates the executor, the quota accountant, the event listener and the latch once,
   // then starts the whole-tree population of the metadata cache (waiting for it in
   // synchronous mode); safe to call from many threads. If a step throws, the next call
@@ -227,10 +236,11 @@ class OverlayProvider : public fsp::IConfigurableProvider,
   StorageIRI overlayIRIFor(StorageIRI const& like, StorageIRI const& inner) const;
   // Starts the pause-then-resume cycle of event handling.
   void triggerLatch() const;
-  // Unless shut down, queues `call` (an inner-store change named `name`) with up to
-  // three attempts, then `after` (a thaw) when it succeeded.
-  void submit(char const* name, ObservableTransactionType type, std::function<void()> call,
-              std::function<void()> after) const;
+  // Unless shut down, queues `call` (an inner-store change named `name` of `location`,
+  // an inner-most IRI) with up to three attempts, then `after` (a thaw) when it
+  // succeeded; a change that still fails goes into the delivery report.
+  void submit(char const* name, StorageIRI const& location, ObservableTransactionType type,
+              std::function<void()> call, std::function<void()> after) const;
   // True when every folder above `inner` is known. An item below a folder that the
   // overlay removed or moved away is gone, even while the inner store still has it
   // because the change is queued.
@@ -305,6 +315,8 @@ class OverlayProvider : public fsp::IConfigurableProvider,
   // The attribute reads that close transactions leave to a waiting flush; shared with the
   // content cache's entries.
   std::shared_ptr<FlushAttributeReads> const flushReads_ = std::make_shared<FlushAttributeReads>();
+  // What did not reach the store; shared with the content cache's entries.
+  std::shared_ptr<DeliveryReport> const deliveryReport_ = std::make_shared<DeliveryReport>();
 };
 
 }  // namespace storage::overlayprovider

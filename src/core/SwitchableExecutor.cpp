@@ -83,4 +83,9 @@ void SwitchableExecutor::logQueueStatistics() {
   if (auto executor = current()) executor->logQueueStatistics();
 }
 
+foundation::storage::provider::extensions::QueueFigures SwitchableExecutor::queueFigures() const {
+  if (auto executor = current()) return executor->queueFigures();
+  return {};
+}
+
 }  // namespace storage::overlayprovider

@@ -40,6 +40,7 @@ class SwitchableExecutor final : public IExecutor {
   void waitForPendingToFinish() override;
   void setMaxQueueWeight(double weight) override;
   void logQueueStatistics() override;
+  foundation::storage::provider::extensions::QueueFigures queueFigures() const override;
 
   // The overlay's changes taken by execute() and not yet run or dropped (see above).
   long changesInFlight() const { return inFlight_->load(std::memory_order_acquire); }

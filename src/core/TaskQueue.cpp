@@ -4,6 +4,7 @@
 
 #include <boost/property_tree/ptree.hpp>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -143,6 +144,24 @@ void TaskQueue::logStatistics() {
   }
 }
 
+foundation::storage::provider::extensions::QueueFigures TaskQueue::figures() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  foundation::storage::provider::extensions::QueueFigures figures;
+  figures.queued = records_.size();
+  figures.drains = drains_;
+  figures.longestBusyPeriodMs = longestBusyMs_;
+  figures.longestWaitMs = maxQueueTimeMs_;
+  figures.averageWaitMs =
+      poppedTasks_ == 0 ? 0.0 : static_cast<double>(totalQueueTimeMs_) / static_cast<double>(poppedTasks_);
+  for (auto const type : kStatisticsReportOrder) {
+    auto const found = counters_.find(static_cast<int>(type));
+    if (found != counters_.end() && found->second.second != 0) {
+      figures.transactions[std::string(statisticsKeyWord(type))] = found->second.second;
+    }
+  }
+  return figures;
+}
+
 void TaskQueue::notifyObserver() {
   if (observer_) observer_(blockedProducers_);
 }
@@ -167,6 +186,12 @@ void TaskQueue::updateQueueTime(QueueRecord const& record) {
   std::int64_t const queueTimeMs = wholeMilliseconds(now - record.enqueueTime);
   if (queueTimeMs > maxQueueTimeMs_) maxQueueTimeMs_ = queueTimeMs;
   busyQueueTimeMs_ += queueTimeMs;
+  totalQueueTimeMs_ += queueTimeMs;
+  ++poppedTasks_;
+  if (records_.empty()) {
+    ++drains_;
+    longestBusyMs_ = std::max(longestBusyMs_, wholeMilliseconds(now - busyStart_));
+  }
 
   if (now - lastReport_ >= kReportPeriod) {
     report();

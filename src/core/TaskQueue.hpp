@@ -32,6 +32,8 @@
 #include <core/ObservableTransactionType.hpp>
 #include <core/SteadyClock.hpp>
 
+#include <foundation/storage/provider/extensions/IWriteBehindStatus.hpp>
+
 #include <boost/container/deque.hpp>
 #include <boost/container/options.hpp>
 
@@ -128,6 +130,10 @@ class TaskQueue {
   // Takes the queue mutex, so it waits for a push or pop in progress.
   void logStatistics();
 
+  // The figures of the queue since construction (zero where metrics capture is off, but
+  // for the number queued).
+  foundation::storage::provider::extensions::QueueFigures figures() const;
+
  private:
   // Records are stored by value in blocks of 64, so pushing and popping allocate
   // nothing per record beyond the task's own function object.
@@ -147,6 +153,10 @@ class TaskQueue {
   double currentWeight_ = 0.0;              // may go negative, see BackendExecutor
   std::int64_t busyQueueTimeMs_ = 0;        // total queue time of the current busy period
   std::int64_t maxQueueTimeMs_ = 0;         // never reset
+  std::int64_t totalQueueTimeMs_ = 0;       // never reset
+  std::uint64_t poppedTasks_ = 0;           // never reset
+  std::uint64_t drains_ = 0;                // busy periods ended, never reset
+  std::int64_t longestBusyMs_ = 0;          // never reset
   std::uint64_t busyRecordCount_ = 0;       // records pushed in the busy period, markers too
   std::chrono::steady_clock::time_point busyStart_;
   std::chrono::steady_clock::time_point lastReport_;

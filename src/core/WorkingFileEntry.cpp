@@ -36,6 +36,20 @@ void logFailure(char const* message) noexcept {
   }
 }
 
+// Whether a failed payload write is worth another attempt: a transient failure of the
+// store, or an error that is not the store's answer at all.
+bool worthRetrying(std::exception_ptr const& error) {
+  try {
+    std::rethrow_exception(error);
+  } catch (fsp::Exception const& e) {
+    return e.getErrorCode() == fsp::ErrorCode::TransientFailure;
+  } catch (fsp::ByteStreamFailure const& e) {
+    return e.getErrorCode() == fsp::ErrorCode::TransientFailure;
+  } catch (...) {
+    return true;
+  }
+}
+
 // Logs only the detail of the exception being handled. Call only from a catch block.
 void logCaught() noexcept {
   try {
@@ -268,11 +282,17 @@ void WorkingFileEntry::enqueueOpenOperation(ObservableTransactionType type, fsp:
   // broken-promise error instead of leaving them waiting.
   executor_->execute(
       [self = shared_from_this(), promise, location, forWriting, innerOptions, generation]() {
-        try {
-          promise->set_value(self->openProviderStream(location, forWriting, innerOptions, generation));
-        } catch (...) {
-          logCaught();
-          promise->set_exception(std::current_exception());
+        // Up to three attempts, as for every queued change (see runProviderWrite).
+        for (int attempt = 1;; ++attempt) {
+          try {
+            promise->set_value(self->openProviderStream(location, forWriting, innerOptions, generation));
+            return;
+          } catch (...) {
+            logCaught();
+            if (attempt < 3 && worthRetrying(std::current_exception())) continue;
+            promise->set_exception(std::current_exception());
+            return;
+          }
         }
       },
       type, params_.getMinItemWeight());
@@ -771,38 +791,51 @@ void WorkingFileEntry::runProviderWrite(std::streampos start, std::vector<char> 
     std::lock_guard lock(abortMutex_);
     if (abortState_ != 0 && abortTime_ >= enqueued) return;
   }
-  try {
-    awaitOpen(openOperation);
-    std::lock_guard lock(providerStreamMutex_);
-    if (!providerStream_) throw fsp::Exception(fsp::ErrorCode::TransientFailure, location, "the inner stream is closed");
-    providerStream_->seek(static_cast<long>(offsetOf(start)), std::ios_base::beg);
-    std::size_t written = 0;
-    while (written < bytes.size()) {
-      long const n = providerStream_->write(bytes.data() + written, static_cast<long>(bytes.size() - written));
-      if (n <= 0) throw fsp::Exception(fsp::ErrorCode::TransientFailure, location, "the inner stream wrote nothing");
-      written += static_cast<std::size_t>(n);
-    }
-  } catch (...) {
-    logFailure("Unexpected exception during write operation");
-    {
+  fsp::StorageIRI const storeLocation = innerItemFor(location).getLocation();  // how reports name it
+  // Up to three attempts, as every other queued change gets: a transient failure of the
+  // store or an unexpected error is tried again; a refusal (not writable, quota) is not.
+  constexpr int kAttempts = 3;
+  for (int attempt = 1;; ++attempt) {
+    try {
+      awaitOpen(openOperation);
       std::lock_guard lock(providerStreamMutex_);
-      if (providerStream_) {
-        try {
-          providerStream_->close();
-        } catch (...) {
-          logCaught();
-        }
-        providerStream_.reset();
+      if (!providerStream_) throw fsp::Exception(fsp::ErrorCode::TransientFailure, location, "the inner stream is closed");
+      providerStream_->seek(static_cast<long>(offsetOf(start)), std::ios_base::beg);
+      std::size_t written = 0;
+      while (written < bytes.size()) {
+        long const n = providerStream_->write(bytes.data() + written, static_cast<long>(bytes.size() - written));
+        if (n <= 0) throw fsp::Exception(fsp::ErrorCode::TransientFailure, location, "the inner stream wrote nothing");
+        written += static_cast<std::size_t>(n);
       }
+      return;
+    } catch (...) {
+      if (attempt < kAttempts && worthRetrying(std::current_exception())) {
+        logCaught();
+        continue;
+      }
+      logFailure("Unexpected exception during write operation");
+      if (deliveryReport_) deliveryReport_->undelivered(storeLocation, "write", std::current_exception());
     }
-    metadata->thaw();
-    abortedDueToWriteProblem_.store(true);
-    if (quotaAccountant_) {
+    break;
+  }
+  {
+    std::lock_guard lock(providerStreamMutex_);
+    if (providerStream_) {
       try {
-        quotaAccountant_->removeFile(location);
+        providerStream_->close();
       } catch (...) {
         logCaught();
       }
+      providerStream_.reset();
+    }
+  }
+  metadata->thaw();
+  abortedDueToWriteProblem_.store(true);
+  if (quotaAccountant_) {
+    try {
+      quotaAccountant_->removeFile(location);
+    } catch (...) {
+      logCaught();
     }
   }
 }
@@ -910,19 +943,21 @@ void WorkingFileEntry::runProviderClose(fsp::StorageIRI const& location, std::sh
                                         std::uint64_t generation, DurabilityHandle* durability) {
   // The cache file is durable before the inner store's copy is final.
   if (durability) durability->run();
+  fsp::StorageItem const item = innerItemFor(location);
   {
     std::lock_guard lock(providerStreamMutex_);
     try {
       closeProviderStreamUnlessReclaimed(generation);
     } catch (...) {
       logFailure("Unexpected exception during close operation");
+      if (deliveryReport_) deliveryReport_->undelivered(item.getLocation(), "close", std::current_exception());
     }
   }
-  fsp::StorageItem const item = innerItemFor(location);
   try {
     item.setLastModified(metadata->getLastModified());
   } catch (...) {
     logFailure("Exception during attempt to set last modified time");
+    if (deliveryReport_) deliveryReport_->undelivered(item.getLocation(), "setLastModified", std::current_exception());
   }
   auto read = [metadata, item] {
     try {
@@ -960,6 +995,13 @@ void WorkingFileEntry::setFlushAttributeReads(std::shared_ptr<FlushAttributeRead
 }
 
 void WorkingFileEntry::setThawWritten(ThawWritten thaw) { thawWritten_ = std::move(thaw); }
+
+void WorkingFileEntry::setDeliveryReport(std::shared_ptr<DeliveryReport> report) {
+  deliveryReport_ = std::move(report);
+  if (auto* const resource = dynamic_cast<FilesystemCacheResource*>(cacheResource_.get())) {
+    resource->setDeliveryReport(deliveryReport_);
+  }
+}
 
 void FlushAttributeReads::beginWaiting() {
   std::lock_guard lock(mutex_);
@@ -1056,6 +1098,7 @@ std::shared_ptr<WorkingFileEntry> WorkingFileEntry::copy(std::shared_ptr<FileMet
                                                    params_, shutdownFlag_, timing_);
   copied->setFlushAttributeReads(flushReads_);
   copied->setThawWritten(thawWritten_);
+  copied->setDeliveryReport(deliveryReport_);
   return copied;
 }
 

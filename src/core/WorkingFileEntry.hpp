@@ -98,6 +98,7 @@
 #pragma once
 
 #include <core/CacheResource.hpp>
+#include <core/DeliveryReport.hpp>
 #include <core/FileMetadata.hpp>
 #include <core/FilesystemCacheResource.hpp>
 #include <core/IExecutor.hpp>
@@ -419,6 +420,11 @@ class WorkingFileEntry : public std::enable_shared_from_this<WorkingFileEntry> {
   using ThawWritten = std::function<void(std::shared_ptr<FileMetadata> const&)>;
   void setThawWritten(ThawWritten thaw);
 
+  // Where the entry reports the changes it could not deliver to the store (a payload, the
+  // close, the time stamp) and the failures of its cache file. Without one (the default)
+  // they are only logged. Call before the entry is shared; copies take it over.
+  void setDeliveryReport(std::shared_ptr<DeliveryReport> report);
+
   // ---- copies and moves -----------------------------------------------------------------
 
   // A new entry for the copy whose metadata is `newMetadata`: caches the head of this
@@ -574,6 +580,7 @@ class WorkingFileEntry : public std::enable_shared_from_this<WorkingFileEntry> {
 
   std::shared_ptr<FlushAttributeReads> flushReads_;  // set before the entry is shared; may be null
   ThawWritten thawWritten_;                          // set before the entry is shared; may be empty
+  std::shared_ptr<DeliveryReport> deliveryReport_;   // set before the entry is shared; may be null
   std::thread syncThread_;           // guarded by syncMutex_; the last read-only close's sync
   mutable std::mutex syncMutex_;     // guards syncThread_; a leaf
 

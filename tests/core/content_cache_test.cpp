@@ -81,10 +81,11 @@ TEST_F(ContentCacheTest, HandsOutOneEntryPerLocationUntilAWriteProblemAbortsIt) 
   EXPECT_NE(retrieve(u"b"), first);
   EXPECT_EQ(cache.entryLocations(), (std::vector<fsp::StorageIRI>{iri(u"a"), iri(u"b")}));
 
-  // A write whose write-behind fails: the entry holds bytes the store never received.
+  // A write whose write-behind the store refuses (no retry helps): the entry holds bytes
+  // the store never received.
   first->openReadWrite({});
   first->write(0, "NEW", 3);
-  store->failNext(Operation::Write, 1, fsp::ErrorCode::TransientFailure);
+  store->failNext(Operation::Write, 1, fsp::ErrorCode::QuotaExceeded);
   first->flushContentCache();
   ASSERT_TRUE(first->wasAbortedDueToWriteProblem());
   auto const stale = first->getCheckoutPath();

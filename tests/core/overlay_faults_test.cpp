@@ -189,6 +189,20 @@ TEST_F(OverlayFaultsTest, AStoreThatGoesAwayDuringAFlushCostsTheQueuedChangesBut
   EXPECT_FALSE(store->elsewhere().hasFileAt(u"/base/new.txt"));
   EXPECT_EQ(store->elsewhere().contentOf(u"/base/keep.txt"), "kept");
 
+  // What did not reach the store is answered for by a call, each change once, with the
+  // store's IRI and its reason.
+  std::map<std::string, std::string> undelivered;  // change -> the store's IRI
+  for (auto const& change : provider->takeUndeliveredChanges()) {
+    EXPECT_EQ(change.code, ErrorCode::TransientFailure) << change.change;
+    EXPECT_NE(change.cause.find("injected fault"), std::string::npos) << change.cause;
+    undelivered.emplace(change.change, change.location.toUtf8());
+  }
+  EXPECT_EQ(undelivered["createFolder"], "mem://s1/d");
+  EXPECT_EQ(undelivered["createFile"], "mem://s1/d/a.txt");
+  EXPECT_EQ(undelivered["moveFile"], "mem://s1/base/keep.txt");
+  EXPECT_EQ(undelivered["write"], "mem://s1/base/new.txt");
+  EXPECT_TRUE(provider->takeUndeliveredChanges().empty());
+
   // The flush emptied the caches, so the overlay now asks the store, which is still gone:
   // the answers are the store's failure, not a crash and not a made-up state.
   EXPECT_EQ(failure([&] { provider->doListAll(at(u"/base")); }).first, ErrorCode::TransientFailure);
@@ -222,7 +236,8 @@ TEST_F(OverlayFaultsTest, AStoreBackWithinThreeAttemptsLosesNoChange) {
 
   // Every queued change meets two failures before the store answers again.
   Operation const retried[] = {Operation::CreateFolder, Operation::CreateFile, Operation::MoveFile,
-                               Operation::RemoveFile, Operation::RemoveFolder, Operation::SetWritable};
+                               Operation::RemoveFile,   Operation::RemoveFolder, Operation::SetWritable,
+                               Operation::OpenStream,   Operation::Write};
   for (auto const op : retried) store->failNext(op, 2, ErrorCode::TransientFailure);
   gate.open();
   provider->doFlushFilesystem();
@@ -237,11 +252,14 @@ TEST_F(OverlayFaultsTest, AStoreBackWithinThreeAttemptsLosesNoChange) {
   EXPECT_FALSE(provider->doGetFileAttributes(at(u"/d/b.txt")).isWritable());
   for (auto const op : retried) {
     EXPECT_EQ(store->calls(op), 3u) << providers::mem::toString(op);
-    EXPECT_EQ(countRecords(sink, std::string("injected fault in ") + providers::mem::toString(op)), 2u)
-        << providers::mem::toString(op);
+    // A stream's failures name the stream's file; the store's own name the operation.
+    auto const fault = op == Operation::Write ? std::string("Write on mem://s1/d/b.txt failed: injected fault")
+                                              : std::string("injected fault in ") + providers::mem::toString(op);
+    EXPECT_EQ(countRecords(sink, fault), 2u) << providers::mem::toString(op);
   }
   EXPECT_EQ(read(u"/d/b.txt"), "written through a stream");
   EXPECT_EQ(read(u"/d/old.txt"), "old");
+  EXPECT_TRUE(provider->takeUndeliveredChanges().empty());
 }
 
 TEST_F(OverlayFaultsTest, AStoreFailingEveryCallFromTheStartGivesCodeNineUntilItIsBack) {

@@ -14,8 +14,11 @@
 #include <boost/property_tree/json_parser.hpp>
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
 #include <atomic>
 #include <cstdlib>
+#include <filesystem>
 #include <future>
 #include <sstream>
 #include <thread>
@@ -108,6 +111,50 @@ TEST_F(OverlayProviderTest, SynchronousAfterFirstUseReplacesTheRunningExecutor) 
   EXPECT_TRUE(before.expired());  // released by reference count
   provider.doCreateFolder(overlayIRI(u"/b"));
   EXPECT_TRUE(store->elsewhere().hasFolderAt(u"/b"));
+}
+
+// Values that parse but that the overlay cannot work with are refused, naming the key,
+// before any key is applied: a payload size of 0 made every read return nothing.
+TEST_F(OverlayProviderTest, UnworkableValuesAreRefusedBeforeAnyKeyIsApplied) {
+  OverlayProvider provider(inner);
+  for (auto const& [key, value] : std::vector<std::pair<std::string, std::string>>{
+           {"maxReadPayloadSize", "0"}, {"maxWritePayloadSize", "-1"}, {"maxQueueWeight", "nan"},
+           {"maxQueueWeight", "inf"}, {"minQueueItemWeight", "-0.5"}, {"minQueueItemWeight", "inf"}}) {
+    try {
+      provider.doConfigure(config(R"({"overlay": {"synchronous": "true", ")" + key + R"(": ")" + value + R"("}})"));
+      ADD_FAILURE() << key << " = " << value << " was accepted";
+    } catch (std::invalid_argument const& e) {
+      EXPECT_NE(std::string(e.what()).find("overlay." + key + ": '" + value + "'"), std::string::npos) << e.what();
+    }
+  }
+  EXPECT_FALSE(provider.isSynchronous());
+  EXPECT_EQ(provider.maxReadPayloadSize(), OverlayProvider::kDefaultPayloadSize);
+  EXPECT_EQ(provider.maxWritePayloadSize(), OverlayProvider::kDefaultPayloadSize);
+}
+
+// In synchronous mode the content cache's recycle bin is emptied as the queue's worker
+// empties it when it runs dry, so entries of removed files do not pile up.
+TEST_F(OverlayProviderTest, SynchronousModeEmptiesTheRecycleBin) {
+  OverlayProvider provider(inner);
+  provider.doConfigure(config(R"({"overlay": {"synchronous": "true"}})"));
+  for (char16_t n = u'0'; n < u'6'; ++n) {
+    auto const iri = overlayIRI(std::u16string(u"/f") + n + u".txt");
+    auto stream = provider.doOpenStream(iri, {});
+    stream->write("x", 1);
+    stream->close();
+    provider.doRemoveFile(iri);
+  }
+  EXPECT_LE(provider.contentCache().recycleBinSize(), 1u);
+}
+
+// A provider that never ran an operation leaves no trace on disk.
+TEST_F(OverlayProviderTest, AProviderThatNeverRanTouchesNoDisk) {
+  auto const root = std::filesystem::temp_directory_path() / ("overlay_never_" + std::to_string(::getpid()));
+  {
+    OverlayProvider provider(inner);
+    provider.doConfigure(config(R"({"overlay": {"cacheRoot": ")" + root.string() + R"("}})"));
+  }
+  EXPECT_FALSE(std::filesystem::exists(root));
 }
 
 TEST_F(OverlayProviderTest, ConfiguredWeightReachesTheExecutor) {

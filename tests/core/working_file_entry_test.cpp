@@ -326,8 +326,10 @@ TEST_F(WorkingFileEntryTest, AFailedPayloadAbortsTheEntryForGood) {
   entry->write(0, "first", 5);
   entry->flushContentCache();  // one stream closes: its bytes leave, the inner stream stays
   EXPECT_EQ(entry->getRefCount(), 1);
-  store->failNext(Operation::Write, 1, fsp::ErrorCode::TransientFailure);
+  // Transient failures in all three attempts.
+  store->failNext(Operation::Write, 3, fsp::ErrorCode::TransientFailure);
   executor->runAll();
+  EXPECT_EQ(store->calls(Operation::Write), 3u);
 
   EXPECT_TRUE(entry->wasAbortedDueToWriteProblem());
   EXPECT_TRUE(sink.contains("Unexpected exception during write operation"));
