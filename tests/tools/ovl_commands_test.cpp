@@ -3,7 +3,9 @@
 #include <ovl/Ovl.hpp>
 
 #include <providers/file/FileProviderFactory.hpp>
+#include <providers/mem/MemoryProvider.hpp>
 #include <providers/mem/MemoryProviderFactory.hpp>
+#include <providers/mem/SideDoor.hpp>
 #include <providers/throttle/ThrottleProvider.hpp>
 
 #include <foundation/log/Configuration.hpp>
@@ -136,6 +138,8 @@ TEST_F(OvlTest, HelpAndBadUsage) {
   badUsage({"ls", "mem://t/", "--throttle-ms"}, "--throttle-ms needs a value");
   badUsage({"--throttle-ms", "fast", "ls", "mem://t/"}, "--throttle-ms: 'fast' is not a number");
   badUsage({"--throttle-mbps=-3", "ls", "mem://t/"}, "--throttle-mbps: '-3' is not a number");
+  badUsage({"--throttle-ms", "99999999999999999999", "ls", "mem://t/"}, "--throttle-ms: '99999999999999999999' is not a number from 0 to");
+  EXPECT_THAT(ok({"--version"}).out, StartsWith("ovl 1."));
   badUsage({"--log-level", "loud", "ls", "mem://t/"}, "--log-level: 'loud' is not a severity number");
   // Usage problems are found before anything is touched.
   EXPECT_EQ(run({"mkdir", "mem://t/new", "extra"}).status, 2);
@@ -267,6 +271,70 @@ TEST_F(OvlTest, StreamFailuresNameTheFileAndLeaveTheDestinationAlone) {
   // An error that is not the store's still makes one line naming the argument.
   store->failNextUnexpected(providers::mem::Operation::GetFileAttributes, 1);
   failsNaming({"stat", "mem://faulty/a.txt"}, "mem://faulty/a.txt", "");
+}
+
+// Through the overlay every change is acknowledged before the store has it; one that the
+// store then refuses for good makes the command fail with one line naming the store's IRI
+// and its reason, and the exit status 1.
+TEST_F(OvlTest, ChangesTheStoreRefusesThroughTheOverlayFailTheCommand) {
+  providers::mem::MemoryProvider::Options options;
+  options.name = u"refusing";
+  auto store = std::make_shared<providers::mem::MemoryProvider>(options);
+  registry_.addProvider(StorageIRI(u"mem://refusing/"), store);
+  ok({"mkdir", "mem://refusing/d"});
+  writeLocal(local("f.txt"), "kept");
+  ok({"cp", local("f.txt"), "mem://refusing/f.txt"});
+  struct Case {
+    std::vector<std::string> args;
+    providers::mem::Operation refused;
+    std::string line;
+  };
+  std::vector<Case> const cases = {
+      {{"mkdir", "mem://refusing/new"}, providers::mem::Operation::CreateFolder, "ovl mkdir: mem://refusing/new: not writable"},
+      {{"rm", "mem://refusing/f.txt"}, providers::mem::Operation::RemoveFile, "ovl rm: mem://refusing/f.txt: not writable"},
+      {{"mv", "mem://refusing/f.txt", "mem://refusing/g.txt"}, providers::mem::Operation::MoveFile,
+       "ovl mv: mem://refusing/f.txt: not writable"},
+      {{"rm", "-r", "mem://refusing/d"}, providers::mem::Operation::RemoveFolderRecursively,
+       "ovl rm: mem://refusing/d: not writable"},
+  };
+  for (auto const& c : cases) {
+    store->failNext(c.refused, 1, ErrorCode::NotWritable);
+    auto args = c.args;
+    args.insert(args.begin(), "--overlay");
+    auto const result = run(args);
+    store->clearFaults();
+    EXPECT_EQ(result.status, 1) << result;
+    EXPECT_THAT(result.err, StartsWith(c.line)) << result;
+    EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << result;
+  }
+  EXPECT_FALSE(store->elsewhere().hasFolderAt(u"/new"));
+  EXPECT_EQ(store->elsewhere().contentOf(u"/f.txt"), "kept");
+  EXPECT_TRUE(store->elsewhere().hasFolderAt(u"/d"));
+
+  // A transient failure that the overlay's retries absorb is no failure.
+  store->failNext(providers::mem::Operation::CreateFolder, 2, ErrorCode::TransientFailure);
+  auto const retried = run({"--overlay", "mkdir", "mem://refusing/new"});
+  EXPECT_EQ(retried.status, 0) << retried;
+  EXPECT_TRUE(store->elsewhere().hasFolderAt(u"/new"));
+}
+
+// Names up to the file system's limit copy like any other (the scratch file's name stays
+// within it), and a destination ending in "/" names a folder.
+TEST_F(OvlTest, CopiesKeepLongNamesAndATrailingSlashNamesAFolder) {
+  writeLocal(local("src.txt"), "content");
+  for (std::size_t length : {200u, 247u, 255u}) {
+    auto const name = std::string(length - 4, 'n') + ".txt";
+    ok({"cp", local("src.txt"), local(name)});
+    EXPECT_EQ(readLocal(local(name)), "content") << length;
+    ok({"cp", local("src.txt"), local(name)});  // replacing goes through a scratch file too
+  }
+  auto const noFolder = run({"cp", local("src.txt"), local("newdir") + "/"});
+  EXPECT_EQ(noFolder.status, 1) << noFolder;
+  EXPECT_THAT(noFolder.err, HasSubstr("no such folder")) << noFolder;
+  EXPECT_FALSE(fs::exists(dir_ / "newdir"));
+  fs::create_directories(dir_ / "newdir");
+  ok({"cp", local("src.txt"), local("newdir") + "/"});
+  EXPECT_EQ(readLocal(dir_ / "newdir/src.txt"), "content");
 }
 
 TEST_F(OvlTest, RemoveAndMove) {

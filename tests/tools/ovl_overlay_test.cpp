@@ -177,14 +177,37 @@ TEST_F(OvlOverlay, ConfigurationReachesTheOverlayAndBadConfigurationIsNamed) {
   EXPECT_EQ(unknown.status, 2) << unknown;
   EXPECT_THAT(unknown.err, HasSubstr("unknown configuration key \"overlay.cacheRot\""));
 
+  // Every configuration error is bad usage (status 2), refused before the command runs
+  // (nothing is copied), and names the file or the flag and the value.
   writeLocal(dir_ / "bad.json", "{\"overlay\": {\"cacheRoot\": ");
-  auto const bad = overlay({"--config", (dir_ / "bad.json").string(), "cat", inStore("f.txt")});
-  EXPECT_EQ(bad.status, 1) << bad;
-  EXPECT_THAT(bad.err, StartsWith("ovl cat: " + (dir_ / "bad.json").string() + ": not a JSON configuration: line 1"));
-
-  auto const missing = overlay({"--config", (dir_ / "none.json").string(), "cat", inStore("f.txt")});
-  EXPECT_EQ(missing.status, 1) << missing;
-  EXPECT_THAT(missing.err, HasSubstr((dir_ / "none.json").string() + ": cannot read the configuration file"));
+  writeLocal(dir_ / "list.json", R"({"overlay": {"maxQueueWeight": [1, 2]}})");
+  writeLocal(dir_ / "zero.json", R"({"overlay": {"maxReadPayloadSize": "0"}})");
+  fs::create_directories(dir_ / "folder.json");
+  struct Case {
+    std::vector<std::string> flags;
+    std::string says;
+  };
+  std::vector<Case> const cases = {
+      {{"--config", (dir_ / "bad.json").string()}, (dir_ / "bad.json").string() + ": not a JSON configuration: line 1"},
+      {{"--config", (dir_ / "none.json").string()}, (dir_ / "none.json").string() + ": cannot read the configuration file"},
+      {{"--config", (dir_ / "folder.json").string()}, (dir_ / "folder.json").string() + ": is a folder"},
+      {{"--config", (dir_ / "list.json").string()}, "\"overlay.maxQueueWeight\" is a list"},
+      {{"--config", (dir_ / "zero.json").string()}, "overlay.maxReadPayloadSize: '0' is not a whole number of bytes above 0"},
+      {{"--set", "overlay.maxQueueWeight=abc"}, "overlay.maxQueueWeight: 'abc' is not a number >= 0"},
+      {{"--set", "overlay.maxQueueWeight=nan"}, "'nan' is not a number >= 0"},
+      {{"--set", "overlay.minQueueItemWeight=inf"}, "'inf' is not a number >= 0"},
+      {{"--set", "overlay.maxWritePayloadSize=-1"}, "overlay.maxWritePayloadSize: '-1' is not a whole number"},
+  };
+  for (auto const& c : cases) {
+    auto args = c.flags;
+    for (auto const& arg : {"cp", "f.txt", "copied.txt"}) args.emplace_back(arg);
+    args[args.size() - 2] = inStore("f.txt");
+    args.back() = inStore("copied.txt");
+    auto const refused = overlay(args);
+    EXPECT_EQ(refused.status, 2) << refused;
+    EXPECT_THAT(refused.err, HasSubstr(c.says)) << refused;
+    EXPECT_FALSE(fs::exists(dir_ / "store/copied.txt")) << refused;
+  }
 
   // A cache root that cannot be a folder (its parent is a file): named before any store
   // is touched, whoever runs the test (permission bits would not stop root).
@@ -201,9 +224,10 @@ TEST_F(OvlOverlay, ConfigurationReachesTheOverlayAndBadConfigurationIsNamed) {
 
 // A disk that fills up while the overlay writes: the store (a local folder here) cannot
 // take the file, and the command says so in one line naming the file and the cause.
-TEST_F(OvlOverlay, AFullDiskIsReportedInOneLineNamingTheFile) {
+TEST_F(OvlOverlay, AFullStoreLeavesTheDestinationAsItWasAndIsReportedInOneLine) {
   std::string content(3 << 20, 'x');
   writeLocal(dir_ / "store/big.bin", content);
+  writeLocal(dir_ / "store/copy.bin", "the original");
   Result full;
   {
     support::FileSizeCap const cap(1 << 20);
@@ -211,15 +235,101 @@ TEST_F(OvlOverlay, AFullDiskIsReportedInOneLineNamingTheFile) {
     full = overlay({"cp", inStore("big.bin"), inStore("copy.bin")});
   }
   EXPECT_EQ(full.status, 1) << full;
-  EXPECT_THAT(full.err, StartsWith("ovl cp: Unexpected exception during write operation (")) << full;
-  EXPECT_THAT(full.err, HasSubstr("copy.bin")) << full;
+  EXPECT_THAT(full.err, StartsWith("ovl cp: " + inStore("copy.bin") + ": the store did not take the new content (")) << full;
   EXPECT_THAT(full.err, HasSubstr("File too large")) << full;
+  EXPECT_THAT(full.err, HasSubstr("the destination was left as it was")) << full;
   EXPECT_EQ(std::count(full.err.begin(), full.err.end(), '\n'), 1) << full;
   EXPECT_EQ(readLocal(dir_ / "store/big.bin"), content) << "the source is untouched";
+  EXPECT_EQ(readLocal(dir_ / "store/copy.bin"), "the original") << "the destination is untouched";
+  for (auto const& entry : fs::directory_iterator(dir_ / "store")) {
+    EXPECT_EQ(entry.path().extension(), ".bin") << "left behind: " << entry.path();
+  }
 
   // With room again, the same command succeeds.
   ok({"cp", inStore("big.bin"), inStore("copy.bin")});
   EXPECT_EQ(readLocal(dir_ / "store/copy.bin"), content);
+}
+
+// Two programs copying different content onto one file at the same time: each writes a
+// scratch file of its own, so the file ends as one of the two sources, byte for byte.
+TEST_F(OvlOverlay, TwoCopiesOntoOneFileLeaveOneWholeSource) {
+  std::string a(1 << 20, 'a'), b(1 << 20, 'b');
+  for (std::size_t i = 0; i < a.size(); i += 4096) a[i] = b[i] = static_cast<char>('0' + i / 4096 % 10);
+  writeLocal(dir_ / "store/a.bin", a);
+  writeLocal(dir_ / "store/b.bin", b);
+  for (int round = 0; round < 8; ++round) {
+    writeLocal(dir_ / "store/dst.bin", "old");
+    auto command = [&](std::string const& source) {
+      return std::string(OVL_PROGRAM) + " --overlay-root " + store() + " cp " + inStore(source) + " " + inStore("dst.bin");
+    };
+    // Both programs start together and the shell waits for both; each one's status is kept.
+    std::string const script = "(" + command("a.bin") + "; echo $? > " + (dir_ / "a.status").string() + ") & (" +
+                               command("b.bin") + "; echo $? > " + (dir_ / "b.status").string() + ") & wait";
+    ASSERT_EQ(std::system(script.c_str()), 0);
+    EXPECT_EQ(readLocal(dir_ / "a.status"), "0\n") << "round " << round;
+    EXPECT_EQ(readLocal(dir_ / "b.status"), "0\n") << "round " << round;
+    auto const result = readLocal(dir_ / "store/dst.bin");
+    EXPECT_TRUE(result == a || result == b) << "round " << round << ": a mixture of " << result.size() << " bytes";
+    std::size_t entries = 0;
+    for (auto const& entry : fs::directory_iterator(dir_ / "store")) entries += entry.path().extension() == ".bin";
+    EXPECT_EQ(entries, 3u) << "round " << round << ": a scratch file was left";
+  }
+}
+
+// Operands written in the overlay's own scheme work with and without --overlay: the
+// bundle is loaded for them and they are not wrapped again.
+TEST_F(OvlOverlay, OverlayIRIsWorkWithAndWithoutTheFlag) {
+  writeLocal(dir_ / "store/a.txt", "through the overlay");
+  auto const iri = "overlay:<file://" + store() + "/>/a.txt";
+  auto const plain = run({"cat", iri});
+  EXPECT_EQ(plain.status, 0) << plain;
+  EXPECT_EQ(plain.out, "through the overlay");
+  auto const flagged = overlay({"cat", iri});
+  EXPECT_EQ(flagged.status, 0) << flagged;
+  EXPECT_EQ(flagged.out, "through the overlay");
+  auto const copied = run({"cp", iri, "overlay:<file://" + store() + "/>/b.txt"});
+  EXPECT_EQ(copied.status, 0) << copied;
+  EXPECT_EQ(readLocal(dir_ / "store/b.txt"), "through the overlay");
+}
+
+// A reader that goes away early (ovl cat big | head) ends the program through its normal
+// path: the overlay is flushed and its cache folder removed.
+TEST_F(OvlOverlay, AClosedPipeLeavesNoCacheFolderBehind) {
+  writeLocal(dir_ / "store/big.bin", std::string(8 << 20, 'b'));
+  fs::create_directories(dir_ / "tmp");
+  std::string const script = "TMPDIR=" + (dir_ / "tmp").string() + " " + OVL_PROGRAM + " --overlay-root " + store() +
+                             " cat " + inStore("big.bin") + " | head -c 10 > /dev/null";
+  ASSERT_EQ(std::system(script.c_str()), 0);
+  EXPECT_TRUE(fs::is_empty(dir_ / "tmp")) << fs::directory_iterator(dir_ / "tmp")->path();
+}
+
+// Operands that lead out of the overlay's root, by any spelling, are refused before
+// anything is touched.
+TEST_F(OvlOverlay, NoOperandLeadsOutOfTheOverlaysRoot) {
+  fs::create_directories(dir_ / "store/sub");
+  writeLocal(dir_ / "victim.txt", "outside");
+  writeLocal(dir_ / "store/inside.txt", "inside");
+  auto const outside = dir_.string();
+  for (std::string const& operand :
+       {"file://" + store() + "/../victim.txt", "file://" + store() + "/sub/../../victim.txt",
+        "file://" + store() + "/./../victim.txt", "file://" + store() + "//..//victim.txt", store() + "/../victim.txt",
+        store() + "/sub/../../victim.txt"}) {
+    auto const rm = overlay({"rm", operand});
+    EXPECT_EQ(rm.status, 1) << operand << '\n' << rm;
+    EXPECT_THAT(rm.err, HasSubstr("lies outside")) << rm;
+    auto const cp = overlay({"cp", inStore("inside.txt"), operand});
+    EXPECT_EQ(cp.status, 1) << operand << '\n' << cp;
+    EXPECT_EQ(readLocal(dir_ / "victim.txt"), "outside") << operand;
+  }
+  // Inside the root, "." and ".." still resolve as they should.
+  ok({"cp", "file://" + store() + "/sub/../inside.txt", inStore("sub/./copy.txt")});
+  EXPECT_EQ(readLocal(dir_ / "store/sub/copy.txt"), "inside");
+  for (std::string const& operand : {store() + "/sub/.", store() + "/sub/..", store() + "/sub/../", std::string(".")}) {
+    auto const rm = overlay({"rm", "-r", operand});
+    EXPECT_EQ(rm.status, 1) << rm;
+    EXPECT_THAT(rm.err, HasSubstr("refusing to remove '.' or '..'")) << rm;
+  }
+  EXPECT_TRUE(fs::exists(dir_ / "store/sub/copy.txt"));
 }
 
 // A full disk that stops only the cache: reading a large file fills the cache file,

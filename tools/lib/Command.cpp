@@ -2,6 +2,8 @@
 
 #include <ovl/Format.hpp>
 
+#include <fl/i18n.hpp>
+
 #include <algorithm>
 #include <cstdlib>
 #include <sstream>
@@ -42,10 +44,14 @@ StorageItem Session::resolve(std::string const& text) {
   StorageItem item;
   try {
     item = registry_.resolve(text);
+    // Resolved before anything is checked against a root: "a/../../b" names "/b".
+    item = StorageItem(item.getProvider(), item.getLocation().getResolvedIRI());
   } catch (std::exception const& e) {
-    throw CommandError(text, e.what());
+    if (!wrapsOverlayIRI(text)) throw CommandError(text, e.what());
   }
-  if (!overlay_) {
+  if (wrapsOverlayIRI(text)) {
+    item = overlayItemFor(text);
+  } else if (!overlay_) {
     if (throttle_) item = throttled(item, item.getLocation().withPath(u"/"));
   } else {
     // The throttle (if any) is rooted at the overlay's folder: the overlay then lies over
@@ -64,6 +70,40 @@ StorageItem Session::resolve(std::string const& text) {
   }
   names_.emplace_back(item.getLocation(), text);
   return item;
+}
+
+bool Session::wrapsOverlayIRI(std::string const& text) {
+  return text.rfind(std::string("overlay:<"), 0) == 0;
+}
+
+StorageItem Session::overlayItemFor(std::string const& text) {
+  if (!host_) throw CommandError(text, "the overlay's IRIs need the overlay bundle, which this run did not load");
+  StorageIRI iri;
+  try {
+    iri = StorageIRI(fl::i18n::to_ustring(text)).getResolvedIRI();
+  } catch (std::exception const& e) {
+    throw CommandError(text, e.what());
+  }
+  auto const innerRootIRI = iri.getInnerIRI().getResolvedIRI();
+  StorageItem innerRoot;
+  try {
+    innerRoot = registry_.resolve(innerRootIRI);
+  } catch (std::exception const& e) {
+    throw CommandError(text, e.what());
+  }
+  StorageItem inner(innerRoot.getProvider(), StorageIRI(innerRootIRI, iri.getPath()));
+  StorageIRI root = innerRootIRI;
+  if (throttle_) {
+    inner = throttled(inner, innerRootIRI);
+    root = inner.getLocation().withPath(u"/");
+  }
+  try {
+    return host_->over(inner, root);
+  } catch (CommandError const&) {
+    throw;
+  } catch (std::exception const& e) {
+    throw CommandError(text, std::string("cannot lay the overlay over it: ") + e.what());
+  }
 }
 
 StorageIRI Session::overlayRootFor(StorageItem const& item, std::string const& text) {
@@ -109,6 +149,22 @@ StorageItem Session::throttled(StorageItem const& item, StorageIRI const& folder
                                           pathBelow(item.getLocation().getPath(), folder.getPath())));
 }
 
+std::optional<std::string> Session::deliver(StorageItem const& item) {
+  if (!host_ || item.getLocation().getScheme() != kOverlayScheme) return std::nullopt;
+  host_->flush();
+  auto const wanted = plainIRI(item.getLocation());
+  // The time stamp of a file is not its content: a store that keeps no times still took
+  // the bytes.
+  auto const failed = host_->takeUndelivered([&](auto const& change) {
+    return change.change != "setLastModified" && plainIRI(change.location) == wanted;
+  });
+  if (failed.empty()) return std::nullopt;
+  auto const& first = failed.front();
+  std::string cause = first.code ? describe(*first.code) : first.cause;
+  if (first.code && !first.cause.empty()) cause += ": " + first.cause;
+  return cause;
+}
+
 std::string Session::nameOf(StorageIRI const& iri) const {
   for (auto it = names_.rbegin(); it != names_.rend(); ++it) {
     if (it->first == iri) return it->second;
@@ -117,7 +173,7 @@ std::string Session::nameOf(StorageIRI const& iri) const {
 }
 
 std::string Session::plainIRI(StorageIRI const& given) const {
-  auto const iri = overlay_ ? OverlayHost::innerIRI(given) : given;
+  auto const iri = OverlayHost::innerIRI(given);
   if (iri.hasInnerIRI() && iri.getScheme() == providers::throttle::kScheme) {
     if (auto it = throttles_.find(iri.getInnerIRI().toString()); it != throttles_.end()) {
       return it->second->toInner(iri).toUtf8();

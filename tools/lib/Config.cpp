@@ -2,6 +2,8 @@
 
 #include <ovl/Command.hpp>
 
+#include <core/OverlayOptions.hpp>
+
 #include <boost/property_tree/json_parser.hpp>
 
 #include <unistd.h>
@@ -25,48 +27,55 @@ bool knownOverlayKey(std::string const& key) {
 
 bool isOverlayKey(std::string const& key) { return key.rfind("overlay.", 0) == 0 || key == "overlay"; }
 
-// Copies every leaf of `tree` into `out` under its full dotted key.
-void flatten(pt::ptree const& tree, std::string const& prefix, std::vector<std::pair<std::string, std::string>>& out) {
+// Copies every leaf of `tree` into `out` under its full dotted key. A JSON array (its
+// items have no names) is refused as a value of the wrong type, naming `file` and the key.
+void flatten(pt::ptree const& tree, std::string const& prefix, std::vector<std::pair<std::string, std::string>>& out,
+             std::string const& file) {
   for (auto const& [name, child] : tree) {
+    if (name.empty() && !prefix.empty()) {
+      throw UsageError(file + ": \"" + prefix + "\" is a list; its value must be a text or a number");
+    }
     auto const key = prefix.empty() ? name : prefix + "." + name;
     if (child.empty()) {
       out.emplace_back(key, child.data());
     } else {
-      flatten(child, key, out);
+      flatten(child, key, out, file);
     }
   }
 }
 
 }  // namespace
 
-std::vector<std::string> const& overlayKeys() {
-  static std::vector<std::string> const keys = {
-      "overlay.cacheRoot",          "overlay.maxQueueWeight",      "overlay.minQueueItemWeight",
-      "overlay.persistContentCache", "overlay.maxReadPayloadSize", "overlay.maxWritePayloadSize",
-      "overlay.synchronous",        "overlay.disableContentCache", "overlay.backslashToForwardSlash",
-  };
-  return keys;
-}
+std::vector<std::string> const& overlayKeys() { return storage::overlayprovider::overlayOptionKeys(); }
 
 pt::ptree loadConfig(std::optional<std::string> const& file, std::vector<std::string> const& settings) {
   pt::ptree config;
   if (file) {
+    std::error_code error;
+    if (std::filesystem::is_directory(*file, error)) {
+      throw UsageError("--config " + *file + ": is a folder, not a configuration file");
+    }
     std::ifstream in(*file);
-    if (!in) throw CommandError(*file, std::string("cannot read the configuration file (") + std::strerror(errno) + ")");
+    if (!in) throw UsageError("--config " + *file + ": cannot read the configuration file (" + std::strerror(errno) + ")");
     pt::ptree parsed;
     try {
       pt::read_json(in, parsed);
     } catch (pt::json_parser_error const& e) {
-      throw CommandError(*file, "not a JSON configuration: line " + std::to_string(e.line()) + ": " + e.message());
+      throw UsageError(*file + ": not a JSON configuration: line " + std::to_string(e.line()) + ": " + e.message());
     }
     std::vector<std::pair<std::string, std::string>> leaves;
-    flatten(parsed, {}, leaves);
+    flatten(parsed, {}, leaves, *file);
     for (auto const& [key, value] : leaves) {
       if (key.empty() || key.find("..") != std::string::npos) {
-        throw CommandError(*file, "the configuration must be a JSON object of keys and values");
+        throw UsageError(*file + ": the configuration must be a JSON object of keys and values");
       }
       if (isOverlayKey(key) && !knownOverlayKey(key)) {
-        throw CommandError(*file, "unknown configuration key \"" + key + "\" (ovl --help lists them)");
+        throw UsageError(*file + ": unknown configuration key \"" + key + "\" (ovl --help lists them)");
+      }
+      try {
+        storage::overlayprovider::checkOverlayOption(key, value);
+      } catch (std::invalid_argument const& e) {
+        throw UsageError(*file + ": " + e.what());
       }
       config.put(pt::ptree::path_type(key, '.'), value);
     }
@@ -76,6 +85,11 @@ pt::ptree loadConfig(std::optional<std::string> const& file, std::vector<std::st
     auto const key = setting.substr(0, equals);
     if (isOverlayKey(key) && !knownOverlayKey(key)) {
       throw UsageError("--set: unknown configuration key \"" + key + "\" (ovl --help lists them)");
+    }
+    try {
+      storage::overlayprovider::checkOverlayOption(key, setting.substr(equals + 1));
+    } catch (std::invalid_argument const& e) {
+      throw UsageError(std::string("--set: ") + e.what());
     }
     config.put(pt::ptree::path_type(key, '.'), setting.substr(equals + 1));
   }

@@ -8,7 +8,6 @@
 
 #include <foundation/crypto/CryptoEngine.hpp>
 #include <foundation/crypto/cryptopp/CryptoProvider.hpp>
-#include <foundation/log/MemorySink.hpp>
 #include <foundation/log/Severity.hpp>
 #include <foundation/storage/provider/Exception.hpp>
 
@@ -332,60 +331,19 @@ bool verify(std::ostream& out, std::string const& run, StorageItem const& storeF
   return false;
 }
 
-// What the overlay's queue reported in its log while the run went on.
-struct QueueFigures {
-  std::size_t drains = 0;
-  long longestDrainMs = 0;
-  std::optional<boost::property_tree::ptree> lastReport;
-
-  explicit QueueFigures(foundation::log::MemorySink const& sink) {
-    for (auto const& record : sink.records()) {
-      if (record.channel != "storage::overlayprovider" || record.message.find("queueStats") == std::string::npos) {
-        continue;
-      }
-      boost::property_tree::ptree tree;
-      try {
-        std::istringstream in(record.message);
-        boost::property_tree::read_json(in, tree);
-      } catch (std::exception const&) {
-        continue;
-      }
-      if (auto drain = tree.get_optional<long>("overlay.queueStats.timeToEmpty")) {
-        ++drains;
-        longestDrainMs = std::max(longestDrainMs, *drain);
-      } else {
-        lastReport = tree;
-      }
-    }
+// The overlay queue's figures, as its provider gives them.
+void printQueueFigures(std::ostream& out, std::optional<fsp::extensions::QueueFigures> const& figures) {
+  if (!figures) {
+    out << "overlay queue: no figures (the overlay does not report them)\n";
+    return;
   }
-
-  void print(std::ostream& out) const {
-    out << "overlay queue: drained " << drains << (drains == 1 ? " time" : " times") << ", the longest busy period "
-        << longestDrainMs << " ms\n";
-    if (!lastReport) {
-      out << "  (no periodic queue report during the run: the queue reports every 11 s of activity)\n";
-      return;
-    }
-    auto const& stats = lastReport->get_child("overlay.queueStats");
-    // The record carries the average with every digit the overlay has; a whole number of
-    // milliseconds is what a reader wants.
-    auto milliseconds = [&](char const* key) {
-      auto const value = stats.get_optional<double>(key);
-      if (!value) return stats.get<std::string>(key, "?");
-      std::ostringstream text;
-      text << std::fixed << std::setprecision(0) << *value;
-      return text.str();
-    };
-    out << "  last periodic report: " << stats.get<std::string>("size", "?") << " queued, average wait "
-        << milliseconds("avQTime_ms") << " ms, longest " << milliseconds("maxQTime_ms") << " ms; transactions so far:";
-    if (auto totals = stats.get_child_optional("transaction.totalOverTime")) {
-      for (auto const& [type, count] : *totals) {
-        if (count.data() != "0") out << ' ' << type << ' ' << count.data();
-      }
-    }
-    out << '\n';
-  }
-};
+  out << "overlay queue: drained " << figures->drains << (figures->drains == 1 ? " time" : " times")
+      << ", the longest busy period " << figures->longestBusyPeriodMs << " ms\n"
+      << "  average wait " << std::llround(figures->averageWaitMs) << " ms, longest " << figures->longestWaitMs
+      << " ms; transactions:";
+  for (auto const& [type, count] : figures->transactions) out << ' ' << type << ' ' << count;
+  out << '\n';
+}
 
 // The time-out after which the overlay lets the store's events through again, in seconds.
 double latchSeconds() {
@@ -492,7 +450,6 @@ int runDemo(Session& session, DemoOptions const& options) {
     if (!verify(out, "direct", directFolder, direct.model())) status = 1;
 
     stage = "overlay";
-    foundation::log::MemorySink queueLog(foundation::log::Info);
     OverlayHost host(session.registry(), session.bundlePath(), session.config());
     auto const inner = throttled(overlayFolder);
     overlayRun.emplace("overlay", host.over(inner, inner.getLocation()), overlayFolder, options, progress);
@@ -509,10 +466,17 @@ int runDemo(Session& session, DemoOptions const& options) {
       return 130;
     }
     progress.finish();
+    auto const figures = host.queueFigures();
     host.finish();
     printTable(out, direct, *overlayRun, options);
     out << '\n';
-    QueueFigures(queueLog).print(out);
+    printQueueFigures(out, figures);
+    if (auto const& undelivered = host.delivered().undelivered; !undelivered.empty()) {
+      out << "the overlay could not make " << undelivered.size() << " change(s) in the store, the first: "
+          << session.plainIRI(undelivered.front().location) << " (" << undelivered.front().change << "): "
+          << (undelivered.front().code ? describe(*undelivered.front().code) : undelivered.front().cause) << '\n';
+      status = 1;
+    }
     if (options.beforeVerify) options.beforeVerify(overlayFolder);
     if (!verify(out, "overlay, after flush", overlayFolder, overlayRun->model())) status = 1;
   } catch (Interrupted const&) {

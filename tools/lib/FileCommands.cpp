@@ -169,29 +169,22 @@ int runCat(Session& session, Arguments const& args) {
   return 0;
 }
 
-// Copies the content of the file `src` into `dst`, which is created or replaced. The
-// destination is written through a transactional stream, so it changes only once the
-// whole content has arrived; a failure leaves it as it was.
-void copyContent(Session& session, StorageItem const& src, StorageItem const& dst, bool forceProgress) {
-  std::uint64_t const total = src.getFileAttributes().getSize().value_or(0);
-  ProgressBar progress(session.err(), total, forceProgress || (session.errIsTerminal() && total >= kProgressFrom));
-  auto in = openForReading(session, src);
-  fsp::ByteStreamOpenOptions options;
-  options.truncate = true;
-  auto out = dst.openTransactionalStream(options);
+// Copies every byte of `in` to `out`, drawing `progress`. Errors name `src` or `dst`.
+void pump(Session& session, fsp::ByteStream& in, fsp::ByteStream& out, StorageItem const& src, StorageItem const& dst,
+          ProgressBar& progress) {
   std::vector<char> buffer(kChunk);
   std::uint64_t done = 0;
   for (;;) {
     long n;
     try {
-      n = in->read(buffer.data(), kChunk);
+      n = in.read(buffer.data(), kChunk);
     } catch (fsp::ByteStreamFailure const& e) {
       throw CommandError(session.nameOf(src), e.what());
     }
     if (n <= 0) break;
     try {
       for (long written = 0; written < n;) {
-        long const w = out->write(buffer.data() + written, n - written);
+        long const w = out.write(buffer.data() + written, n - written);
         if (w <= 0) throw CommandError(session.nameOf(dst), "the store accepted no more bytes");
         written += w;
       }
@@ -201,13 +194,55 @@ void copyContent(Session& session, StorageItem const& src, StorageItem const& ds
     done += static_cast<std::uint64_t>(n);
     progress.update(done);
   }
-  in->close();
+}
+
+// Copies the content of the file `src` into `dst`, which is created or replaced, and
+// changes `dst` only once the whole content has arrived; a failure leaves it as it was.
+// Directly on a store, through a transactional stream. Through the overlay, which
+// acknowledges bytes before the store has them, through a scratch file of its own that is
+// moved into place only once the overlay has delivered it to the store.
+void copyContent(Session& session, StorageItem const& src, StorageItem const& dst, bool forceProgress) {
+  std::uint64_t const total = src.getFileAttributes().getSize().value_or(0);
+  ProgressBar progress(session.err(), total, forceProgress || (session.errIsTerminal() && total >= kProgressFrom));
+  auto in = openForReading(session, src);
+  fsp::ByteStreamOpenOptions options;
+  options.truncate = true;
+  if (dst.getLocation().getScheme() != kOverlayScheme) {
+    auto out = dst.openTransactionalStream(options);
+    pump(session, *in, *out, src, dst, progress);
+    in->close();
+    try {
+      out->close();
+    } catch (fsp::ByteStreamFailure const& e) {
+      throw CommandError(session.nameOf(dst), e.what());
+    }
+    progress.finish();
+    return;
+  }
+  StorageItem const scratch(dst.getProvider(), fsp::scratchLocationFor(dst.getLocation()));
   try {
+    auto out = scratch.openStream(options);
+    pump(session, *in, *out, src, dst, progress);
+    in->close();
     out->close();
-  } catch (fsp::ByteStreamFailure const& e) {
-    throw CommandError(session.nameOf(dst), e.what());
+  } catch (...) {
+    try {
+      if (scratch.fileExists()) scratch.removeFile();
+    } catch (std::exception const&) {
+      // The scratch file is left; the error that stopped the copy matters more.
+    }
+    throw;
   }
   progress.finish();
+  if (auto const failure = session.deliver(scratch)) {
+    try {
+      scratch.removeFile();
+    } catch (std::exception const&) {
+    }
+    throw CommandError(session.nameOf(dst), "the store did not take the new content (" + *failure +
+                                                "); the destination was left as it was");
+  }
+  scratch.moveFile(dst.getLocation(), fsp::ReplacementPolicy::Always);
 }
 
 // Where SRC goes when DST is given: inside DST when that is an existing folder.
@@ -226,6 +261,10 @@ int runCp(Session& session, Arguments const& args) {
       throw CommandError(session.nameOf(src), "is a folder (cp copies files)");
     case ExistenceKind::File:
       break;
+  }
+  auto const& dstText = args.operands[1];
+  if (dstText.size() > 1 && dstText.back() == '/' && !dst.folderExists()) {
+    throw CommandError(dstText, "no such folder (a name ending in / names a folder to copy into)");
   }
   auto const target = destinationFor(session, src, dst);
   switch (target.existsExtended()) {
@@ -251,7 +290,18 @@ int runMkdir(Session& session, Arguments const& args) {
   return 0;
 }
 
+// Whether the last segment of `text` (a path or an IRI, trailing slashes aside) is "."
+// or "..".
+bool namesDotOrDotDot(std::string text) {
+  while (text.size() > 1 && text.back() == '/') text.pop_back();
+  auto const slash = text.find_last_of("/:>");
+  auto const last = slash == std::string::npos ? text : text.substr(slash + 1);
+  return last == "." || last == "..";
+}
+
 int runRm(Session& session, Arguments const& args) {
+  // As rm does: removing "." or ".." would pull the folder out from under its own path.
+  if (namesDotOrDotDot(args.operands[0])) throw CommandError(args.operands[0], "refusing to remove '.' or '..'");
   auto const item = session.resolve(args.operands[0]);
   switch (item.existsExtended()) {
     case ExistenceKind::None:

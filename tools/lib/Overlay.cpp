@@ -67,9 +67,15 @@ std::vector<StorageItem> OverlayHost::roots() const {
   return all;
 }
 
-void OverlayHost::finish() {
-  if (finished_) return;
-  finished_ = true;
+namespace {
+
+fsp::extensions::IWriteBehindStatus* statusOf(StorageItem const& root) {
+  return dynamic_cast<fsp::extensions::IWriteBehindStatus*>(root.getProvider().get());
+}
+
+}  // namespace
+
+void OverlayHost::flush() {
   std::exception_ptr first;
   for (auto const& [key, root] : roots_) {
     try {
@@ -77,6 +83,36 @@ void OverlayHost::finish() {
     } catch (...) {
       if (!first) first = std::current_exception();
     }
+    if (auto* status = statusOf(root)) {
+      for (auto& change : status->takeUndeliveredChanges()) delivery_.undelivered.push_back(std::move(change));
+      for (auto& failure : status->takeLocalCacheFailures()) delivery_.cacheFailures.push_back(std::move(failure));
+    }
+  }
+  if (first) std::rethrow_exception(first);
+}
+
+std::vector<fsp::extensions::UndeliveredChange> OverlayHost::takeUndelivered(
+    std::function<bool(fsp::extensions::UndeliveredChange const&)> const& matches) {
+  std::vector<fsp::extensions::UndeliveredChange> taken, kept;
+  for (auto& change : delivery_.undelivered) (matches(change) ? taken : kept).push_back(std::move(change));
+  delivery_.undelivered = std::move(kept);
+  return taken;
+}
+
+std::optional<fsp::extensions::QueueFigures> OverlayHost::queueFigures() const {
+  if (roots_.empty()) return std::nullopt;
+  if (auto* status = statusOf(roots_.begin()->second)) return status->getQueueFigures();
+  return std::nullopt;
+}
+
+void OverlayHost::finish() {
+  if (finished_) return;
+  finished_ = true;
+  std::exception_ptr first;
+  try {
+    flush();
+  } catch (...) {
+    first = std::current_exception();
   }
   for (auto const& [key, root] : roots_) {
     try {

@@ -11,7 +11,6 @@
 #include <providers/throttle/ThrottleProvider.hpp>
 
 #include <foundation/log/Configuration.hpp>
-#include <foundation/log/MemorySink.hpp>
 #include <foundation/log/basic_diagnostic_logger.hpp>
 #include <foundation/storage/provider/Exception.hpp>
 
@@ -25,6 +24,10 @@
 #include <memory>
 #include <optional>
 #include <sstream>
+
+#ifndef OVL_VERSION
+#define OVL_VERSION "unknown"
+#endif
 
 namespace ovl {
 
@@ -82,6 +85,7 @@ void generalHelp(std::ostream& out) {
     auto const shown = flag.value ? std::string(flag.name) + " " + flag.value : std::string(flag.name);
     out << "  " << std::left << std::setw(20) << shown << flag.help << '\n';
   }
+  out << "  " << std::left << std::setw(20) << "--version" << "show ovl's version\n";
   out << "  " << std::left << std::setw(20) << "-h, --help"
       << "show this help (a command's own: ovl help COMMAND, or ovl COMMAND --help)\n\n"
       << "The throttle flags wrap every store in a throttle (latency alone with --throttle-ms,\n"
@@ -119,11 +123,15 @@ int runHelp(Session& session, Arguments const& args) {
   return 0;
 }
 
-double nonNegativeNumber(std::string const& flag, std::string const& text) {
+// A number from 0 to `max` (an hour of latency, a terabyte per second: beyond them a
+// value is a typing error, and would overflow the conversions that follow).
+double nonNegativeNumber(std::string const& flag, std::string const& text, double max) {
   char* end = nullptr;
   double const value = std::strtod(text.c_str(), &end);
-  if (text.empty() || end != text.c_str() + text.size() || !std::isfinite(value) || value < 0) {
-    throw UsageError(flag + ": '" + text + "' is not a number >= 0");
+  if (text.empty() || end != text.c_str() + text.size() || !std::isfinite(value) || value < 0 || value > max) {
+    std::ostringstream range;
+    range << max;
+    throw UsageError(flag + ": '" + text + "' is not a number from 0 to " + range.str());
   }
   return value;
 }
@@ -189,9 +197,9 @@ std::vector<std::string> takeGlobalFlags(std::vector<std::string> const& args, G
     } else if (name == "--log-level") {
       flags.logLevel = severityNumber(name, *value);
     } else if (name == "--throttle-ms") {
-      flags.throttleMs = nonNegativeNumber(name, *value);
+      flags.throttleMs = nonNegativeNumber(name, *value, 3.6e6);
     } else {
-      flags.throttleMBps = nonNegativeNumber(name, *value);
+      flags.throttleMBps = nonNegativeNumber(name, *value, 1e6);
     }
   }
   return rest;
@@ -229,74 +237,32 @@ std::optional<providers::throttle::Options> throttleOptions(GlobalFlags const& f
   return options;
 }
 
-// One failure the overlay logged: its location (when the record names one) and its text,
-// with the detail of the exception that caused it when a diagnostic record followed.
-struct OverlayFailure {
-  std::string location;
-  std::string message;
-  std::string detail;
-
-  // Failures of the local cache alone: the overlay carries on without the cache file and
-  // the store still gets every change.
-  bool localCacheOnly() const {
-    return message.rfind("Failure in local cache", 0) == 0 || message.rfind("Content caching failure", 0) == 0 ||
-           message.rfind("Caching error when", 0) == 0;
-  }
-  // "LOCATION: MESSAGE (DETAIL)"; the location is the store's IRI of the file.
-  std::string text() const {
-    std::string line = location.empty() ? message : location + ": " + message;
-    if (!detail.empty()) line += " (" + detail + ")";
-    return line;
-  }
-};
-
-// The failures among the overlay's records: every Error record, its text unpacked when it
-// is the overlay's structured form ({"overlay":{"error":{"message":..,"location":..}}}).
-std::vector<OverlayFailure> overlayFailuresIn(foundation::log::MemorySink const& sink) {
-  std::vector<OverlayFailure> failures;
-  bool detailWanted = false;
-  for (auto const& record : sink.records()) {
-    if (record.channel != "storage::overlayprovider") continue;
-    if (record.severity == foundation::log::Diagnostic) {
-      static std::string const prefix = "Exception caught: ";
-      if (detailWanted && record.message.rfind(prefix, 0) == 0) failures.back().detail = record.message.substr(prefix.size());
-      detailWanted = false;
-      continue;
-    }
-    if (record.severity < foundation::log::Error) continue;
-    OverlayFailure failure{"", record.message, ""};
-    try {
-      std::istringstream text(record.message);
-      boost::property_tree::ptree tree;
-      boost::property_tree::read_json(text, tree);
-      failure.message = tree.get<std::string>("overlay.error.message");
-      failure.location = tree.get<std::string>("overlay.error.location", "");
-    } catch (std::exception const&) {
-      // Not the structured form: the message as it stands.
-    }
-    failures.push_back(std::move(failure));
-    detailWanted = true;
-  }
-  return failures;
+// "IRI: cause" for one change the overlay could not deliver.
+std::string deliveryText(Session const& session, fsp::extensions::UndeliveredChange const& change) {
+  std::string cause = change.code ? describe(*change.code) : change.cause;
+  if (change.code && !change.cause.empty()) cause += " (" + change.cause + ")";
+  return session.plainIRI(change.location) + ": " + cause + " (" + change.change + ")";
 }
 
-// Reports, after the overlay was flushed, the failures it logged while the command ran, in
-// one line; returns the exit status they call for: 1 when a change may not have reached
-// the store, 0 when only the local cache failed (reported as a warning).
-int reportOverlayFailures(foundation::log::MemorySink const& sink, std::string const& command, std::ostream& err) {
-  auto const failures = overlayFailuresIn(sink);
-  if (failures.empty()) return 0;
-  auto const storeFailure = std::find_if(failures.begin(), failures.end(), [](auto const& f) { return !f.localCacheOnly(); });
-  std::string const more = failures.size() == 1 ? std::string()
-                                                 : "; " + std::to_string(failures.size() - 1) + " more";
-  if (storeFailure == failures.end()) {
-    err << "ovl " << command << ": warning: the overlay's local cache failed; the store has every change: "
-        << failures.front().text() << more << " (--log FILE shows them all)\n";
-    return 0;
+// Reports, after the overlay was flushed, what it could not deliver while the command ran,
+// in one line; returns the exit status that calls for: 1 when a change did not reach the
+// store, 0 when only the local cache failed (reported as a warning).
+int reportDelivery(OverlayHost::Delivery const& delivery, Session const& session, std::string const& command,
+                   std::ostream& err, bool warnAboutCache) {
+  auto more = [](std::size_t count) { return count <= 1 ? std::string() : "; " + std::to_string(count - 1) + " more"; };
+  if (!delivery.undelivered.empty()) {
+    err << "ovl " << command << ": " << deliveryText(session, delivery.undelivered.front())
+        << more(delivery.undelivered.size())
+        << " (the overlay could not make this change in the store; --log FILE shows every failure)\n";
+    return 1;
   }
-  err << "ovl " << command << ": " << storeFailure->text() << more
-      << " (the overlay could not write this to the store; --log FILE shows every failure)\n";
-  return 1;
+  if (warnAboutCache && !delivery.cacheFailures.empty()) {
+    auto const& first = delivery.cacheFailures.front();
+    err << "ovl " << command << ": warning: the overlay's local cache failed; the store has every change: "
+        << session.plainIRI(first.location) << ": " << first.what << " (" << first.cause << ")"
+        << more(delivery.cacheFailures.size()) << " (--log FILE shows them all)\n";
+  }
+  return 0;
 }
 
 std::string joined(std::vector<std::string> const& args) {
@@ -336,6 +302,10 @@ int runOvl(std::vector<std::string> args, std::ostream& out, std::ostream& err, 
     generalHelp(out);
     return 0;
   }
+  if (rest[0] == "--version") {
+    out << "ovl " << OVL_VERSION << " (overlay cache format V1.0)\n";
+    return 0;
+  }
   auto const* command = findCommand(rest[0]);
   if (!command) {
     err << "ovl: " << (rest[0].size() > 1 && rest[0][0] == '-' ? "unknown flag '" : "unknown command '") << rest[0]
@@ -370,9 +340,6 @@ int runOvl(std::vector<std::string> args, std::ostream& out, std::ostream& err, 
   std::string failure;
   // Declared after the registry: the bundle runtime must go before the registry does.
   std::unique_ptr<OverlayHost> overlay;
-  // What the overlay reports as failures while the command runs (a change it could not
-  // make in the store after its retries): the command's own result does not show them.
-  std::unique_ptr<foundation::log::MemorySink> overlayFailures;
   try {
     configureLog(flags);
     foundation::log::diagnostic_logger log("ovl");
@@ -380,21 +347,22 @@ int runOvl(std::vector<std::string> args, std::ostream& out, std::ostream& err, 
     auto config = loadConfig(flags.config, flags.settings);
     checkCacheRoot(config);
     session.setOverlaySettings(OverlayHost::modulePath(flags.bundle), config);
-    if (flags.overlay) {
-      overlayFailures = std::make_unique<foundation::log::MemorySink>(foundation::log::Diagnostic);
+    bool const overlayOperands = std::any_of(parsed.operands.begin(), parsed.operands.end(), Session::wrapsOverlayIRI);
+    if (flags.overlay || overlayOperands) {
       // The overlay's failures are reported in one line at the end; unless a log was
       // asked for, its own log lines stay off the terminal.
       if (!flags.log && !flags.logLevel && !std::getenv("OVERLAY_LOG") && !std::getenv("OVERLAY_LOG_LEVEL")) {
         foundation::log::setThreshold(foundation::log::Error + 1);
       }
       overlay = std::make_unique<OverlayHost>(*registry, session.bundlePath(), std::move(config));
-      session.setOverlay(overlay.get(), flags.overlayRoot);
+      if (flags.overlay) {
+        session.setOverlay(overlay.get(), flags.overlayRoot);
+      } else {
+        session.setOverlayHost(overlay.get());
+      }
     }
     status = command->run(session, parsed);
-    if (overlay) {
-      overlay->finish();
-      status = std::max(status, reportOverlayFailures(*overlayFailures, command->name, err));
-    }
+    if (overlay) overlay->finish();
   } catch (UsageError const& e) {
     err << "ovl " << command->name << ": " << e.what() << "\nusage: " << command->usage() << '\n';
     status = 2;
@@ -421,6 +389,9 @@ int runOvl(std::vector<std::string> args, std::ostream& out, std::ostream& err, 
       err << "ovl " << command->name << ": flushing the overlay failed: " << e.what() << '\n';
       status = 1;
     }
+    // After a failure of its own the command has said what went wrong; a warning about
+    // the cache would only be noise then.
+    if (status != 2) status = std::max(status, reportDelivery(overlay->delivered(), session, command->name, err, status == 0));
   }
   if (ownRegistry) {
     try {

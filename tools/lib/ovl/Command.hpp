@@ -76,14 +76,26 @@ class Session {
   std::string plainIRI(fsp::StorageIRI const& iri) const;
   // Whether the session's items go through the overlay.
   bool throughOverlay() const { return overlay_ != nullptr; }
+  // Through the overlay: flushes it, so that the store has everything acknowledged so
+  // far, and tells whether the content of the overlay item `item` reached the store:
+  // nothing when it did, otherwise the cause (what the store said). The failures found for
+  // `item` are taken out of the run's report. Directly on a store: nothing.
+  std::optional<std::string> deliver(fsp::StorageItem const& item);
   // From here on, resolve() lays `overlay` over what it resolves (null: no longer). The
   // overlay is laid over the folder `root` names (an IRI or a local path) when given;
   // otherwise over the store's root, or for local files (where that would be the whole
   // disk) over the current folder. An item outside that folder is a CommandError.
   void setOverlay(OverlayHost* overlay, std::optional<std::string> root = std::nullopt) {
     overlay_ = overlay;
+    host_ = overlay;
     overlayRootText_ = std::move(root);
   }
+  // The overlay host that serves operands written in the overlay's own scheme
+  // ("overlay:<file:///srv/data/>/docs"), when the session's items do not all go through
+  // the overlay. Such an operand is never wrapped again.
+  void setOverlayHost(OverlayHost* host) { host_ = host; }
+  // Whether `text` is written in the overlay's own scheme.
+  static bool wrapsOverlayIRI(std::string const& text);
 
   // What the run was given for overlays the commands make themselves (demo, bench): the
   // bundle module and the configuration tree.
@@ -97,6 +109,8 @@ class Session {
   std::optional<providers::throttle::Options> const& throttle() const { return throttle_; }
 
  private:
+  // The item of an operand in the overlay's scheme, through host_.
+  fsp::StorageItem overlayItemFor(std::string const& text);
   // `item` (lying within `folder`) through the throttle rooted at `folder`.
   fsp::StorageItem throttled(fsp::StorageItem const& item, fsp::StorageIRI const& folder);
   // The folder (of the unthrottled store) the overlay is laid over for `item`, which the
@@ -109,6 +123,7 @@ class Session {
   bool const errIsTerminal_;
   std::optional<providers::throttle::Options> const throttle_;
   OverlayHost* overlay_;  // not owned; null when the session goes to the stores directly
+  OverlayHost* host_ = nullptr;  // not owned; serves operands in the overlay's scheme
   std::optional<std::string> overlayRootText_;
   std::filesystem::path bundle_;
   boost::property_tree::ptree config_;

@@ -16,9 +16,12 @@
 #include <foundation/storage/provider/ProviderRegistry.hpp>
 #include <foundation/storage/provider/StorageItem.hpp>
 
+#include <foundation/storage/provider/extensions/IWriteBehindStatus.hpp>
+
 #include <boost/property_tree/ptree.hpp>
 
 #include <filesystem>
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
@@ -58,10 +61,29 @@ class OverlayHost {
   // The overlay roots made so far (each an item at path "/").
   std::vector<fsp::StorageItem> roots() const;
 
-  // Flushes every overlay (its queue drains into the store), then shuts each down and
-  // unloads the bundle if this host loaded it. Throws what a flush throws, after trying
-  // the others; calling it again does nothing.
+  // What the overlays could not deliver to their stores, taken after their flushes.
+  struct Delivery {
+    std::vector<fsp::extensions::UndeliveredChange> undelivered;
+    std::vector<fsp::extensions::LocalCacheFailure> cacheFailures;
+  };
+
+  // Flushes every overlay (its queue drains into the store) and adds what each could not
+  // deliver to `delivered()`. Throws what a flush throws, after trying the others.
+  void flush();
+
+  // Flushes every overlay (see flush()), then shuts each down and unloads the bundle if
+  // this host loaded it. Throws what a flush throws, after trying the others; calling it
+  // again does nothing.
   void finish();
+
+  // What flush() and finish() collected so far.
+  Delivery const& delivered() const { return delivery_; }
+  // Takes the undelivered changes for which `matches` is true out of delivered().
+  std::vector<fsp::extensions::UndeliveredChange> takeUndelivered(
+      std::function<bool(fsp::extensions::UndeliveredChange const&)> const& matches);
+
+  // The queue figures of the first overlay made, if any (the demo has one).
+  std::optional<fsp::extensions::QueueFigures> queueFigures() const;
 
   // The inner IRI an overlay IRI stands for; other IRIs are returned as they are.
   static fsp::StorageIRI innerIRI(fsp::StorageIRI const& iri);
@@ -72,6 +94,7 @@ class OverlayHost {
   std::unique_ptr<fsp::BundleRuntime> runtime_;  // set when this host loaded the bundle
   std::map<std::u16string, fsp::StorageItem> roots_;  // overlay root by inner folder text
   bool finished_ = false;
+  Delivery delivery_;
 };
 
 }  // namespace ovl
