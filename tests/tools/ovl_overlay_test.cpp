@@ -2,6 +2,7 @@
 // configuration flags, ovl demo (end to end, a lost file, an interruption) and the figures
 // of ovl bench --json. Each run gets a registry of its own, as the program does, so that
 // the overlay bundle is loaded and unloaded once per command.
+#include <ovl/CacheRoot.hpp>
 #include <ovl/Demo.hpp>
 #include <ovl/Ovl.hpp>
 #include <support/FileSizeCap.hpp>
@@ -19,6 +20,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <optional>
 #include <random>
 #include <sstream>
 
@@ -301,6 +303,46 @@ TEST_F(OvlOverlay, AClosedPipeLeavesNoCacheFolderBehind) {
                              " cat " + inStore("big.bin") + " | head -c 10 > /dev/null";
   ASSERT_EQ(std::system(script.c_str()), 0);
   EXPECT_TRUE(fs::is_empty(dir_ / "tmp")) << fs::directory_iterator(dir_ / "tmp")->path();
+}
+
+// SIGTERM in the middle of a copy through the overlay: the copy stops at its next chunk,
+// the overlay writes what it acknowledged, the destination stays as it was, and the cache
+// folder goes; the status is 128 + 15. A run killed outright leaves its folder, which the
+// next run removes, while a folder of a live run stays.
+TEST_F(OvlOverlay, ASignalEndsTheRunCleanlyAndTheNextRunSweepsWhatAKilledOneLeft) {
+  writeLocal(dir_ / "store/big.bin", std::string(4 << 20, 'b'));
+  auto const tmp = dir_ / "tmp";
+  fs::create_directories(tmp);
+  // The copy reads 1 MiB chunks over a link of 1 MB/s; the signal goes as soon as the
+  // run's cache folder exists, long before the last chunk.
+  std::string const script = "TMPDIR=" + tmp.string() + " " + OVL_PROGRAM + " --overlay-root " + store() +
+                             " --throttle-mbps 1 cp " + inStore("big.bin") + " " + inStore("copy.bin") +
+                             " 2> " + (dir_ / "err").string() + " & pid=$!; while [ -z \"$(ls " + tmp.string() +
+                             ")\" ]; do sleep 0.01; done; kill -TERM $pid; wait $pid; echo $? > " +
+                             (dir_ / "status").string();
+  ASSERT_EQ(std::system(script.c_str()), 0);
+  EXPECT_EQ(readLocal(dir_ / "status"), "143\n") << readLocal(dir_ / "err");
+  EXPECT_THAT(readLocal(dir_ / "err"), StartsWith("ovl cp: interrupted"));
+  EXPECT_TRUE(fs::is_empty(tmp));
+  EXPECT_FALSE(fs::exists(dir_ / "store/copy.bin"));
+  for (auto const& entry : fs::directory_iterator(dir_ / "store")) {
+    EXPECT_EQ(entry.path().filename(), "big.bin") << "left behind: " << entry.path();
+  }
+
+  // A folder whose owner is gone (no such process), and one of this live process.
+  fs::create_directories(tmp / "ovl-cache-1-dead");
+  writeLocal(tmp / "ovl-cache-1-dead/owner", "999999999 12345\n");
+  ::setenv("TMPDIR", tmp.c_str(), 1);
+  std::optional<ovl::CacheRoot> live;
+  live.emplace();
+  ::unsetenv("TMPDIR");
+  auto const ls = "TMPDIR=" + tmp.string() + " " + OVL_PROGRAM + " --overlay-root " + store() + " ls " + store() +
+                  " > /dev/null";
+  ASSERT_EQ(std::system(ls.c_str()), 0);
+  EXPECT_FALSE(fs::exists(tmp / "ovl-cache-1-dead"));
+  EXPECT_TRUE(fs::exists(live->path() / "owner"));
+  live.reset();
+  EXPECT_TRUE(fs::is_empty(tmp));
 }
 
 // Operands that lead out of the overlay's root, by any spelling, are refused before

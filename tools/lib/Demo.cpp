@@ -1,6 +1,7 @@
 #include <ovl/Demo.hpp>
 
 #include <ovl/Format.hpp>
+#include <ovl/Interrupt.hpp>
 #include <ovl/ItemIO.hpp>
 #include <ovl/Overlay.hpp>
 
@@ -16,7 +17,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <csignal>
 #include <cstdlib>
 #include <cstdio>
 #include <filesystem>
@@ -43,8 +43,6 @@ constexpr char16_t const* kChangedFile = u"/shared/notes.txt";
 constexpr char16_t const* kRenamedFrom = u"/project/mod1";
 constexpr char16_t const* kRenamedTo = u"/project/mod1-renamed";
 constexpr char16_t const* kDeleted = u"/project/mod2";
-
-struct Interrupted {};
 
 // What a run has done, as the store must have it after a flush: every folder and every
 // file with its content, by path below the run's folder. Changed only after the store
@@ -86,7 +84,7 @@ class Progress {
   // One operation done; stops the demo here when it was interrupted.
   void step() {
     bar_.update(++done_);
-    if (interrupt_ && interrupt_->load()) throw Interrupted{};
+    if (interrupt_ && interrupt_->load()) throw Interrupted(interruptSignal());
   }
   void finish() { bar_.finish(); }
 
@@ -245,7 +243,7 @@ class Run {
                                                lastSeen + "; the store has " + std::to_string(changed.size()) +
                                                " bytes)");
       }
-      if (options_.interrupt && options_.interrupt->load()) throw Interrupted{};
+      if (options_.interrupt && options_.interrupt->load()) throw Interrupted(interruptSignal());
       std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
     progress_.step();
@@ -499,10 +497,6 @@ int runDemo(Session& session, DemoOptions const& options) {
 
 namespace {
 
-std::atomic<bool> interruptRequested{false};
-
-extern "C" void onInterrupt(int) { interruptRequested.store(true); }
-
 int runDemoCommand(Session& session, Arguments const& args) {
   DemoOptions options;
   if (args.values.count("--inner")) options.inner = args.values.at("--inner");
@@ -513,19 +507,11 @@ int runDemoCommand(Session& session, Arguments const& args) {
   options.largeFileBytes =
       static_cast<std::uint64_t>(args.number("--large-mib", static_cast<double>(options.largeFileBytes >> 20), 0, 4096)) << 20;
   options.keep = args.has("--keep");
-  // Ctrl-C stops the demo between two operations; the overlay then writes what it
-  // acknowledged before the program ends.
-  interruptRequested.store(false);
-  options.interrupt = &interruptRequested;
-  struct sigaction action {}, previous{};
-  action.sa_handler = onInterrupt;
-  sigemptyset(&action.sa_mask);
-  ::sigaction(SIGINT, &action, &previous);
-  struct Restore {
-    struct sigaction& previous;
-    ~Restore() { ::sigaction(SIGINT, &previous, nullptr); }
-  } restore{previous};
-  return runDemo(session, options);
+  // Ctrl-C or SIGTERM stops the demo between two operations; the overlay then writes what
+  // it acknowledged before the program ends.
+  options.interrupt = &interruptRequested();
+  int const status = runDemo(session, options);
+  return status == 130 && interruptSignal() != 0 ? 128 + interruptSignal() : status;
 }
 
 }  // namespace
@@ -542,8 +528,9 @@ Command demoCommand() {
           "change a file from the store's side and wait until the session sees it, delete a\n"
           "sub-tree, flush. Prints each step's time in both runs and their ratio, the overlay's\n"
           "queue figures, and checks by BLAKE2b checksums that the store holds exactly what was\n"
-          "written. Exit status 1 when a check fails; 130 when interrupted with Ctrl-C (the overlay\n"
-          "first writes and checks what it acknowledged). The overlay takes --config/--set.",
+          "written. Exit status 1 when a check fails; 130 when interrupted with Ctrl-C, 143 with\n"
+          "SIGTERM (the overlay first writes and checks what it acknowledged). The overlay takes\n"
+          "--config/--set.",
           {{"--inner", "", "the store to use: an IRI or an existing local folder (default: a new\n"
                            "                        temporary folder); the demo works in a folder of its own there",
             "IRI"},

@@ -1,6 +1,7 @@
 // The file commands of ovl: ls, stat, cat, cp, mkdir, rm, mv.
 #include <ovl/Command.hpp>
 #include <ovl/Format.hpp>
+#include <ovl/Interrupt.hpp>
 
 #include <foundation/storage/provider/Exception.hpp>
 
@@ -154,6 +155,7 @@ int runCat(Session& session, Arguments const& args) {
   auto in = openForReading(session, item);
   std::vector<char> buffer(kChunk);
   for (;;) {
+    throwIfInterrupted();
     long n;
     try {
       n = in->read(buffer.data(), kChunk);
@@ -175,6 +177,7 @@ void pump(Session& session, fsp::ByteStream& in, fsp::ByteStream& out, StorageIt
   std::vector<char> buffer(kChunk);
   std::uint64_t done = 0;
   for (;;) {
+    throwIfInterrupted();
     long n;
     try {
       n = in.read(buffer.data(), kChunk);

@@ -2,9 +2,11 @@
 // where failures become error lines and exit statuses.
 #include <ovl/Ovl.hpp>
 
+#include <ovl/CacheRoot.hpp>
 #include <ovl/Command.hpp>
 #include <ovl/Config.hpp>
 #include <ovl/Format.hpp>
+#include <ovl/Interrupt.hpp>
 
 #include <providers/file/FileProviderFactory.hpp>
 #include <providers/mem/MemoryProviderFactory.hpp>
@@ -338,6 +340,10 @@ int runOvl(std::vector<std::string> args, std::ostream& out, std::ostream& err, 
 
   int status = 1;
   std::string failure;
+  InterruptScope const interruptible;
+  // The cache folder ovl makes for the overlay when the configuration names none; it goes
+  // after the overlay (declared before it).
+  std::optional<CacheRoot> cacheRoot;
   // Declared after the registry: the bundle runtime must go before the registry does.
   std::unique_ptr<OverlayHost> overlay;
   try {
@@ -346,8 +352,22 @@ int runOvl(std::vector<std::string> args, std::ostream& out, std::ostream& err, 
     log.log(foundation::log::Debug, "ovl " + joined(args));
     auto config = loadConfig(flags.config, flags.settings);
     checkCacheRoot(config);
-    session.setOverlaySettings(OverlayHost::modulePath(flags.bundle), config);
     bool const overlayOperands = std::any_of(parsed.operands.begin(), parsed.operands.end(), Session::wrapsOverlayIRI);
+    bool const usesOverlay = flags.overlay || overlayOperands || command->name == "demo" || command->name == "bench";
+    if (usesOverlay && !config.get_optional<std::string>("overlay.cacheRoot")) {
+      auto const persist = config.get<std::string>("overlay.persistContentCache", "false");
+      if (persist == "true" || persist == "1") {
+        throw UsageError("overlay.persistContentCache needs overlay.cacheRoot: without one every run would keep "
+                         "its cache in a fresh folder that no later run could use");
+      }
+      try {
+        cacheRoot.emplace();
+      } catch (std::exception const& e) {
+        throw CommandError("the temporary directory", std::string("cannot make the overlay's cache folder: ") + e.what());
+      }
+      config.put("overlay.cacheRoot", cacheRoot->path().string());
+    }
+    session.setOverlaySettings(OverlayHost::modulePath(flags.bundle), config);
     if (flags.overlay || overlayOperands) {
       // The overlay's failures are reported in one line at the end; unless a log was
       // asked for, its own log lines stay off the terminal.
@@ -366,6 +386,11 @@ int runOvl(std::vector<std::string> args, std::ostream& out, std::ostream& err, 
   } catch (UsageError const& e) {
     err << "ovl " << command->name << ": " << e.what() << "\nusage: " << command->usage() << '\n';
     status = 2;
+  } catch (Interrupted const& e) {
+    out.flush();
+    err << "ovl " << command->name << ": interrupted"
+        << (overlay ? "; the overlay now writes what it acknowledged to the store" : "") << '\n';
+    status = 128 + e.signal();
   } catch (CommandError const& e) {
     failure = e.subject() + ": " + e.cause();
   } catch (foundation::storage::provider::Exception const& e) {
@@ -391,7 +416,10 @@ int runOvl(std::vector<std::string> args, std::ostream& out, std::ostream& err, 
     }
     // After a failure of its own the command has said what went wrong; a warning about
     // the cache would only be noise then.
-    if (status != 2) status = std::max(status, reportDelivery(overlay->delivered(), session, command->name, err, status == 0));
+    if (status != 2) {
+      int const delivery = reportDelivery(overlay->delivered(), session, command->name, err, status == 0);
+      if (status < 128) status = std::max(status, delivery);
+    }
   }
   if (ownRegistry) {
     try {
