@@ -407,11 +407,18 @@ void ContentCache::moveFolder(StorageIRI const& from, StorageIRI const& to,
 void ContentCache::emptyRecycleBin() const { recycleBinEmptyRequested_.store(true); }
 
 void ContentCache::invalidateAll() const {
+  {
+    std::lock_guard lock(mutex_);
+    doLazyInitialize();
+  }
+  releaseAll();
+}
+
+void ContentCache::releaseAll() const {
   std::vector<EntryPtr> bin;
   std::map<StorageIRI, EntryPtr> entries;
   {
     std::lock_guard lock(mutex_);
-    doLazyInitialize();
     recycleBinEmptyRequested_.store(false);
     bin.swap(recycleBin_);
     entries.swap(entries_);
@@ -422,11 +429,6 @@ void ContentCache::invalidateAll() const {
 }
 
 // ---- inspection -------------------------------------------------------------------------------
-
-bool ContentCache::isInitialized() const {
-  std::lock_guard lock(mutex_);
-  return initialized_;
-}
 
 fl::filesystem::path ContentCache::getCacheRoot() const {
   std::lock_guard lock(mutex_);

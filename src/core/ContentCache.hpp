@@ -107,8 +107,10 @@ class ContentCache {
   // `mutex_`.
   void setDeliveryReport(std::shared_ptr<DeliveryReport> report);
 
-  // True once the lazy initialization (below) has run. Takes `mutex_`.
-  bool isInitialized() const;
+  // Empties the recycle bin and releases every entry, as invalidateAll does, without the
+  // lazy initialization: for an owner going away, which must not make the data directory
+  // again after its root was removed from outside. Takes `mutex_`.
+  void releaseAll() const;
 
   // Makes sure the data directory exists and the arbitrator is installed (see above).
   // Takes `mutex_`. Throws CachingErrorException("Problem initializing cache root.").

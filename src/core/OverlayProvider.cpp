@@ -142,11 +142,10 @@ OverlayProvider::~OverlayProvider() {
     getLogger().log(Severity::Diagnostic, "Exception caught: unknown exception");
   }
   // Streams, queued transactions and listeners are gone; drop the working entries, then
-  // the cache files of a root nobody else knows about. A cache that never ran holds no
-  // entry, and asking it would make its data directory: nothing touches the disk before
-  // the first operation.
+  // the cache files of a root nobody else knows about. Nothing here makes a folder: a
+  // provider that never ran touches no disk, and a root removed from outside stays gone.
   try {
-    if (contentCache_->isInitialized()) contentCache_->invalidateAll();
+    contentCache_->releaseAll();
     if (ownCacheRoot_.load(std::memory_order_acquire) && !persistContentCache_.load(std::memory_order_acquire)) {
       std::error_code ignored;
       std::filesystem::remove_all(contentCache_->getCacheRoot(), ignored);

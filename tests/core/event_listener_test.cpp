@@ -11,6 +11,8 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
+
 #include <deque>
 #include <mutex>
 #include <string>
@@ -117,6 +119,12 @@ class EventListenerTest : public ::testing::Test {
 
   std::unique_ptr<EventListener> makeListener() {
     return std::make_unique<EventListener>(*inner, metadata, content, queue, quota);
+  }
+
+  // The content cache makes its root on first use; nothing else removes it.
+  ~EventListenerTest() override {
+    std::error_code ignored;
+    std::filesystem::remove_all(content.getCacheRoot(), ignored);
   }
 
   std::shared_ptr<MemoryProvider> store = std::make_shared<MemoryProvider>();

@@ -337,6 +337,54 @@ TEST_F(OvlTest, CopiesKeepLongNamesAndATrailingSlashNamesAFolder) {
   EXPECT_EQ(readLocal(dir_ / "newdir/src.txt"), "content");
 }
 
+// A store whose folder "/d/locked" cannot be listed (as a folder of another user would).
+class LockedFolderStore : public providers::mem::MemoryProvider {
+ public:
+  using MemoryProvider::MemoryProvider;
+  FolderEntryIteratorPtr doListAll(StorageIRI const& iri) const override {
+    if (iri.getPath() == u"/d/locked") throw Exception(ErrorCode::NotWritable, iri, "cannot read folder entries");
+    return MemoryProvider::doListAll(iri);
+  }
+  FolderEntryIteratorPtr doListAllRecursive(StorageIRI const& iri) const override {
+    if (iri.getPath() == u"/" || iri.getPath() == u"/d") {
+      throw Exception(ErrorCode::NotWritable, iri.withPath(u"/d/locked"), "cannot read folder entries");
+    }
+    return MemoryProvider::doListAllRecursive(iri);
+  }
+};
+
+// ls lists what it can and says, in one warning line each, which folders it could not
+// list and how many names no store can show; the status stays 0.
+TEST_F(OvlTest, ListingsNameWhatTheyCouldNotShow) {
+  providers::mem::MemoryProvider::Options options;
+  options.name = u"locked";
+  auto store = std::make_shared<LockedFolderStore>(options);
+  registry_.addProvider(StorageIRI(u"mem://locked/"), store);
+  store->elsewhere().createFolder(u"/d/locked");
+  store->elsewhere().createFolder(u"/d/open");
+  store->elsewhere().writeFile(u"/d/open/a.txt", "a");
+  auto const listed = run({"ls", "-R", "mem://locked/d"});
+  EXPECT_EQ(listed.status, 0) << listed;
+  EXPECT_THAT(listed.out, HasSubstr("open/a.txt")) << listed;
+  EXPECT_EQ(listed.err, "ovl ls: warning: could not list mem://locked/d/locked: cannot be read (cannot read folder entries)\n")
+      << listed;
+  auto const denied = run({"cat", "mem://locked/d/locked"});
+  EXPECT_EQ(denied.status, 1) << denied;
+
+  fs::create_directories(dir_ / "names");
+  for (auto const* name : {"fine.txt", "tab\there.txt", "bad\xff\xfe.bin", "also fine"}) writeLocal(local("names/") + name, "x");
+  for (bool overlay : {false, true}) {
+    std::vector<std::string> args{"ls", local("names")};
+    if (overlay) args.insert(args.begin(), {"--overlay-root", local("names")});
+    auto const names = run(args);
+    EXPECT_EQ(names.status, 0) << names;
+    EXPECT_THAT(names.out, HasSubstr("fine.txt")) << names;
+    EXPECT_THAT(names.out, HasSubstr("also fine")) << names;
+    EXPECT_EQ(names.err, "ovl ls: warning: " + local("names") + ": 2 names not shown (not valid UTF-8, or holding control characters)\n")
+        << names;
+  }
+}
+
 TEST_F(OvlTest, RemoveAndMove) {
   ok({"mkdir", "-p", "mem://t/d/sub"});
   writeLocal(local("f.txt"), "one");

@@ -3,10 +3,13 @@
 #include <ovl/Format.hpp>
 #include <ovl/Interrupt.hpp>
 
+#include <fl/i18n.hpp>
+
 #include <foundation/storage/provider/Exception.hpp>
 
 #include <algorithm>
 #include <cstdio>
+#include <filesystem>
 #include <vector>
 
 namespace ovl {
@@ -50,33 +53,80 @@ std::string entryLine(fsp::FolderEntry const& entry, bool longFormat) {
   return line;
 }
 
+// Folders below the listed one that could not be listed: the first, and how many.
+struct Unlisted {
+  std::string first;
+  std::size_t count = 0;
+};
+
 // Everything below `folder`, folders before their content, named by relative path; for
-// stores that do not list recursively themselves.
-void walk(StorageItem const& folder, std::u16string const& prefix, std::vector<fsp::FolderEntry>& out) {
-  for (auto& entry : collect(*folder.listAll())) {
+// stores that do not list recursively themselves, or whose recursive listing failed. A
+// folder below that cannot be listed is left out and counted in `unlisted`.
+void walk(Session& session, StorageItem const& folder, std::u16string const& prefix, std::vector<fsp::FolderEntry>& out,
+          Unlisted& unlisted) {
+  std::vector<fsp::FolderEntry> entries;
+  try {
+    entries = collect(*folder.listAll());
+  } catch (fsp::Exception const& e) {
+    if (prefix.empty()) throw;
+    if (unlisted.count++ == 0) unlisted.first = session.plainIRI(folder.getLocation()) + ": " + causeOf(e);
+    return;
+  }
+  for (auto& entry : entries) {
     auto const relative = prefix.empty() ? entry.getName() : prefix + u"/" + entry.getName();
     bool const isFolder = !entry.isFile();
     out.push_back(entry.withName(relative));
     if (isFolder) {
-      walk(StorageItem(folder.getProvider(), fsp::StorageIRI(folder.getLocation(), entry.getName())), relative, out);
+      walk(session, StorageItem(folder.getProvider(), fsp::StorageIRI(folder.getLocation(), entry.getName())), relative,
+           out, unlisted);
     }
   }
 }
 
-std::vector<fsp::FolderEntry> listRecursively(StorageItem const& folder) {
+std::vector<fsp::FolderEntry> listRecursively(Session& session, StorageItem const& folder, Unlisted& unlisted) {
   try {
     return collect(*folder.listAllRecursive());
-  } catch (fsp::Exception const& e) {
-    if (e.getErrorCode() != ErrorCode::NotSupported) throw;
+  } catch (fsp::Exception const&) {
+    // Not supported, or one folder below could not be listed: folder by folder, leaving
+    // out (and naming) the ones that fail.
   }
   std::vector<fsp::FolderEntry> entries;
-  walk(folder, {}, entries);
+  walk(session, folder, {}, entries, unlisted);
   return entries;
+}
+
+// Whether a store can name a file called `name`: its name must be valid UTF-8 without
+// control characters.
+bool nameable(std::string const& name) {
+  std::u16string text;
+  try {
+    text = fl::i18n::to_ustring(name);
+  } catch (std::exception const&) {
+    return false;
+  }
+  return std::none_of(text.begin(), text.end(), [](char16_t c) { return c < 0x20 || c == 0x7F; });
+}
+
+// How many names in the local folder `path` (and below, with `recursive`) no store can
+// show: not valid UTF-8, or holding control characters. What lies below such a folder is
+// not counted; 0 when `path` cannot be read.
+std::size_t unnameableBelow(std::filesystem::path const& path, bool recursive) {
+  namespace fs = std::filesystem;
+  std::error_code error;
+  std::size_t count = 0;
+  fs::recursive_directory_iterator it(path, fs::directory_options::skip_permission_denied, error), end;
+  for (; !error && it != end; it.increment(error)) {
+    bool const ok = nameable(it->path().filename().string());
+    if (!ok) ++count;
+    if (!ok || !recursive) it.disable_recursion_pending();
+  }
+  return count;
 }
 
 int runLs(Session& session, Arguments const& args) {
   auto const item = session.resolve(args.operands[0]);
   bool const longFormat = args.has("--long");
+  bool const recursive = args.has("--recursive");
   switch (item.existsExtended()) {
     case ExistenceKind::None:
       doesNotExist(item);
@@ -87,10 +137,25 @@ int runLs(Session& session, Arguments const& args) {
     case ExistenceKind::Folder:
       break;
   }
-  auto entries = args.has("--recursive") ? listRecursively(item) : collect(*item.listAll());
+  Unlisted unlisted;
+  auto entries = recursive ? listRecursively(session, item, unlisted) : collect(*item.listAll());
   std::stable_sort(entries.begin(), entries.end(),
                    [](auto const& a, auto const& b) { return a.getName() < b.getName(); });
   for (auto const& entry : entries) session.out() << entryLine(entry, longFormat) << '\n';
+  session.out().flush();
+  if (unlisted.count > 0) {
+    session.err() << "ovl ls: warning: could not list " << printable(unlisted.first)
+                  << (unlisted.count > 1 ? "; " + std::to_string(unlisted.count - 1) + " more folders" : std::string())
+                  << '\n';
+  }
+  auto const plain = session.plainIRI(item.getLocation());
+  if (plain.rfind("file://", 0) == 0) {
+    if (auto const hidden = unnameableBelow(plain.substr(7), recursive)) {
+      session.err() << "ovl ls: warning: " << printable(session.nameOf(item)) << ": " << hidden
+                    << (hidden == 1 ? " name" : " names")
+                    << " not shown (not valid UTF-8, or holding control characters)\n";
+    }
+  }
   return 0;
 }
 

@@ -38,6 +38,13 @@ std::string describe(ErrorCode code) {
   return "error " + std::to_string(static_cast<int>(code));
 }
 
+std::string causeOf(foundation::storage::provider::Exception const& e) {
+  bool const deniedRead = e.getErrorCode() == ErrorCode::NotWritable && e.getDetail().rfind("cannot read", 0) == 0;
+  std::string cause = deniedRead ? "cannot be read" : describe(e.getErrorCode());
+  if (!e.getDetail().empty()) cause += " (" + e.getDetail() + ")";
+  return cause;
+}
+
 std::string displayText(std::u16string const& text) {
   try {
     return fl::i18n::to_string(text);
@@ -83,6 +90,20 @@ bool numberText(boost::any const& value, std::string& text) {
 }
 
 }  // namespace
+
+std::string printable(std::string const& text) {
+  std::string out;
+  for (unsigned char c : text) {
+    if (c < 0x20 || c == 0x7F) {
+      char hex[8];
+      std::snprintf(hex, sizeof hex, "\\x%02X", c);
+      out += hex;
+    } else {
+      out += static_cast<char>(c);
+    }
+  }
+  return out;
+}
 
 std::string attributeText(boost::any const& value) {
   if (auto const* s = boost::any_cast<std::string>(&value)) return escaped(*s);

@@ -253,7 +253,7 @@ int reportDelivery(OverlayHost::Delivery const& delivery, Session const& session
                    std::ostream& err, bool warnAboutCache) {
   auto more = [](std::size_t count) { return count <= 1 ? std::string() : "; " + std::to_string(count - 1) + " more"; };
   if (!delivery.undelivered.empty()) {
-    err << "ovl " << command << ": " << deliveryText(session, delivery.undelivered.front())
+    err << "ovl " << command << ": " << printable(deliveryText(session, delivery.undelivered.front()))
         << more(delivery.undelivered.size())
         << " (the overlay could not make this change in the store; --log FILE shows every failure)\n";
     return 1;
@@ -384,7 +384,7 @@ int runOvl(std::vector<std::string> args, std::ostream& out, std::ostream& err, 
     status = command->run(session, parsed);
     if (overlay) overlay->finish();
   } catch (UsageError const& e) {
-    err << "ovl " << command->name << ": " << e.what() << "\nusage: " << command->usage() << '\n';
+    err << "ovl " << command->name << ": " << printable(e.what()) << "\nusage: " << command->usage() << '\n';
     status = 2;
   } catch (Interrupted const& e) {
     out.flush();
@@ -394,14 +394,13 @@ int runOvl(std::vector<std::string> args, std::ostream& out, std::ostream& err, 
   } catch (CommandError const& e) {
     failure = e.subject() + ": " + e.cause();
   } catch (foundation::storage::provider::Exception const& e) {
-    failure = session.nameOf(e.getIRI()) + ": " + describe(e.getErrorCode());
-    if (!e.getDetail().empty()) failure += " (" + e.getDetail() + ")";
+    failure = session.nameOf(e.getIRI()) + ": " + causeOf(e);
   } catch (std::exception const& e) {
     failure = (parsed.operands.empty() ? std::string() : parsed.operands[0] + ": ") + e.what();
   }
   if (!failure.empty()) {
     out.flush();
-    err << "ovl " << command->name << ": " << failure << '\n';
+    err << "ovl " << command->name << ": " << printable(failure) << '\n';
     foundation::log::diagnostic_logger("ovl").log(foundation::log::Diagnostic,
                                                   "ovl " + command->name + " failed: " + failure);
     status = 1;

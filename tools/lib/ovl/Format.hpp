@@ -3,6 +3,7 @@
 #pragma once
 
 #include <foundation/storage/provider/ErrorCode.hpp>
+#include <foundation/storage/provider/Exception.hpp>
 
 #include <boost/any.hpp>
 #include <boost/date_time/posix_time/ptime.hpp>
@@ -19,9 +20,17 @@ std::string isoTime(boost::posix_time::ptime const& time);
 
 // "does not exist", "already exists", ...: the cause part of an error line.
 std::string describe(foundation::storage::provider::ErrorCode code);
+// The cause part for the store's error `e`: its code described, then its detail in
+// parentheses. A store says "not writable" for any denied access; a denied read reads
+// "cannot be read".
+std::string causeOf(foundation::storage::provider::Exception const& e);
 
 // Text as UTF-8 for display; unpaired surrogates become U+FFFD instead of failing.
 std::string displayText(std::u16string const& text);
+
+// `text` with its control characters as \xNN, so that a message naming a file whose name
+// holds a line break stays one line.
+std::string printable(std::string const& text);
 
 // An extended attribute's value: text as is (control bytes as \xNN), numbers and
 // booleans in decimal, anything else as "<value of type T>".
