@@ -20,6 +20,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <optional>
 #include <random>
 #include <sstream>
@@ -343,6 +344,48 @@ TEST_F(OvlOverlay, ASignalEndsTheRunCleanlyAndTheNextRunSweepsWhatAKilledOneLeft
   EXPECT_TRUE(fs::exists(live->path() / "owner"));
   live.reset();
   EXPECT_TRUE(fs::is_empty(tmp));
+}
+
+// cp -r copies a whole tree in one run through one overlay, from a source outside the
+// overlay's root (read directly); every file arrives whole; a file the store cannot take
+// is reported and left out while the rest arrives.
+TEST_F(OvlOverlay, CopyingATreeInOneRun) {
+  auto const outside = dir_ / "outside/tree";
+  fs::create_directories(outside / "a/b");
+  fs::create_directories(outside / "empty");
+  std::map<std::string, std::string> files{{"top.txt", "top"}, {"a/one.txt", "one"}, {"a/b/two.bin", std::string(70000, 'z')}};
+  for (auto const& [name, content] : files) writeLocal(outside / name, content);
+  ok({"cp", "-r", outside.string(), inStore("copy")});
+  for (auto const& [name, content] : files) EXPECT_EQ(readLocal(dir_ / "store/copy" / name), content) << name;
+  EXPECT_TRUE(fs::is_directory(dir_ / "store/copy/empty"));
+  // Into an existing folder: the tree goes inside it under its own name.
+  fs::create_directories(dir_ / "store/into");
+  ok({"cp", "-r", outside.string(), inStore("into")});
+  EXPECT_EQ(readLocal(dir_ / "store/into/tree/a/one.txt"), "one");
+
+  auto const noFlag = overlay({"cp", outside.string(), inStore("again")});
+  EXPECT_EQ(noFlag.status, 1) << noFlag;
+  EXPECT_THAT(noFlag.err, HasSubstr("is a folder (use -r")) << noFlag;
+  auto const intoItself = overlay({"cp", "-r", inStore("copy"), inStore("copy/a")});
+  EXPECT_EQ(intoItself.status, 1) << intoItself;
+  EXPECT_THAT(intoItself.err, HasSubstr("copy into itself")) << intoItself;
+
+  // A file the store cannot take (a disk that is full beyond 1 MiB): named, the rest copied.
+  writeLocal(outside / "big.bin", std::string(3 << 20, 'x'));
+  Result full;
+  {
+    support::FileSizeCap const cap(1 << 20);
+    ASSERT_TRUE(cap.applied());
+    full = overlay({"cp", "-r", outside.string(), inStore("partly")});
+  }
+  EXPECT_EQ(full.status, 1) << full;
+  EXPECT_THAT(full.err, StartsWith("ovl cp: " + inStore("partly") + "/big.bin: the store did not take the new content"))
+      << full;
+  EXPECT_FALSE(fs::exists(dir_ / "store/partly/big.bin"));
+  for (auto const& [name, content] : files) EXPECT_EQ(readLocal(dir_ / "store/partly" / name), content) << name;
+  for (auto const& entry : fs::recursive_directory_iterator(dir_ / "store")) {
+    EXPECT_EQ(entry.path().extension() == ".partial", false) << "left behind: " << entry.path();
+  }
 }
 
 // Operands that lead out of the overlay's root, by any spelling, are refused before

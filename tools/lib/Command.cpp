@@ -40,7 +40,7 @@ std::u16string pathBelow(std::u16string const& path, std::u16string const& folde
 
 }  // namespace
 
-StorageItem Session::resolve(std::string const& text) {
+StorageItem Session::resolve(std::string const& text, Reach reach) {
   StorageItem item;
   try {
     item = registry_.resolve(text);
@@ -49,17 +49,19 @@ StorageItem Session::resolve(std::string const& text) {
   } catch (std::exception const& e) {
     if (!wrapsOverlayIRI(text)) throw CommandError(text, e.what());
   }
+  std::optional<StorageIRI> folder;
+  if (!wrapsOverlayIRI(text) && overlay_) folder = overlayRootFor(item, text, reach == Reach::WithinOverlayRoot);
   if (wrapsOverlayIRI(text)) {
     item = overlayItemFor(text);
-  } else if (!overlay_) {
+  } else if (!folder) {
+    // Directly on the store: no overlay, or a source outside its root that is only read.
     if (throttle_) item = throttled(item, item.getLocation().withPath(u"/"));
   } else {
     // The throttle (if any) is rooted at the overlay's folder: the overlay then lies over
     // the throttle's root, and overlay, throttle and store IRIs map onto each other path
     // for path.
-    auto const folder = overlayRootFor(item, text);
-    if (throttle_) item = throttled(item, folder);
-    auto const innerRoot = throttle_ ? item.getLocation().withPath(u"/") : folder;
+    if (throttle_) item = throttled(item, *folder);
+    auto const innerRoot = throttle_ ? item.getLocation().withPath(u"/") : *folder;
     try {
       item = overlay_->over(item, innerRoot);
     } catch (CommandError const&) {
@@ -106,7 +108,7 @@ StorageItem Session::overlayItemFor(std::string const& text) {
   }
 }
 
-StorageIRI Session::overlayRootFor(StorageItem const& item, std::string const& text) {
+std::optional<StorageIRI> Session::overlayRootFor(StorageItem const& item, std::string const& text, bool required) {
   auto const location = item.getLocation();
   StorageIRI root;
   std::string rootName;
@@ -126,6 +128,7 @@ StorageIRI Session::overlayRootFor(StorageItem const& item, std::string const& t
     rootName = "the current folder " + here + ", over which --overlay lays the overlay (choose another with --overlay-root)";
   }
   if (root.withPath(u"/") != location.withPath(u"/") || !pathWithin(location.getPath(), root.getPath())) {
+    if (!required) return std::nullopt;
     throw CommandError(text, "lies outside " + rootName);
   }
   return root;
@@ -149,20 +152,26 @@ StorageItem Session::throttled(StorageItem const& item, StorageIRI const& folder
                                           pathBelow(item.getLocation().getPath(), folder.getPath())));
 }
 
-std::optional<std::string> Session::deliver(StorageItem const& item) {
-  if (!host_ || item.getLocation().getScheme() != kOverlayScheme) return std::nullopt;
+std::vector<std::optional<std::string>> Session::deliver(std::vector<StorageItem> const& items) {
+  std::vector<std::optional<std::string>> causes(items.size());
+  if (!host_ || items.empty()) return causes;
   host_->flush();
-  auto const wanted = plainIRI(item.getLocation());
+  std::map<std::string, std::size_t> indexOf;
+  for (std::size_t i = 0; i < items.size(); ++i) {
+    if (items[i].getLocation().getScheme() == kOverlayScheme) indexOf.emplace(plainIRI(items[i].getLocation()), i);
+  }
   // The time stamp of a file is not its content: a store that keeps no times still took
   // the bytes.
   auto const failed = host_->takeUndelivered([&](auto const& change) {
-    return change.change != "setLastModified" && plainIRI(change.location) == wanted;
+    return change.change != "setLastModified" && indexOf.count(plainIRI(change.location)) != 0;
   });
-  if (failed.empty()) return std::nullopt;
-  auto const& first = failed.front();
-  std::string cause = first.code ? describe(*first.code) : first.cause;
-  if (first.code && !first.cause.empty()) cause += ": " + first.cause;
-  return cause;
+  for (auto const& change : failed) {
+    auto& cause = causes[indexOf.at(plainIRI(change.location))];
+    if (cause) continue;  // the first failure of an item is its cause
+    cause = change.code ? describe(*change.code) : change.cause;
+    if (change.code && !change.cause.empty()) *cause += ": " + change.cause;
+  }
+  return causes;
 }
 
 std::string Session::nameOf(StorageIRI const& iri) const {

@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <filesystem>
+#include <optional>
 #include <vector>
 
 namespace ovl {
@@ -236,11 +237,11 @@ int runCat(Session& session, Arguments const& args) {
   return 0;
 }
 
-// Copies every byte of `in` to `out`, drawing `progress`. Errors name `src` or `dst`.
+// Copies every byte of `in` to `out`, adding to `done` and drawing `progress`. Errors
+// name `src` or `dst`.
 void pump(Session& session, fsp::ByteStream& in, fsp::ByteStream& out, StorageItem const& src, StorageItem const& dst,
-          ProgressBar& progress) {
+          ProgressBar& progress, std::uint64_t& done) {
   std::vector<char> buffer(kChunk);
-  std::uint64_t done = 0;
   for (;;) {
     throwIfInterrupted();
     long n;
@@ -264,33 +265,38 @@ void pump(Session& session, fsp::ByteStream& in, fsp::ByteStream& out, StorageIt
   }
 }
 
-// Copies the content of the file `src` into `dst`, which is created or replaced, and
-// changes `dst` only once the whole content has arrived; a failure leaves it as it was.
-// Directly on a store, through a transactional stream. Through the overlay, which
-// acknowledges bytes before the store has them, through a scratch file of its own that is
-// moved into place only once the overlay has delivered it to the store.
-void copyContent(Session& session, StorageItem const& src, StorageItem const& dst, bool forceProgress) {
-  std::uint64_t const total = src.getFileAttributes().getSize().value_or(0);
-  ProgressBar progress(session.err(), total, forceProgress || (session.errIsTerminal() && total >= kProgressFrom));
+// A copy written through the overlay into a scratch file beside its target, to be moved
+// into place once the store has its bytes (see commitCopies).
+struct PendingCopy {
+  StorageItem scratch;
+  StorageItem target;
+};
+
+// Writes the content of the file `src` toward `dst`, which is created or replaced only
+// once the whole content has arrived; a failure leaves it as it was. Directly on a store
+// the copy is done when this returns (a transactional stream). Through the overlay, which
+// acknowledges bytes before the store has them, the content goes into a scratch file of
+// its own that commitCopies moves into place once the store took every byte.
+std::optional<PendingCopy> writeCopy(Session& session, StorageItem const& src, StorageItem const& dst,
+                                     ProgressBar& progress, std::uint64_t& done) {
   auto in = openForReading(session, src);
   fsp::ByteStreamOpenOptions options;
   options.truncate = true;
   if (dst.getLocation().getScheme() != kOverlayScheme) {
     auto out = dst.openTransactionalStream(options);
-    pump(session, *in, *out, src, dst, progress);
+    pump(session, *in, *out, src, dst, progress, done);
     in->close();
     try {
       out->close();
     } catch (fsp::ByteStreamFailure const& e) {
       throw CommandError(session.nameOf(dst), e.what());
     }
-    progress.finish();
-    return;
+    return std::nullopt;
   }
   StorageItem const scratch(dst.getProvider(), fsp::scratchLocationFor(dst.getLocation()));
   try {
     auto out = scratch.openStream(options);
-    pump(session, *in, *out, src, dst, progress);
+    pump(session, *in, *out, src, dst, progress, done);
     in->close();
     out->close();
   } catch (...) {
@@ -301,16 +307,55 @@ void copyContent(Session& session, StorageItem const& src, StorageItem const& ds
     }
     throw;
   }
-  progress.finish();
-  if (auto const failure = session.deliver(scratch)) {
-    try {
-      scratch.removeFile();
-    } catch (std::exception const&) {
+  return PendingCopy{scratch, dst};
+}
+
+// Flushes the overlay once for all `copies`, then moves each scratch file whose content
+// reached the store into place; one that did not is removed, its target left as it was.
+// Returns "TARGET: the store did not take the new content (CAUSE)" for each failure.
+std::vector<std::string> commitCopies(Session& session, std::vector<PendingCopy> const& copies) {
+  std::vector<StorageItem> scratches;
+  for (auto const& copy : copies) scratches.push_back(copy.scratch);
+  auto const failures = session.deliver(scratches);
+  std::vector<std::string> texts;
+  for (std::size_t i = 0; i < copies.size(); ++i) {
+    if (failures[i]) {
+      try {
+        copies[i].scratch.removeFile();
+      } catch (std::exception const&) {
+      }
+      texts.push_back(session.nameOf(copies[i].target) + ": the store did not take the new content (" + *failures[i] +
+                      ")");
+      continue;
     }
-    throw CommandError(session.nameOf(dst), "the store did not take the new content (" + *failure +
-                                                "); the destination was left as it was");
+    copies[i].scratch.moveFile(copies[i].target.getLocation(), fsp::ReplacementPolicy::Always);
   }
-  scratch.moveFile(dst.getLocation(), fsp::ReplacementPolicy::Always);
+  return texts;
+}
+
+// Throws one CommandError for `failures` (the first, and how many more), saying that the
+// destinations were left as they were.
+void failWith(std::vector<std::string> const& failures) {
+  if (failures.empty()) return;
+  auto const& first = failures.front();
+  auto const colon = first.find(": ");
+  std::string more = failures.size() > 1 ? "; " + std::to_string(failures.size() - 1) + " more" : "";
+  throw CommandError(first.substr(0, colon), first.substr(colon + 2) + "; the destination was left as it was" + more);
+}
+
+bool progressWanted(Session& session, Arguments const& args, std::uint64_t total) {
+  return args.has("--progress") || (session.errIsTerminal() && total >= kProgressFrom);
+}
+
+// Copies the file `src` to `target`, created or replaced once the store has the whole
+// content (see writeCopy), with a progress bar as `args` ask.
+void copyFile(Session& session, StorageItem const& src, StorageItem const& target, Arguments const& args) {
+  std::uint64_t const total = src.getFileAttributes().getSize().value_or(0);
+  ProgressBar progress(session.err(), total, progressWanted(session, args, total));
+  std::uint64_t done = 0;
+  auto const pending = writeCopy(session, src, target, progress, done);
+  progress.finish();
+  if (pending) failWith(commitCopies(session, {*pending}));
 }
 
 // Where SRC goes when DST is given: inside DST when that is an existing folder.
@@ -319,20 +364,76 @@ StorageItem destinationFor(Session& session, StorageItem const& src, StorageItem
   return dst;
 }
 
-int runCp(Session& session, Arguments const& args) {
-  auto const src = session.resolve(args.operands[0]);
-  auto const dst = session.resolve(args.operands[1]);
-  switch (src.existsExtended()) {
-    case ExistenceKind::None:
-      doesNotExist(src);
-    case ExistenceKind::Folder:
-      throw CommandError(session.nameOf(src), "is a folder (cp copies files)");
-    case ExistenceKind::File:
-      break;
+// Copies the folder `src` with everything in it to `target` (made when missing, its
+// parent must exist), with one progress bar for all the bytes; through the overlay one
+// flush for the whole tree. What could not be copied is reported at the end (the rest is
+// copied); a folder below that cannot be listed is a warning.
+void copyTree(Session& session, Arguments const& args, StorageItem const& src, StorageItem const& target) {
+  if (src.getProvider() == target.getProvider() &&
+      (src.getLocation() == target.getLocation() || src.getLocation().isAncestorOf(target.getLocation()))) {
+    throw CommandError(session.nameOf(target), "lies inside " + session.nameOf(src) + ", which it would copy into itself");
   }
+  Unlisted unlisted;
+  auto const entries = listRecursively(session, src, unlisted);
+  std::uint64_t total = 0;
+  for (auto const& entry : entries) {
+    if (entry.isFile()) total += entry.getFileAttributes().getSize().value_or(0);
+  }
+  ProgressBar progress(session.err(), total, progressWanted(session, args, total));
+  std::uint64_t done = 0;
+  if (!target.folderExists()) target.createFolder();
+  std::vector<PendingCopy> pending;
+  std::vector<std::string> failures;
+  for (auto const& entry : entries) {
+    throwIfInterrupted();
+    // Named in messages as the user named the folders, plus the path below them.
+    auto const from = session.child(src, entry.getName());
+    auto const to = session.child(target, entry.getName());
+    progress.setLabel(displayText(entry.getName()));
+    if (!entry.isFile()) {
+      if (!to.folderExists()) to.createFolder();
+      continue;
+    }
+    if (args.has("--no-clobber") && to.exists()) {
+      failures.push_back(session.nameOf(to) + ": already exists");
+      continue;
+    }
+    if (auto copy = writeCopy(session, from, to, progress, done)) pending.push_back(std::move(*copy));
+  }
+  progress.finish();
+  for (auto& failure : commitCopies(session, pending)) failures.push_back(std::move(failure));
+  if (unlisted.count > 0) {
+    session.err() << "ovl cp: warning: could not list " << printable(unlisted.first)
+                  << (unlisted.count > 1 ? "; " + std::to_string(unlisted.count - 1) + " more folders" : std::string())
+                  << " (not copied)\n";
+  }
+  failWith(failures);
+  if (unlisted.count > 0) throw CommandError(session.nameOf(src), "not everything below it could be read");
+}
+
+int runCp(Session& session, Arguments const& args) {
+  // With --overlay, the source may lie outside the overlay's root: it is then only read,
+  // directly from its store.
+  auto const src = session.resolve(args.operands[0], Session::Reach::AnywhereForReading);
+  auto const dst = session.resolve(args.operands[1]);
   auto const& dstText = args.operands[1];
   if (dstText.size() > 1 && dstText.back() == '/' && !dst.folderExists()) {
     throw CommandError(dstText, "no such folder (a name ending in / names a folder to copy into)");
+  }
+  switch (src.existsExtended()) {
+    case ExistenceKind::None:
+      doesNotExist(src);
+    case ExistenceKind::Folder: {
+      if (!args.has("--recursive")) {
+        throw CommandError(session.nameOf(src), "is a folder (use -r to copy it with everything in it)");
+      }
+      auto const target = destinationFor(session, src, dst);
+      if (target.fileExists()) throw CommandError(session.nameOf(target), "is a file (a folder cannot replace it)");
+      copyTree(session, args, src, target);
+      return 0;
+    }
+    case ExistenceKind::File:
+      break;
   }
   auto const target = destinationFor(session, src, dst);
   switch (target.existsExtended()) {
@@ -344,7 +445,7 @@ int runCp(Session& session, Arguments const& args) {
     case ExistenceKind::None:
       break;
   }
-  copyContent(session, src, target, args.has("--progress"));
+  copyFile(session, src, target, args);
   return 0;
 }
 
@@ -411,7 +512,7 @@ int runMv(Session& session, Arguments const& args) {
       throw fsp::Exception(ErrorCode::AlreadyExists, target.getLocation());
     }
   }
-  copyContent(session, src, target, false);
+  copyFile(session, src, target, Arguments{});
   src.removeFile();
   return 0;
 }
@@ -447,13 +548,17 @@ std::vector<Command> fileCommands() {
       {"cp",
        {"SRC", "DST"},
        0,
-       "Copy a file",
+       "Copy a file, or a folder with -r",
        "Copies the file SRC to DST through streams; SRC and DST may be on different stores.\n"
        "When DST is an existing folder the copy goes inside it under SRC's name. An existing\n"
-       "file at DST is replaced, but only once the whole content has arrived. A progress\n"
-       "bar is drawn on standard error for files of 4 MiB and more when it is a terminal.",
-       {{"--progress", "", "draw the progress bar whatever the size and wherever stderr goes"},
-        {"--no-clobber", "-n", "fail when DST already exists"}},
+       "file at DST is replaced, but only once the whole content has arrived (through the\n"
+       "overlay: once the store has it). With -r a folder is copied with everything in it,\n"
+       "with one progress bar and, through the overlay, one flush. With --overlay, SRC may\n"
+       "lie outside the overlay's root: it is then read directly. A progress bar is drawn\n"
+       "on standard error from 4 MiB on when it is a terminal.",
+       {{"--recursive", "-r", "copy a folder and everything in it"},
+        {"--progress", "", "draw the progress bar whatever the size and wherever stderr goes"},
+        {"--no-clobber", "-n", "fail when DST already exists (with -r: leave existing files, report them)"}},
        runCp},
       {"mkdir",
        {"IRI"},

@@ -61,9 +61,14 @@ class Session {
   std::ostream& err() { return err_; }
   bool errIsTerminal() const { return errIsTerminal_; }
 
+  // Where an operand may lie when the session goes through the overlay.
+  enum class Reach {
+    WithinOverlayRoot,  // inside the overlay's root, else a CommandError
+    AnywhereForReading  // outside the root it is read directly from its store
+  };
   // The item for `text`: an IRI, or a local path that becomes a file IRI. Throws
   // CommandError naming `text` when it is neither, or names a scheme no store serves.
-  fsp::StorageItem resolve(std::string const& text);
+  fsp::StorageItem resolve(std::string const& text, Reach reach = Reach::WithinOverlayRoot);
   // The item `name` inside the folder `folder`, on the same provider; messages name it as
   // the folder's name, "/", `name`.
   fsp::StorageItem child(fsp::StorageItem const& folder, std::u16string const& name);
@@ -76,11 +81,11 @@ class Session {
   std::string plainIRI(fsp::StorageIRI const& iri) const;
   // Whether the session's items go through the overlay.
   bool throughOverlay() const { return overlay_ != nullptr; }
-  // Through the overlay: flushes it, so that the store has everything acknowledged so
-  // far, and tells whether the content of the overlay item `item` reached the store:
-  // nothing when it did, otherwise the cause (what the store said). The failures found for
-  // `item` are taken out of the run's report. Directly on a store: nothing.
-  std::optional<std::string> deliver(fsp::StorageItem const& item);
+  // Flushes the overlay (once), so that the store has everything acknowledged so far, and
+  // tells for each of `items` whether its content reached the store: nothing when it did
+  // (and for items not in the overlay), otherwise the cause (what the store said). The
+  // failures found for them are taken out of the run's report.
+  std::vector<std::optional<std::string>> deliver(std::vector<fsp::StorageItem> const& items);
   // From here on, resolve() lays `overlay` over what it resolves (null: no longer). The
   // overlay is laid over the folder `root` names (an IRI or a local path) when given;
   // otherwise over the store's root, or for local files (where that would be the whole
@@ -114,8 +119,9 @@ class Session {
   // `item` (lying within `folder`) through the throttle rooted at `folder`.
   fsp::StorageItem throttled(fsp::StorageItem const& item, fsp::StorageIRI const& folder);
   // The folder (of the unthrottled store) the overlay is laid over for `item`, which the
-  // user wrote as `text`.
-  fsp::StorageIRI overlayRootFor(fsp::StorageItem const& item, std::string const& text);
+  // user wrote as `text`. When `item` lies outside it: a CommandError when `required`,
+  // otherwise nothing.
+  std::optional<fsp::StorageIRI> overlayRootFor(fsp::StorageItem const& item, std::string const& text, bool required);
 
   fsp::ProviderRegistry& registry_;
   std::ostream& out_;
