@@ -17,11 +17,14 @@
 // each full buffer is queued on the executor as one FILE_WRITE transaction. Closing the
 // last caller stream queues what remains and a FILE_CLOSE transaction (or, for a
 // read-only entry with nothing queued, closes the inner stream at once). A FILE_WRITE
-// that fails aborts the entry for good ("aborted due to a write problem"): later
-// writes store nothing and ContentCache replaces the entry on the next retrieval.
+// gets three attempts (transient failures and errors that are not the store's; a
+// refusal gets one); one that still fails aborts the entry for good ("aborted due to a
+// write problem"), goes into the delivery report, and later writes store nothing;
+// ContentCache replaces the entry on the next retrieval.
 //
 // Opening is asynchronous: openReadOnly/openReadWrite queue the opening of the inner
-// stream and return; the first operation that needs the inner stream waits for it.
+// stream (three attempts, as for a payload) and return; the first operation that needs
+// the inner stream waits for it.
 //
 // Departures from the plain order of the close path, for speed; none is visible to a
 // caller:

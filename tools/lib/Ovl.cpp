@@ -99,7 +99,9 @@ void generalHelp(std::ostream& out) {
          "QV_OVERLAY_EVENT_ROBUSTNESS_TIMEOUT, QV_OVERLAY_WAIT_FOR_ZERO_PERIOD,\n"
          "QV_OVERLAY_DISABLE_QUEUE_METRICS_CAPTURE (see the README).\n\n"
          "Exit status: 0 on success; 1 when the command failed (one line on standard error:\n"
-         "\"ovl COMMAND: IRI: cause\"); 2 on bad usage.\n";
+         "\"ovl COMMAND: IRI: cause\"), also when the overlay could not make a change in the\n"
+         "store; 2 on bad usage and bad configuration; 128 + the signal when Ctrl-C (130) or\n"
+         "SIGTERM (143) stopped it (the overlay first writes what it acknowledged).\n";
 }
 
 void commandHelp(std::ostream& out, Command const& command) {
