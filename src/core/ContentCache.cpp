@@ -89,6 +89,10 @@ void ContentCache::setDeliveryReport(std::shared_ptr<DeliveryReport> report) {
   deliveryReport_ = std::move(report);
 }
 
+void ContentCache::setBeforeStalenessCheck(std::function<void(StorageIRI const&)> hook) {
+  beforeStalenessCheck_ = std::move(hook);
+}
+
 // ---- initialization ------------------------------------------------------------------------
 
 fl::filesystem::path ContentCache::doGetDataDirectory() const {
@@ -283,6 +287,7 @@ void ContentCache::invalidate(StorageIRI const& location, bool abort) const {
 }
 
 void ContentCache::invalidateOldEntry(StorageIRI const& location, std::string const& watermark, bool abort) const {
+  if (beforeStalenessCheck_) beforeStalenessCheck_(location);
   std::lock_guard lock(mutex_);
   doLazyInitialize();
   auto it = entries_.find(location);

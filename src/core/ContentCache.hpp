@@ -62,6 +62,7 @@
 
 #include <atomic>
 #include <cstddef>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -111,6 +112,12 @@ class ContentCache {
   // lazy initialization: for an owner going away, which must not make the data directory
   // again after its root was removed from outside. Takes `mutex_`.
   void releaseAll() const;
+
+  // A test's seam: `hook` runs at the start of every staleness check (invalidateOldEntry),
+  // on the caller's thread with no lock held, and is given the location. A test acts there
+  // between a caller's look-up of a file's record and the check against it. Empty by
+  // default. Call before the cache is shared.
+  void setBeforeStalenessCheck(std::function<void(StorageIRI const&)> hook);
 
   // Makes sure the data directory exists and the arbitrator is installed (see above).
   // Takes `mutex_`. Throws CachingErrorException("Problem initializing cache root.").
@@ -243,6 +250,7 @@ class ContentCache {
   std::shared_ptr<FlushAttributeReads> flushReads_;  // handed to new entries; may be null
   WorkingFileEntry::ThawWritten thawWritten_;        // handed to new entries; may be empty
   std::shared_ptr<DeliveryReport> deliveryReport_;   // handed to new entries; may be null
+  std::function<void(StorageIRI const&)> beforeStalenessCheck_;  // set before sharing; may be empty
   // Set by emptyRecycleBin(), taken (exchanged with false) by the next disposal.
   mutable std::atomic<bool> recycleBinEmptyRequested_{false};
 };
