@@ -287,11 +287,22 @@ void ContentCache::invalidate(StorageIRI const& location, bool abort) const {
 }
 
 void ContentCache::invalidateOldEntry(StorageIRI const& location, std::string const& watermark, bool abort) const {
+  invalidateOldEntryIf(location, [&](WorkingFileEntry const& entry) { return entry.hasDifferentWatermark(watermark); },
+                       abort);
+}
+
+void ContentCache::invalidateOldEntry(StorageIRI const& location, FileMetadata const& record, bool abort) const {
+  invalidateOldEntryIf(location, [&](WorkingFileEntry const& entry) { return entry.hasDifferentWatermark(record); },
+                       abort);
+}
+
+template <class Stale>
+void ContentCache::invalidateOldEntryIf(StorageIRI const& location, Stale const& isStale, bool abort) const {
   if (beforeStalenessCheck_) beforeStalenessCheck_(location);
   std::lock_guard lock(mutex_);
   doLazyInitialize();
   auto it = entries_.find(location);
-  if (it == entries_.end() || !it->second->hasDifferentWatermark(watermark)) return;
+  if (it == entries_.end() || !isStale(*it->second)) return;
   if (abort) it->second->setAbort();
   it->second->removeCachedEntry();
   dispose(std::move(it->second));
@@ -300,21 +311,20 @@ void ContentCache::invalidateOldEntry(StorageIRI const& location, std::string co
 
 std::shared_ptr<WorkingFileEntry> ContentCache::currentEntry(StorageIRI const& location,
                                                             std::string const& watermark) const {
-  return currentEntryIf(location, [&] { return watermark; });
+  return currentEntryIf(location, [&](WorkingFileEntry const& entry) { return entry.hasDifferentWatermark(watermark); });
 }
 
 std::shared_ptr<WorkingFileEntry> ContentCache::currentEntry(StorageIRI const& location,
                                                             FileMetadata const& record) const {
-  return currentEntryIf(location, [&] { return record.getWatermark(); });
+  return currentEntryIf(location, [&](WorkingFileEntry const& entry) { return entry.hasDifferentWatermark(record); });
 }
 
-template <class Watermark>
-std::shared_ptr<WorkingFileEntry> ContentCache::currentEntryIf(StorageIRI const& location,
-                                                              Watermark const& watermark) const {
+template <class Stale>
+std::shared_ptr<WorkingFileEntry> ContentCache::currentEntryIf(StorageIRI const& location, Stale const& isStale) const {
   std::lock_guard lock(mutex_);
   auto it = entries_.find(location);
   if (it == entries_.end()) return nullptr;
-  if (!it->second->hasDifferentWatermark(watermark())) return it->second;
+  if (!isStale(*it->second)) return it->second;
   it->second->removeCachedEntry();
   dispose(std::move(it->second));
   entries_.erase(it);

@@ -157,8 +157,9 @@ class ContentCache {
   // it makes nothing on disk, and with no entry registered it touches nothing at all.
   // Passes on what reading the entry's watermark throws.
   std::shared_ptr<WorkingFileEntry> currentEntry(StorageIRI const& location, std::string const& watermark) const;
-  // As above with the watermark of `record`, read only when an entry is registered (a
-  // query about a file that no one has opened costs one look-up).
+  // As above for `record`, compared as invalidateOldEntry(location, record, false)
+  // compares it; its watermark is read only when an entry is registered and does not
+  // share it (a query about a file that no one has opened costs one look-up).
   std::shared_ptr<WorkingFileEntry> currentEntry(StorageIRI const& location, FileMetadata const& record) const;
 
   // Drops the entry of `location`, if any: it finishes its pending open, is aborted when
@@ -171,6 +172,13 @@ class ContentCache {
   // disposed. An equal watermark keeps it. Passes on what reading the entry's watermark
   // throws.
   void invalidateOldEntry(StorageIRI const& location, std::string const& watermark, bool abort) const;
+  // As above for a caller holding the file's record: the entry is dropped only when
+  // `record` describes other content (WorkingFileEntry::hasDifferentWatermark(record)).
+  // The entry's own record is never taken for stale, however its attributes changed since
+  // the caller looked it up: a close transaction refreshing it must not drop an entry that
+  // open streams still write to (their writes would vanish from the overlay's view until
+  // written behind).
+  void invalidateOldEntry(StorageIRI const& location, FileMetadata const& record, bool abort) const;
   // Drops every entry strictly below `folder` (aborted when `abort` is set); an entry
   // registered for `folder` itself stays.
   void invalidateAllDescendantsOf(StorageIRI const& folder, bool abort) const;
@@ -213,9 +221,12 @@ class ContentCache {
  private:
   using EntryPtr = std::shared_ptr<WorkingFileEntry>;
 
-  // currentEntry with the watermark asked of `watermark()` only when an entry is found.
-  template <class Watermark>
-  EntryPtr currentEntryIf(StorageIRI const& location, Watermark const& watermark) const;
+  // currentEntry with `isStale(entry)` asked only when an entry is found.
+  template <class Stale>
+  EntryPtr currentEntryIf(StorageIRI const& location, Stale const& isStale) const;
+  // invalidateOldEntry with `isStale(entry)` deciding.
+  template <class Stale>
+  void invalidateOldEntryIf(StorageIRI const& location, Stale const& isStale, bool abort) const;
 
   // ---- `mutex_` held by the caller -----------------------------------------------------
   void doLazyInitialize() const;

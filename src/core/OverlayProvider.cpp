@@ -826,7 +826,13 @@ fsp::ByteStreamPtr OverlayProvider::openThroughCache(StorageIRI const& iri, Stor
     metadataCache_->addFileMetadata(record);
   }
   if (options && !record->isWritable()) throw Exception(ErrorCode::NotWritable, iri);
-  contentCache_->invalidateOldEntry(inner, record->getWatermark(), false);
+  // The watermark is read before an entry is made from the record: a record from a
+  // listing reads it from the store on first use, and the entry must carry the watermark
+  // of the content it is about to fetch, not one read after a change made elsewhere.
+  record->getWatermark();
+  // Compared as a record, not as that watermark: a close transaction may refresh the
+  // entry's own record in place before the check, and that must not drop the entry.
+  contentCache_->invalidateOldEntry(inner, *record, false);
   auto entry = contentCache_->retrieveEntry(inner, inner_, record, executorHandle_, quota_, timedLatch_,
                                             workingFileEntryParams(), shutDown_);
   if (!options) return WorkingFileByteStream::openReadOnly(entry);

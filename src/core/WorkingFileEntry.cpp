@@ -230,6 +230,16 @@ bool WorkingFileEntry::hasDifferentWatermark(std::string const& watermark) const
   return metadata_->getWatermark() != watermark;
 }
 
+bool WorkingFileEntry::hasDifferentWatermark(FileMetadata const& record) const {
+  {
+    std::lock_guard lock(mutex_);
+    if (&record == metadata_.get()) return false;
+  }
+  // Another record's attributes may still have to be fetched from the store: read
+  // without mutex_.
+  return hasDifferentWatermark(record.getWatermark());
+}
+
 // ---- abort state ------------------------------------------------------------------------
 
 void WorkingFileEntry::setAbort() {

@@ -286,6 +286,12 @@ class WorkingFileEntry : public std::enable_shared_from_this<WorkingFileEntry> {
   // True when `watermark` differs from the current metadata's watermark (under mutex_).
   // Passes on what FileMetadata::getWatermark throws.
   bool hasDifferentWatermark(std::string const& watermark) const;
+  // True when `record` describes other content than this entry holds. Never for the
+  // entry's own record: a close transaction refreshes that record's attributes in place,
+  // so a watermark read from it earlier may differ from what it says now, yet both come
+  // from the one record the entry's writes go with. For another record, as above with its
+  // watermark, read without mutex_. Passes on what FileMetadata::getWatermark throws.
+  bool hasDifferentWatermark(FileMetadata const& record) const;
 
   // ---- abort state -----------------------------------------------------------------
 

@@ -267,6 +267,23 @@ TEST_F(ContentCacheTest, TheCurrentEntryIsFoundWithoutMakingOneAndDroppedWhenIts
   EXPECT_EQ(cache.recycleBinSize(), 1u);
 }
 
+// Given a record rather than a watermark text, the check compares contents: the entry's
+// own record, refreshed in place by a close since the caller looked it up, never makes
+// the entry old; another record does when its watermark differs.
+TEST_F(ContentCacheTest, AnEntrysOwnRecordNeverMakesItOldAnotherRecordByItsWatermark) {
+  store->elsewhere().writeFile(u"/w", "watermarked");
+  auto const own = withWatermark(metadataFor(u"w"), "7");
+  auto const entry = retrieve(u"w", own);
+  withWatermark(own, "8");  // what a close transaction does to the entry's record
+  cache.invalidateOldEntry(iri(u"w"), *own, false);
+  EXPECT_EQ(cache.currentEntry(iri(u"w"), *own), entry);
+  EXPECT_EQ(cache.currentEntry(iri(u"w"), *withWatermark(metadataFor(u"w"), "8")), entry) << "an equal watermark";
+
+  cache.invalidateOldEntry(iri(u"w"), *withWatermark(metadataFor(u"w"), "9"), false);
+  EXPECT_FALSE(cache.hasEntry(iri(u"w"))) << "another record with another watermark";
+  EXPECT_EQ(cache.recycleBinSize(), 1u);
+}
+
 TEST_F(ContentCacheTest, ANewEntryDoesNotTakeThePartlyFilledCacheFileOfAnInvalidatedOne) {
   std::string const content = overlay_test::patternBytes(20000, 5);
   store->elsewhere().writeFile(u"/p", content);

@@ -4,12 +4,15 @@
 // comparing what the inner store (or the overlay) holds with a model of what the
 // callers did.
 #include <support/StreamContent.hpp>
+#include <core/BackendExecutor.hpp>
+#include <core/ContentCache.hpp>
 #include <core/IExecutor.hpp>
 #include <core/OverlayProvider.hpp>
 
 #include <foundation/storage/provider/ByteStream.hpp>
 #include <foundation/storage/provider/Exception.hpp>
 #include <providers/mem/MemoryProvider.hpp>
+#include <providers/mem/Operation.hpp>
 #include <providers/mem/SideDoor.hpp>
 
 #include <gtest/gtest.h>
@@ -32,6 +35,9 @@ using fsp::ErrorCode;
 using fsp::StorageIRI;
 using fsp::StorageItem;
 using providers::mem::MemoryProvider;
+using providers::mem::Operation;
+using storage::overlayprovider::BackendExecutor;
+using storage::overlayprovider::ContentCache;
 using storage::overlayprovider::OverlayProvider;
 
 namespace {
@@ -330,6 +336,56 @@ TEST_F(OverlayConcurrencyTest, WritersOfDistinctBlocksOfOneFileAllReachTheStore)
               std::string(static_cast<std::size_t>(kBlock), letter(block)))
         << "block " << block;
   }
+}
+
+// The close transaction of a file's last stream refreshes the file's record (the one the
+// content entry shares) with the store's new watermark. An open that read the record's
+// watermark just before that refresh and checks the entry just after it must not take the
+// entry for stale: a stream opened meanwhile has written to it, and a reader must see
+// that write. The cache's seam runs the refresh inside that window.
+TEST_F(OverlayConcurrencyTest, AnOpenMeetingTheRefreshOfTheRecordKeepsTheEntryThatAnOpenStreamWrites) {
+  constexpr long kBlock = 4096;
+  store->elsewhere().writeFile(u"/shared.bin", std::string(3 * kBlock, '.'));
+  auto cache = std::make_unique<ContentCache>();
+  ContentCache* const cacheView = cache.get();
+  auto queue = std::make_shared<BackendExecutor>([cacheView] { cacheView->emptyRecycleBin(); }, 0.0);
+  std::atomic<bool> armed{false};
+  auto& attributesGate = store->gate(Operation::GetExtendedAttributes);
+  cache->setBeforeStalenessCheck([&](StorageIRI const&) {
+    if (!armed.exchange(false)) return;
+    attributesGate.open();
+    queue->waitForPendingToFinish();  // the close transaction has refreshed the record
+  });
+  provider = std::make_unique<OverlayProvider>(StorageItem(store, store->root()), std::move(cache), nullptr, queue);
+
+  fsp::ByteStreamOpenOptions options;
+  options.openMode = fsp::ByteStreamOpenOptions::OpenExisting;
+  auto first = provider->doOpenStream(at(u"/shared.bin"), options);
+  first->write(std::string(kBlock, 'A').data(), kBlock);
+  // The last stream's close queues the transaction that refreshes the record; it is held
+  // before it reads the store's attributes.
+  attributesGate.close();
+  first->close();
+  attributesGate.waitForWaiters(1);
+  auto open = provider->doOpenStream(at(u"/shared.bin"), options);
+  open->seek(kBlock, std::ios_base::beg);
+  open->write(std::string(kBlock, 'B').data(), kBlock);
+
+  // One letter per block: the block's byte, or '?' for a block of mixed bytes.
+  auto blocks = [&](std::string const& content) {
+    std::string letters;
+    for (std::size_t at = 0; at < content.size(); at += kBlock) {
+      auto const block = content.substr(at, kBlock);
+      letters += block.find_first_not_of(block[0]) == std::string::npos ? block[0] : '?';
+    }
+    return letters;
+  };
+  armed = true;
+  EXPECT_EQ(blocks(read(u"/shared.bin")), "AB.") << "a reader after the refresh";
+  open->close();
+  EXPECT_EQ(blocks(read(u"/shared.bin")), "AB.") << "a reader after the close";
+  provider->doFlushFilesystem();
+  EXPECT_EQ(blocks(store->elsewhere().contentOf(u"/shared.bin").value_or("")), "AB.") << "the store after the flush";
 }
 
 // A deterministic run of changes made elsewhere in /ext, applied to `model` as well.
