@@ -409,15 +409,18 @@ void WorkingFileEntry::openReadWrite(fsp::ByteStreamOpenOptions const& options) 
   if (!needsOpen) return;
 
   auto const metadata = metadata_;
-  std::uint64_t const generation = openGeneration_;
-  lock.unlock();
-  // Readers on other streams keep the read-only inner stream until the read-write open
-  // replaces it.
-  if (wasReadOnly && !othersHoldIt && !hasPendingBackgroundIO()) closeProviderStreamNow(metadata, generation);
-  lock.lock();
+  std::uint64_t const readOnlyGeneration = openGeneration_;
+  // Queued before mutex_ is let go: from the moment the entry is read-write, another
+  // stream skips its own open and queues its payloads behind the latest one, which must
+  // be this read-write open, not the read-only open before it (a payload run on the
+  // read-only inner stream fails and aborts the entry).
   enqueueOpenOperation(ObservableTransactionType::FILE_OPEN_READWRITE, options);
   OpenOperation const toAwait = params_.isSynchronous() ? openOperation_ : OpenOperation();
   lock.unlock();
+  // Readers on other streams keep the read-only inner stream until the read-write open
+  // replaces it. Closing it after the open was queued is safe: a read-write open that has
+  // run already claimed the inner stream, and this close leaves a claimed stream alone.
+  if (wasReadOnly && !othersHoldIt && !hasPendingBackgroundIO()) closeProviderStreamNow(metadata, readOnlyGeneration);
   if (toAwait) awaitOpen(toAwait);
 }
 

@@ -327,11 +327,12 @@ class WorkingFileEntry : public std::enable_shared_from_this<WorkingFileEntry> {
   // A caller stream opens the entry for reading and writing: adds one to the reference
   // count. With `options.truncate`, drops the unsent write buffer, aborts the entry (so
   // queued payloads are skipped), tells the quota accountant to forget the file, empties
-  // the cache and sets the size to 0. Then marks the entry read-write; if it was open
-  // read-only by no other stream with nothing pending, closes the read-only inner stream
-  // now; then queues a
-  // FILE_OPEN_READWRITE open with `options` (unless the entry was already open
-  // read-write and no truncation is asked for). Takes mutex_, releasing it before
+  // the cache and sets the size to 0. Then marks the entry read-write and, under the same
+  // hold of mutex_, queues a FILE_OPEN_READWRITE open with `options` (unless the entry
+  // was already open read-write and no truncation is asked for), so that every payload
+  // queued by a stream that finds the entry read-write runs after it; then, if it was
+  // open read-only by no other stream with nothing pending, closes the read-only inner
+  // stream now (unless the new open has claimed it already). Releases mutex_ before
   // touching the inner stream. With synchronous parameters the open has completed on
   // return (its failure is then thrown here).
   void openReadWrite(foundation::storage::provider::ByteStreamOpenOptions const& options);
