@@ -55,6 +55,20 @@ void DeliveryReport::localCacheFailed(fsp::StorageIRI const& location, std::stri
   }
 }
 
+void DeliveryReport::unlisted(fsp::StorageIRI const& folder, std::exception_ptr error) noexcept {
+  try {
+    fsp::extensions::UnlistedFolder record{folder, codeOf(error), describe(error)};
+    std::lock_guard lock(mutex_);
+    if (unlisted_.size() < kLimit) unlisted_.push_back(std::move(record));
+  } catch (...) {
+  }
+}
+
+std::vector<fsp::extensions::UnlistedFolder> DeliveryReport::takeUnlisted() {
+  std::lock_guard lock(mutex_);
+  return std::exchange(unlisted_, {});
+}
+
 std::vector<fsp::extensions::UndeliveredChange> DeliveryReport::takeUndelivered() {
   std::lock_guard lock(mutex_);
   return std::exchange(undelivered_, {});

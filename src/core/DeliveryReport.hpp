@@ -35,13 +35,18 @@ class DeliveryReport {
   void localCacheFailed(foundation::storage::provider::StorageIRI const& location, std::string what,
                         std::exception_ptr error) noexcept;
 
+  // Records that the background listing could not list `folder`. Never throws.
+  void unlisted(foundation::storage::provider::StorageIRI const& folder, std::exception_ptr error) noexcept;
+
   std::vector<foundation::storage::provider::extensions::UndeliveredChange> takeUndelivered();
+  std::vector<foundation::storage::provider::extensions::UnlistedFolder> takeUnlisted();
   std::vector<foundation::storage::provider::extensions::LocalCacheFailure> takeLocalCacheFailures();
 
  private:
-  std::mutex mutex_;  // guards the two lists
+  std::mutex mutex_;  // guards the three lists
   std::vector<foundation::storage::provider::extensions::UndeliveredChange> undelivered_;
   std::vector<foundation::storage::provider::extensions::LocalCacheFailure> cacheFailures_;
+  std::vector<foundation::storage::provider::extensions::UnlistedFolder> unlisted_;
 };
 
 // The text of `error` for a report: the detail of the store's Exception (which may be

@@ -1049,6 +1049,21 @@ void MetadataCache::populate(bool wait) {
     }
   } catch (...) {
     getLogger().log(Severity::Error, "Recursive folder listing failure");
+    if (listingFailureObserver_) {
+      // The folder the store named, when its error names one; the root otherwise.
+      StorageIRI folder = inner_->getLocation();
+      try {
+        throw;
+      } catch (fsp::Exception const& e) {
+        folder = e.getIRI();
+      } catch (...) {
+      }
+      try {
+        listingFailureObserver_(folder, std::current_exception());
+      } catch (...) {
+        // The report is best effort; the log has the failure.
+      }
+    }
     {
       CacheLock lock(*this);
       doInvalidateAll();

@@ -64,6 +64,8 @@
 #include <atomic>
 #include <cstdint>
 #include <deque>
+#include <exception>
+#include <functional>
 #include <future>
 #include <map>
 #include <memory>
@@ -214,6 +216,11 @@ class MetadataCache {
   // the population on a thread of its own; with `wait`, waits for it and passes on its
   // failure.
   void populateWholeFolderTreeWhenPossible(bool wait);
+  // Told, on the population's thread, when the whole-tree listing failed (the cache then
+  // lists folders on demand): the folder the store's error named, and the error. Set
+  // before the first population; none by default.
+  using ListingFailureObserver = std::function<void(StorageIRI const&, std::exception_ptr)>;
+  void setListingFailureObserver(ListingFailureObserver observer) { listingFailureObserver_ = std::move(observer); }
   // Waits for a started population and passes on its failure; after the first call that
   // returned normally, later calls return at once.
   void waitForFuturePopulationToFinish();
@@ -249,6 +256,7 @@ class MetadataCache {
   std::vector<StorageIRI> pendingInvalidations() const;
 
  private:
+  ListingFailureObserver listingFailureObserver_;  // set before the first population; may be empty
   class CacheLock;
   struct FolderMove {
     StorageIRI source;

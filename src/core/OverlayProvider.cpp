@@ -131,6 +131,8 @@ OverlayProvider::OverlayProvider(StorageItem inner, std::unique_ptr<ContentCache
   contentCache_->setFlushAttributeReads(flushReads_);
   contentCache_->setThawWritten([cache = metadataCache_](auto const& record) { cache->thawWritten(record); });
   contentCache_->setDeliveryReport(deliveryReport_);
+  metadataCache_->setListingFailureObserver(
+      [report = deliveryReport_](StorageIRI const& folder, std::exception_ptr error) { report->unlisted(folder, error); });
 }
 
 OverlayProvider::~OverlayProvider() {
@@ -1011,6 +1013,10 @@ std::vector<fsp::extensions::UndeliveredChange> OverlayProvider::takeUndelivered
 
 std::vector<fsp::extensions::LocalCacheFailure> OverlayProvider::takeLocalCacheFailures() {
   return deliveryReport_->takeLocalCacheFailures();
+}
+
+std::vector<fsp::extensions::UnlistedFolder> OverlayProvider::takeUnlistedFolders() {
+  return deliveryReport_->takeUnlisted();
 }
 
 fsp::extensions::QueueFigures OverlayProvider::getQueueFigures() const { return executorHandle_->queueFigures(); }

@@ -177,10 +177,12 @@ class OverlayProvider : public fsp::IConfigurableProvider,
   // inner store's caches.
   void doInvalidate(StorageIRI const& iri) override;
 
-  // The changes that failed for good in the queue (after their retries) and the local
-  // cache's failures, each returned once; the queue's figures (see IWriteBehindStatus).
+  // The changes that failed for good in the queue (after their retries), the local
+  // cache's failures and the folders the whole-tree population could not list, each
+  // returned once; the queue's figures (see IWriteBehindStatus).
   std::vector<fsp::extensions::UndeliveredChange> takeUndeliveredChanges() override;
   std::vector<fsp::extensions::LocalCacheFailure> takeLocalCacheFailures() override;
+  std::vector<fsp::extensions::UnlistedFolder> takeUnlistedFolders() override;
   fsp::extensions::QueueFigures getQueueFigures() const override;
 
   // Creates the executor, the quota accountant, the event listener and the latch once,

@@ -370,6 +370,15 @@ TEST_F(OvlTest, ListingsNameWhatTheyCouldNotShow) {
       << listed;
   auto const denied = run({"cat", "mem://locked/d/locked"});
   EXPECT_EQ(denied.status, 1) << denied;
+  // Through the overlay, whose listing of the whole tree fails on that folder: the
+  // listing is still right (folders are then listed as asked for), with a warning.
+  auto const overlaid = run({"--overlay", "ls", "mem://locked/d"});
+  EXPECT_EQ(overlaid.status, 0) << overlaid;
+  EXPECT_THAT(overlaid.out, HasSubstr(" locked\n")) << overlaid;
+  EXPECT_THAT(overlaid.out, HasSubstr(" open\n")) << overlaid;
+  EXPECT_EQ(overlaid.err, "ovl ls: warning: the overlay could not list mem://locked/d/locked: cannot be read (cannot "
+                          "read folder entries) (it lists folders as they are asked for instead; --log FILE shows more)\n")
+      << overlaid;
 
   fs::create_directories(dir_ / "names");
   for (auto const* name : {"fine.txt", "tab\there.txt", "bad\xff\xfe.bin", "also fine"}) writeLocal(local("names/") + name, "x");

@@ -168,8 +168,7 @@ std::vector<std::optional<std::string>> Session::deliver(std::vector<StorageItem
   for (auto const& change : failed) {
     auto& cause = causes[indexOf.at(plainIRI(change.location))];
     if (cause) continue;  // the first failure of an item is its cause
-    cause = change.code ? describe(*change.code) : change.cause;
-    if (change.code && !change.cause.empty()) *cause += ": " + change.cause;
+    cause = causeText(change.code, change.cause);
   }
   return causes;
 }

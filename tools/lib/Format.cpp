@@ -38,12 +38,15 @@ std::string describe(ErrorCode code) {
   return "error " + std::to_string(static_cast<int>(code));
 }
 
-std::string causeOf(foundation::storage::provider::Exception const& e) {
-  bool const deniedRead = e.getErrorCode() == ErrorCode::NotWritable && e.getDetail().rfind("cannot read", 0) == 0;
-  std::string cause = deniedRead ? "cannot be read" : describe(e.getErrorCode());
-  if (!e.getDetail().empty()) cause += " (" + e.getDetail() + ")";
+std::string causeText(std::optional<ErrorCode> code, std::string const& detail) {
+  if (!code) return detail;
+  bool const deniedRead = *code == ErrorCode::NotWritable && detail.rfind("cannot read", 0) == 0;
+  std::string cause = deniedRead ? "cannot be read" : describe(*code);
+  if (!detail.empty()) cause += " (" + detail + ")";
   return cause;
 }
+
+std::string causeOf(foundation::storage::provider::Exception const& e) { return causeText(e.getErrorCode(), e.getDetail()); }
 
 std::string displayText(std::u16string const& text) {
   try {

@@ -86,6 +86,7 @@ void OverlayHost::flush() {
     if (auto* status = statusOf(root)) {
       for (auto& change : status->takeUndeliveredChanges()) delivery_.undelivered.push_back(std::move(change));
       for (auto& failure : status->takeLocalCacheFailures()) delivery_.cacheFailures.push_back(std::move(failure));
+      for (auto& folder : status->takeUnlistedFolders()) delivery_.unlisted.push_back(std::move(folder));
     }
   }
   if (first) std::rethrow_exception(first);

@@ -243,16 +243,14 @@ std::optional<providers::throttle::Options> throttleOptions(GlobalFlags const& f
 
 // "IRI: cause" for one change the overlay could not deliver.
 std::string deliveryText(Session const& session, fsp::extensions::UndeliveredChange const& change) {
-  std::string cause = change.code ? describe(*change.code) : change.cause;
-  if (change.code && !change.cause.empty()) cause += " (" + change.cause + ")";
-  return session.plainIRI(change.location) + ": " + cause + " (" + change.change + ")";
+  return session.plainIRI(change.location) + ": " + causeText(change.code, change.cause) + " (" + change.change + ")";
 }
 
 // Reports, after the overlay was flushed, what it could not deliver while the command ran,
 // in one line; returns the exit status that calls for: 1 when a change did not reach the
 // store, 0 when only the local cache failed (reported as a warning).
 int reportDelivery(OverlayHost::Delivery const& delivery, Session const& session, std::string const& command,
-                   std::ostream& err, bool warnAboutCache) {
+                   std::ostream& err, bool warnings) {
   auto more = [](std::size_t count) { return count <= 1 ? std::string() : "; " + std::to_string(count - 1) + " more"; };
   if (!delivery.undelivered.empty()) {
     err << "ovl " << command << ": " << printable(deliveryText(session, delivery.undelivered.front()))
@@ -260,7 +258,13 @@ int reportDelivery(OverlayHost::Delivery const& delivery, Session const& session
         << " (the overlay could not make this change in the store; --log FILE shows every failure)\n";
     return 1;
   }
-  if (warnAboutCache && !delivery.cacheFailures.empty()) {
+  if (warnings && !delivery.unlisted.empty()) {
+    auto const& first = delivery.unlisted.front();
+    err << "ovl " << command << ": warning: the overlay could not list " << printable(session.plainIRI(first.location))
+        << ": " << printable(causeText(first.code, first.cause)) << more(delivery.unlisted.size())
+        << " (it lists folders as they are asked for instead; --log FILE shows more)\n";
+  }
+  if (warnings && !delivery.cacheFailures.empty()) {
     auto const& first = delivery.cacheFailures.front();
     err << "ovl " << command << ": warning: the overlay's local cache failed; the store has every change: "
         << session.plainIRI(first.location) << ": " << first.what << " (" << first.cause << ")"

@@ -10,6 +10,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <optional>
 #include <ostream>
 #include <string>
 
@@ -24,6 +25,9 @@ std::string describe(foundation::storage::provider::ErrorCode code);
 // parentheses. A store says "not writable" for any denied access; a denied read reads
 // "cannot be read".
 std::string causeOf(foundation::storage::provider::Exception const& e);
+// The same for an error known by its code (if it had one) and its detail; without a code
+// the detail is the whole cause.
+std::string causeText(std::optional<foundation::storage::provider::ErrorCode> code, std::string const& detail);
 
 // Text as UTF-8 for display; unpaired surrogates become U+FFFD instead of failing.
 std::string displayText(std::u16string const& text);

@@ -65,6 +65,7 @@ class OverlayHost {
   struct Delivery {
     std::vector<fsp::extensions::UndeliveredChange> undelivered;
     std::vector<fsp::extensions::LocalCacheFailure> cacheFailures;
+    std::vector<fsp::extensions::UnlistedFolder> unlisted;
   };
 
   // Flushes every overlay (its queue drains into the store) and adds what each could not

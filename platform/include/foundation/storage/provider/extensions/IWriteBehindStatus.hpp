@@ -5,6 +5,7 @@
 // not make in the store after its retries is one UndeliveredChange. Failures of a local
 // cache alone (the store still got every change) are reported apart, so that a host can
 // tell "something is missing from the store" from "the cache did not help this time".
+// Folders its background listing of the store could not list are reported too.
 #pragma once
 
 #include <foundation/storage/provider/ErrorCode.hpp>
@@ -35,6 +36,13 @@ struct LocalCacheFailure {
   std::string cause;    // the reason, as the error said it
 };
 
+// A folder the provider could not list in the background (it lists it on demand then).
+struct UnlistedFolder {
+  StorageIRI location;            // the folder the store's error named
+  std::optional<ErrorCode> code;  // the store's error code; empty for a failure of another kind
+  std::string cause;              // as for UndeliveredChange
+};
+
 // Figures of the provider's queue of changes since it started.
 struct QueueFigures {
   std::size_t queued = 0;                  // transactions waiting now
@@ -53,6 +61,8 @@ class IWriteBehindStatus {
   virtual std::vector<UndeliveredChange> takeUndeliveredChanges() = 0;
   // The local cache's failures since the last call, oldest first; each is returned once.
   virtual std::vector<LocalCacheFailure> takeLocalCacheFailures() = 0;
+  // The folders its background listing could not list since the last call; each once.
+  virtual std::vector<UnlistedFolder> takeUnlistedFolders() = 0;
   // The queue's figures now (all zero for a provider that runs every change at once).
   virtual QueueFigures getQueueFigures() const = 0;
 };
