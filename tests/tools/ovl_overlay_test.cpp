@@ -253,6 +253,50 @@ TEST_F(OvlOverlay, AFullStoreLeavesTheDestinationAsItWasAndIsReportedInOneLine) 
   EXPECT_EQ(readLocal(dir_ / "store/copy.bin"), content);
 }
 
+// A read-only store (a read-only bind mount of the store folder): every change the
+// overlay acknowledged and the store then refused makes the command fail in one line that
+// names the store's IRI and its reason; nothing in the store changes. Needs the right to
+// mount (root on this machine kind); skipped elsewhere.
+TEST_F(OvlOverlay, AReadOnlyStoreRefusesAndEveryCommandSaysSo) {
+  writeLocal(dir_ / "store/a.txt", "kept");
+  auto const mounted = dir_ / "ro";
+  fs::create_directories(mounted);
+  std::string const mount = "mount --bind " + store() + " " + mounted.string() + " 2>/dev/null && mount -o remount,bind,ro " +
+                            mounted.string() + " 2>/dev/null";
+  if (std::system(mount.c_str()) != 0) {
+    std::system(("umount " + mounted.string() + " 2>/dev/null").c_str());
+    GTEST_SKIP() << "cannot make a read-only bind mount here";
+  }
+  struct Unmount {
+    fs::path path;
+    ~Unmount() { std::system(("umount " + path.string()).c_str()); }
+  } const unmount{mounted};
+  auto const ro = mounted.string();
+  auto const inRo = [&](std::string const& name) { return ro + "/" + name; };
+  struct Case {
+    std::vector<std::string> args;
+    std::string line;
+  };
+  std::vector<Case> const cases = {
+      {{"mkdir", inRo("new")}, "ovl mkdir: file://" + inRo("new") + ": not writable (cannot create folder in this folder: Read-only file system) (createFolder)"},
+      {{"rm", inRo("a.txt")}, "ovl rm: file://" + inRo("a.txt") + ": not writable (cannot remove file: Read-only file system) (removeFile)"},
+      {{"mv", inRo("a.txt"), inRo("b.txt")}, "ovl mv: file://" + inRo("a.txt") + ": not writable"},
+      {{"cp", inRo("a.txt"), inRo("c.txt")}, "ovl cp: " + inRo("c.txt") + ": the store did not take the new content (not writable"},
+  };
+  for (auto const& c : cases) {
+    auto args = c.args;
+    args.insert(args.begin(), {"--overlay-root", ro});
+    auto const result = run(args);
+    EXPECT_EQ(result.status, 1) << result;
+    EXPECT_THAT(result.err, StartsWith(c.line)) << result;
+    EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << result;
+  }
+  std::vector<std::string> names;
+  for (auto const& entry : fs::directory_iterator(dir_ / "store")) names.push_back(entry.path().filename().string());
+  EXPECT_EQ(names, std::vector<std::string>{"a.txt"});
+  EXPECT_EQ(readLocal(dir_ / "store/a.txt"), "kept");
+}
+
 // Two programs copying different content onto one file at the same time: each writes a
 // scratch file of its own, so the file ends as one of the two sources, byte for byte.
 TEST_F(OvlOverlay, TwoCopiesOntoOneFileLeaveOneWholeSource) {

@@ -160,14 +160,14 @@ std::vector<std::optional<std::string>> Session::deliver(std::vector<StorageItem
   for (std::size_t i = 0; i < items.size(); ++i) {
     if (items[i].getLocation().getScheme() == kOverlayScheme) indexOf.emplace(plainIRI(items[i].getLocation()), i);
   }
-  // The time stamp of a file is not its content: a store that keeps no times still took
-  // the bytes.
-  auto const failed = host_->takeUndelivered([&](auto const& change) {
-    return change.change != "setLastModified" && indexOf.count(plainIRI(change.location)) != 0;
-  });
+  // Every failure of these items is answered here (a scratch file the store never made
+  // also fails its time stamp: that is no news beyond the first failure). The time stamp
+  // alone is not the content: a store that keeps no times still took the bytes.
+  auto const failed =
+      host_->takeUndelivered([&](auto const& change) { return indexOf.count(plainIRI(change.location)) != 0; });
   for (auto const& change : failed) {
     auto& cause = causes[indexOf.at(plainIRI(change.location))];
-    if (cause) continue;  // the first failure of an item is its cause
+    if (cause || change.change == "setLastModified") continue;  // the first failure of an item is its cause
     cause = causeText(change.code, change.cause);
   }
   return causes;
