@@ -200,6 +200,7 @@ TEST_F(OvlOverlay, ConfigurationReachesTheOverlayAndBadConfigurationIsNamed) {
       {{"--set", "overlay.maxQueueWeight=nan"}, "'nan' is not a number >= 0"},
       {{"--set", "overlay.minQueueItemWeight=inf"}, "'inf' is not a number >= 0"},
       {{"--set", "overlay.maxWritePayloadSize=-1"}, "overlay.maxWritePayloadSize: '-1' is not a whole number"},
+      {{"--set", "overlay.persistContentCache=true"}, "overlay.persistContentCache needs overlay.cacheRoot"},
   };
   for (auto const& c : cases) {
     auto args = c.flags;
