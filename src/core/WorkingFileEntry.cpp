@@ -804,7 +804,6 @@ void WorkingFileEntry::runProviderWrite(std::streampos start, std::vector<char> 
     std::lock_guard lock(abortMutex_);
     if (abortState_ != 0 && abortTime_ >= enqueued) return;
   }
-  fsp::StorageIRI const storeLocation = innerItemFor(location).getLocation();  // how reports name it
   // Up to three attempts, as every other queued change gets: a transient failure of the
   // store or an unexpected error is tried again; a refusal (not writable, quota) is not.
   constexpr int kAttempts = 3;
@@ -827,7 +826,7 @@ void WorkingFileEntry::runProviderWrite(std::streampos start, std::vector<char> 
         continue;
       }
       logFailure("Unexpected exception during write operation");
-      if (deliveryReport_) deliveryReport_->undelivered(storeLocation, "write", std::current_exception());
+      reportUndelivered(location, "write");
     }
     break;
   }
@@ -850,6 +849,16 @@ void WorkingFileEntry::runProviderWrite(std::streampos start, std::vector<char> 
     } catch (...) {
       logCaught();
     }
+  }
+}
+
+void WorkingFileEntry::reportUndelivered(fsp::StorageIRI const& location, char const* change) const noexcept {
+  if (!deliveryReport_) return;
+  try {
+    // Named as the store names it (the inner-most IRI has no authority).
+    deliveryReport_->undelivered(innerItemFor(location).getLocation(), change, std::current_exception());
+  } catch (...) {
+    // The failure is in the log either way.
   }
 }
 
@@ -963,14 +972,14 @@ void WorkingFileEntry::runProviderClose(fsp::StorageIRI const& location, std::sh
       closeProviderStreamUnlessReclaimed(generation);
     } catch (...) {
       logFailure("Unexpected exception during close operation");
-      if (deliveryReport_) deliveryReport_->undelivered(item.getLocation(), "close", std::current_exception());
+      reportUndelivered(location, "close");
     }
   }
   try {
     item.setLastModified(metadata->getLastModified());
   } catch (...) {
     logFailure("Exception during attempt to set last modified time");
-    if (deliveryReport_) deliveryReport_->undelivered(item.getLocation(), "setLastModified", std::current_exception());
+    reportUndelivered(location, "setLastModified");
   }
   auto read = [metadata, item] {
     try {

@@ -535,6 +535,9 @@ class WorkingFileEntry : public std::enable_shared_from_this<WorkingFileEntry> {
   // An item on the inner store's provider for `location`'s path.
   foundation::storage::provider::StorageItem innerItemFor(
       foundation::storage::provider::StorageIRI const& location) const;
+  // Puts the exception being handled into the delivery report, if any, as `change` of
+  // `location` that did not reach the store. Call only from a catch block.
+  void reportUndelivered(foundation::storage::provider::StorageIRI const& location, char const* change) const noexcept;
 
   fl::filesystem::path const cacheDirectory_;
   std::shared_ptr<FileMetadata> metadata_;                 // guarded by mutex_

@@ -69,10 +69,11 @@ std::string displayText(std::u16string const& text) {
 
 namespace {
 
-std::string escaped(std::string const& text) {
+// `text` with control characters, and backslashes too when `backslashes`, as \xNN.
+std::string escaped(std::string const& text, bool backslashes) {
   std::string out;
   for (unsigned char c : text) {
-    if (c < 0x20 || c == 0x7F || c == '\\') {
+    if (c < 0x20 || c == 0x7F || (backslashes && c == '\\')) {
       char hex[8];
       std::snprintf(hex, sizeof hex, "\\x%02X", c);
       out += hex;
@@ -94,24 +95,12 @@ bool numberText(boost::any const& value, std::string& text) {
 
 }  // namespace
 
-std::string printable(std::string const& text) {
-  std::string out;
-  for (unsigned char c : text) {
-    if (c < 0x20 || c == 0x7F) {
-      char hex[8];
-      std::snprintf(hex, sizeof hex, "\\x%02X", c);
-      out += hex;
-    } else {
-      out += static_cast<char>(c);
-    }
-  }
-  return out;
-}
+std::string printable(std::string const& text) { return escaped(text, false); }
 
 std::string attributeText(boost::any const& value) {
-  if (auto const* s = boost::any_cast<std::string>(&value)) return escaped(*s);
-  if (auto const* s = boost::any_cast<char const*>(&value)) return escaped(*s);
-  if (auto const* u = boost::any_cast<std::u16string>(&value)) return escaped(displayText(*u));
+  if (auto const* s = boost::any_cast<std::string>(&value)) return escaped(*s, true);
+  if (auto const* s = boost::any_cast<char const*>(&value)) return escaped(*s, true);
+  if (auto const* u = boost::any_cast<std::u16string>(&value)) return escaped(displayText(*u), true);
   if (auto const* b = boost::any_cast<bool>(&value)) return *b ? "true" : "false";
   std::string text;
   if (numberText<int>(value, text) || numberText<unsigned>(value, text) || numberText<long>(value, text) ||
