@@ -1,6 +1,6 @@
 // Throughput of the write-behind queue: producers execute empty tasks and wait until
 // the worker has run them all. Items per second = tasks executed and run per second.
-#include <core/BackendExecutor.hpp>
+#include <core/exec/BackendExecutor.hpp>
 
 #include <benchmark/benchmark.h>
 

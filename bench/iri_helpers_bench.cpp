@@ -1,6 +1,6 @@
 // Cost of mapping overlay IRIs to physical IRIs, done at the start of every provider
 // operation.
-#include <core/IRIHelpers.hpp>
+#include <core/util/IRIHelpers.hpp>
 
 #include <benchmark/benchmark.h>
 

@@ -15,7 +15,7 @@
 // - Loading a folder of 10,000 files through loadAndGetFolderContainer from a throttled
 //   store (20 ms per call). Counters: the inner calls one load makes; a load that asks
 //   the store once per entry instead of listing the folder once is reported as an error.
-#include <core/MetadataCache.hpp>
+#include <core/metadata/MetadataCache.hpp>
 
 #include <providers/mem/MemoryProvider.hpp>
 #include <providers/mem/SideDoor.hpp>

@@ -10,7 +10,7 @@
 //   BM_CachedListing                     listing a cached folder of 10,000 entries
 //   BM_FirstReadLargeFile/direct|overlay the first read of an uncached 64 MiB file, in
 //                                        reads of 1 MiB, open to close
-#include <core/OverlayProvider.hpp>
+#include <core/provider/OverlayProvider.hpp>
 
 #include <foundation/storage/provider/StorageItem.hpp>
 #include <providers/mem/MemoryProvider.hpp>

@@ -9,10 +9,10 @@
 // - FirstReadUncached: the first read of a 64 MiB file (fresh cache directory each
 //   iteration), read through from the mem store and stored in the cache.
 // Payload sizes are the configuration defaults (4 MiB).
-#include <core/BackendExecutor.hpp>
-#include <core/FileMetadata.hpp>
-#include <core/WorkingFileByteStream.hpp>
-#include <core/WorkingFileEntry.hpp>
+#include <core/exec/BackendExecutor.hpp>
+#include <core/metadata/FileMetadata.hpp>
+#include <core/content/WorkingFileByteStream.hpp>
+#include <core/content/WorkingFileEntry.hpp>
 
 #include <providers/mem/MemoryProvider.hpp>
 #include <providers/mem/SideDoor.hpp>

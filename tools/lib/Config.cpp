@@ -2,7 +2,7 @@
 
 #include <ovl/Command.hpp>
 
-#include <core/OverlayOptions.hpp>
+#include <core/provider/OverlayOptions.hpp>
 
 #include <boost/property_tree/json_parser.hpp>
 

@@ -1,6 +1,6 @@
 #include <ovl/ExecutorProbe.hpp>
 
-#include <core/BackendExecutor.hpp>
+#include <core/exec/BackendExecutor.hpp>
 
 #include <chrono>
 

@@ -1,7 +1,0 @@
-#include <core/Versioning.hpp>
-
-namespace storage::overlayprovider::Versioning {
-
-std::u16string GetVersionString() { return u"V1.0"; }
-
-}  // namespace storage::overlayprovider::Versioning

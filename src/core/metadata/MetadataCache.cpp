@@ -1,0 +1,1169 @@
+#include <core/metadata/MetadataCache.hpp>
+
+#include <core/metadata/FutureFolderEntry.hpp>
+#include <core/util/IRIHelpers.hpp>
+#include <core/util/Logger.hpp>
+
+#include <foundation/log/Severity.hpp>
+#include <foundation/storage/provider/Exception.hpp>
+
+#include <boost/date_time/posix_time/posix_time_types.hpp>
+
+#include <algorithm>
+#include <chrono>
+#include <exception>
+#include <optional>
+#include <string_view>
+#include <type_traits>
+#include <utility>
+
+namespace storage::overlayprovider {
+
+namespace {
+
+using foundation::log::Severity;
+using fsp::ErrorCode;
+using fsp::Exception;
+
+constexpr char const* kRecursiveListingFailure =
+    "Couldn't read file/folder metadata during a backend folder "
+    "recursive listing operation. This is possibly due to a bad filename "
+    "(g2635196).";
+
+boost::posix_time::ptime nowUtc() { return boost::posix_time::microsec_clock::universal_time(); }
+
+bool doesNotExist(Exception const& e) { return e.getErrorCode() == ErrorCode::DoesNotExist; }
+
+// Waits, without any cache lock, until a listing entry's content can be read. True when
+// the entry's children may be read now (a plain entry, a finished build, or a listing
+// that succeeded). A failed listing is left for the first reader of the entry.
+bool awaitEntry(std::shared_ptr<IFolderEntry> const& entry) {
+  auto const* listing = dynamic_cast<FutureFolderEntry const*>(entry.get());
+  if (listing == nullptr || listing->isBuilt()) return true;
+  return listing->awaitListing();
+}
+
+bool isUnbuiltListing(std::shared_ptr<IFolderEntry> const& entry) {
+  auto const* listing = dynamic_cast<FutureFolderEntry const*>(entry.get());
+  return listing != nullptr && !listing->isBuilt();
+}
+
+// A scheme that getInnerMostURL keeps as it is: lower case, no "+".
+bool isKeyScheme(std::u16string const& scheme) {
+  if (scheme.empty()) return false;
+  return std::all_of(scheme.begin(), scheme.end(), [](char16_t c) {
+    return (c >= u'a' && c <= u'z') || (c >= u'0' && c <= u'9') || c == u'.' || c == u'-';
+  });
+}
+
+// A resolved path ("/" or "/a/b": no empty, "." or ".." segment, no trailing slash) of
+// characters that the text conversions and the parser keep as they are.
+bool isKeyPath(std::u16string const& path) {
+  if (path.empty() || path.front() != u'/') return false;
+  if (path.size() == 1) return true;
+  std::size_t segment = 1;
+  for (std::size_t i = 1; i <= path.size(); ++i) {
+    if (i == path.size() || path[i] == u'/') {
+      std::size_t const length = i - segment;
+      if (length == 0) return false;
+      if (path[segment] == u'.' && (length == 1 || (length == 2 && path[segment + 1] == u'.'))) return false;
+      segment = i + 1;
+      continue;
+    }
+    char16_t const c = path[i];
+    if (c < 0x20 || c == 0x7F || (c >= 0xD800 && c <= 0xDFFF)) return false;
+    if (c == u'?' || c == u'#' || c == u'<' || c == u'>' || c == u'%' || c == u'\\') return false;
+  }
+  return true;
+}
+
+// An IRI that getInnerMostURL returns unchanged, and so does for its parent: with a key
+// scheme, a resolved path and no query or fragment, either plain without an authority,
+// or wrapped (not by the overlay's own scheme) around an IRI whose inner-most path is not
+// the root. The texts of its folders are prefixes of its own text.
+bool isKeyForm(StorageIRI const& iri) {
+  if (!isKeyScheme(iri.getScheme()) || !isKeyPath(iri.getPath()) || iri.getQuery() || iri.getFragment()) return false;
+  if (!iri.hasInnerIRI()) return iri.getAuthority().empty();
+  if (iri.getScheme() == u"overlay") return false;
+  StorageIRI const* innermost = &iri.getInnerIRI();
+  while (innermost->hasInnerIRI()) innermost = &innermost->getInnerIRI();
+  return innermost->getPath() != u"/";
+}
+
+// The text of the parent of a key (in key form) that has a parent: the key's text
+// without its last segment ("mem:///a/b" -> "mem:///a", "mem:///a" -> "mem:///",
+// "t:<mem:///r>/a" -> "t:<mem:///r>/"), as the parent's IRI would render it. The first
+// form takes the key's text and the position where its path begins.
+std::u16string_view parentTextOf(std::u16string_view text, std::size_t pathStart) {
+  std::size_t const slash = text.rfind(u'/');
+  return text.substr(0, slash == pathStart ? pathStart + 1 : slash);
+}
+std::u16string_view parentTextOf(StorageIRI const& key) {
+  std::u16string_view const text = key.toString();
+  return parentTextOf(text, text.size() - key.getPath().size());
+}
+
+}  // namespace
+
+StorageIRI MetadataCache::keyFor(StorageIRI const& iri) { return isKeyForm(iri) ? iri : getInnerMostURL(iri); }
+
+// The key of an argument, without copying an argument that is already in key form.
+// Refers to the argument, which must outlive it.
+class MetadataCache::Key {
+ public:
+  explicit Key(StorageIRI const& iri) : plain_(isKeyForm(iri)), key_(&iri) {
+    if (!plain_) {
+      mapped_ = getInnerMostURL(iri);
+      key_ = &*mapped_;
+      plain_ = isKeyForm(*mapped_);
+    }
+  }
+  Key(Key const&) = delete;
+  Key& operator=(Key const&) = delete;
+
+  StorageIRI const& get() const { return *key_; }
+  // The key and its parent are their own keys, so the parent's text is the parent's key.
+  bool plain() const { return plain_; }
+
+ private:
+  bool plain_;
+  std::optional<StorageIRI> mapped_;
+  StorageIRI const* key_;
+};
+
+// Takes the cache lock; entries retired while it was held are destroyed after it is
+// released (destroying a listing entry waits for its listing).
+class MetadataCache::CacheLock {
+ public:
+  explicit CacheLock(MetadataCache const& cache) : cache_(cache), lock_(cache.guard_) {}
+  ~CacheLock() { unlock(); }
+  CacheLock(CacheLock const&) = delete;
+  CacheLock& operator=(CacheLock const&) = delete;
+
+  void lock() { lock_.lock(); }
+  void unlock() {
+    if (!lock_.owns_lock()) return;
+    std::vector<std::shared_ptr<IFolderEntry>> retired;
+    retired.swap(cache_.retired_);
+    lock_.unlock();
+  }
+
+ private:
+  MetadataCache const& cache_;
+  std::unique_lock<std::mutex> lock_;
+};
+
+MetadataCache::MetadataCache(std::shared_ptr<fsp::StorageItem> inner, bool caseSensitive)
+    : inner_(std::move(inner)), caseSensitive_(caseSensitive) {}
+
+MetadataCache::~MetadataCache() {
+  std::lock_guard lock(populationMutex_);
+  if (population_ && population_->valid() &&
+      population_->wait_for(std::chrono::seconds(0)) != std::future_status::deferred) {
+    try {
+      population_->get();
+    } catch (...) {
+    }
+  }
+}
+
+void MetadataCache::retire(std::shared_ptr<IFolderEntry> entry) const { retired_.push_back(std::move(entry)); }
+
+// ---- finding and creating entries ----------------------------------------------------------
+
+MetadataCache::FolderMap::iterator MetadataCache::getCacheIterator(StorageIRI const& key) const {
+  return caseSensitive_ ? folderIndex_.findExact(key) : folderIndex_.findFolded(key);
+}
+
+void MetadataCache::emplaceFolder(StorageIRI key, std::shared_ptr<IFolderEntry> const& entry) const {
+  auto const [it, inserted] = folders_.emplace(std::move(key), entry);
+  if (inserted) folderIndex_.inserted(it);
+}
+
+MetadataCache::FolderMap::iterator MetadataCache::eraseFolder(FolderMap::iterator it) const {
+  retire(std::move(it->second));
+  folderIndex_.erasing(it);
+  return folders_.erase(it);
+}
+
+void MetadataCache::clearFolders() const {
+  for (auto& [key, entry] : folders_) retire(std::move(entry));
+  folderIndex_.cleared();
+  folders_.clear();
+}
+
+std::shared_ptr<IFolderEntry> MetadataCache::doGetFolderContainer(StorageIRI const& iri, bool create) const {
+  auto const key = keyFor(iri);
+  auto it = getCacheIterator(key);
+  if (it != folders_.end()) return it->second;
+  if (!create) return nullptr;
+  std::shared_ptr<IFolderEntry> entry = std::make_shared<FutureFolderEntry>(key, inner_);
+  emplaceFolder(key, entry);
+  return entry;
+}
+
+void MetadataCache::insertFolderEntry(StorageIRI const& iri, std::shared_ptr<IFolderEntry> const& entry) const {
+  emplaceFolder(keyFor(iri), entry);
+}
+
+std::shared_ptr<IFolderEntry> MetadataCache::doLoadAndGetFolderContainer(StorageIRI const& iri) const {
+  auto const key = keyFor(iri);
+  std::shared_ptr<IFolderEntry> entry;
+  {
+    CacheLock lock(*this);
+    auto it = getCacheIterator(key);
+    if (it != folders_.end()) entry = it->second;
+  }
+  return entry ? awaitCachedEntry(entry) : loadFolderEntry(key);
+}
+
+std::shared_ptr<IFolderEntry> MetadataCache::loadParentEntry(Key const& key) const {
+  if (!key.plain()) return doLoadAndGetFolderContainer(key.get().getParent());
+  // The parent is found by its text, without building its IRI.
+  auto const parent = parentTextOf(key.get());
+  std::shared_ptr<IFolderEntry> entry;
+  {
+    CacheLock lock(*this);
+    auto it = caseSensitive_ ? folderIndex_.findExact(parent) : folderIndex_.findFolded(parent);
+    if (it != folders_.end()) entry = it->second;
+  }
+  return entry ? awaitCachedEntry(entry) : loadFolderEntry(key.get().getParent());
+}
+
+std::shared_ptr<IFolderEntry> MetadataCache::loadFolderEntry(StorageIRI const& key) const {
+  auto fresh = std::make_shared<FutureFolderEntry>(key, inner_);
+  fresh->getMetadata();  // waits for the listing; its failure goes to the caller
+  CacheLock lock(*this);
+  insertFolderEntry(key, fresh);
+  return fresh;
+}
+
+std::shared_ptr<IFolderEntry> MetadataCache::awaitCachedEntry(std::shared_ptr<IFolderEntry> const& entry) const {
+  // A plain entry, or a listing entry built already, has nothing to wait for and no
+  // failure to pass on.
+  if (!isUnbuiltListing(entry)) return entry;
+  try {
+    entry->getMetadata();  // waits if the entry is still listing
+  } catch (Exception const& e) {
+    if (doesNotExist(e)) {
+      // The folder vanished on the inner side: forget it and what was cached below it.
+      CacheLock lock(*this);
+      doInvalidateFolder(entry->getLocation());
+    }
+    throw;
+  }
+  return entry;
+}
+
+template <class Resolve>
+void MetadataCache::awaitEntries(Resolve&& resolve) const {
+  std::vector<std::shared_ptr<IFolderEntry>> entries;
+  {
+    CacheLock lock(*this);
+    resolve(entries);
+  }
+  for (auto const& entry : entries) {
+    if (entry) awaitEntry(entry);
+  }
+}
+
+void MetadataCache::awaitSubtree(StorageIRI const& iri, bool create) const {
+  std::deque<StorageIRI> folders{iri};
+  while (!folders.empty()) {
+    StorageIRI const folder = std::move(folders.front());
+    folders.pop_front();
+    std::shared_ptr<IFolderEntry> entry;
+    {
+      CacheLock lock(*this);
+      entry = doGetFolderContainer(folder, create);
+    }
+    if (!entry || !awaitEntry(entry)) continue;
+    // Entries change only under the cache lock: under it, the children are read in place
+    // rather than copied (a folder of many files would otherwise be copied whole).
+    CacheLock lock(*this);
+    for (auto it = entry->begin(), end = entry->end(); it != end; ++it) {
+      if (it->second.index() == 1) folders.push_back(it->first);
+    }
+  }
+}
+
+void MetadataCache::awaitFrozenReAdd() const {
+  awaitEntries([this](std::vector<std::shared_ptr<IFolderEntry>>& entries) {
+    if (!frozenReAddPending_) return;
+    for (auto const& [key, record] : frozen_) {
+      bool const frozen = record.index() == 0 ? std::get<0>(record)->isFrozen() : std::get<1>(record)->isFrozen();
+      if (!frozen || !key.hasParent()) continue;  // a thawed record is discarded unseen
+      auto const parent = key.getParent();
+      bool const parentCached = folders_.count(parent) != 0;
+      entries.push_back(doGetFolderContainer(parent, true));
+      // Without its parent the record is surely re-added, which stamps the grandparent.
+      if (!parentCached && parent.hasParent()) entries.push_back(doGetFolderContainer(parent.getParent(), true));
+    }
+  });
+}
+
+// ---- queries ----------------------------------------------------------------------------------
+
+std::shared_ptr<FileMetadata> MetadataCache::getFileMetadata(StorageIRI const& iri) const {
+  try {
+    Key const key(iri);
+    if (!key.get().hasParent()) return nullptr;
+    auto entry = loadParentEntry(key);
+    return entry->getFileMetadata(key.get(), caseSensitive_);
+  } catch (Exception const& e) {
+    if (doesNotExist(e)) return nullptr;
+    throw;
+  }
+}
+
+std::shared_ptr<FolderMetadata> MetadataCache::doGetFolderMetadata(StorageIRI const& iri) const {
+  try {
+    Key const key(iri);
+    if (key.get().hasParent()) {
+      auto entry = loadParentEntry(key);
+      return entry->getFolderMetadata(key.get(), caseSensitive_);
+    }
+    return doLoadAndGetFolderContainer(key.get())->getMetadata();
+  } catch (Exception const& e) {
+    if (doesNotExist(e)) return nullptr;
+    throw;
+  }
+}
+
+std::shared_ptr<FolderMetadata> MetadataCache::getFolderMetadata(StorageIRI const& iri) const {
+  return doGetFolderMetadata(iri);
+}
+
+bool MetadataCache::hasFile(StorageIRI const& iri) const {
+  {
+    CacheLock lock(*this);
+    triggerInvalidationProcess();
+  }
+  try {
+    return getFileMetadata(iri) != nullptr;
+  } catch (Exception const& e) {
+    if (doesNotExist(e)) return false;
+    throw;
+  }
+}
+
+bool MetadataCache::hasFolder(StorageIRI const& iri) const {
+  {
+    CacheLock lock(*this);
+    triggerInvalidationProcess();
+  }
+  try {
+    return getFolderMetadata(iri) != nullptr;
+  } catch (Exception const& e) {
+    if (doesNotExist(e)) return false;
+    throw;
+  }
+}
+
+std::shared_ptr<FileMetadata> MetadataCache::doGetFileMetadataFromCache(StorageIRI const& iri) const {
+  if (!iri.hasParent()) return nullptr;
+  auto it = folderIndex_.findExact(keyFor(iri.getParent()));
+  if (it == folders_.end()) return nullptr;
+  return it->second->getFileMetadata(iri, true);
+}
+
+std::shared_ptr<FolderMetadata> MetadataCache::doGetFolderMetadataFromCache(StorageIRI const& iri) const {
+  if (!iri.hasParent()) {
+    // The root is listed by no parent; its record is its own entry's.
+    auto it = folderIndex_.findExact(keyFor(iri));
+    return it == folders_.end() ? nullptr : it->second->getMetadata();
+  }
+  auto it = folderIndex_.findExact(keyFor(iri.getParent()));
+  if (it == folders_.end()) return nullptr;
+  return it->second->getFolderMetadata(iri, true);
+}
+
+std::shared_ptr<FileMetadata> MetadataCache::getFileMetadataFromCache(StorageIRI const& iri) const {
+  CacheLock lock(*this);
+  return doGetFileMetadataFromCache(iri);
+}
+
+std::shared_ptr<FolderMetadata> MetadataCache::getFolderMetadataFromCache(StorageIRI const& iri) const {
+  CacheLock lock(*this);
+  return doGetFolderMetadataFromCache(iri);
+}
+
+// ---- queries answered from built entries alone -------------------------------------------
+
+IFolderEntry* MetadataCache::builtEntryAt(std::u16string_view text) const {
+  auto it = caseSensitive_ ? folderIndex_.findExact(text) : folderIndex_.findFolded(text);
+  if (it == folders_.end() || isUnbuiltListing(it->second)) return nullptr;
+  return it->second.get();
+}
+
+template <class Record>
+std::optional<std::shared_ptr<Record>> MetadataCache::findBelowKnownFolders(StorageIRI const& iri,
+                                                                           bool trigger) const {
+  constexpr bool kFile = std::is_same_v<Record, FileMetadata>;
+  if (!isKeyForm(iri)) return std::nullopt;
+  CacheLock lock(*this);
+  // triggerInvalidationProcess() would change the tree first: the slow way does that.
+  if (trigger && !pending_.empty()) return std::nullopt;
+  if (!iri.hasParent()) {
+    if constexpr (kFile) {
+      return std::shared_ptr<FileMetadata>();  // the root is no file
+    } else {
+      IFolderEntry* const root = builtEntryAt(iri.toString());
+      if (root == nullptr) return std::nullopt;
+      return root->getMetadata();
+    }
+  }
+  // Every folder above, nearest first, as far as (not including) the root: each must be
+  // known to the entry of its own parent, which must be cached and built. The folders
+  // of a key are keys whose texts are prefixes of the key's text.
+  std::u16string_view const text = iri.toString();
+  std::size_t const pathStart = text.size() - iri.getPath().size();
+  std::u16string_view folder = parentTextOf(text, pathStart);
+  while (folder.size() > pathStart + 1) {
+    std::u16string_view const above = parentTextOf(folder, pathStart);
+    IFolderEntry* const parent = builtEntryAt(above);
+    if (parent == nullptr) return std::nullopt;
+    if (!parent->getFolderMetadata(folder, caseSensitive_)) return std::shared_ptr<Record>();
+    folder = above;
+  }
+  IFolderEntry* const parent = builtEntryAt(parentTextOf(text, pathStart));
+  if (parent == nullptr) return std::nullopt;
+  if constexpr (kFile) {
+    return parent->getFileMetadata(text, caseSensitive_);
+  } else {
+    return parent->getFolderMetadata(text, caseSensitive_);
+  }
+}
+
+std::optional<std::shared_ptr<FileMetadata>> MetadataCache::findFileBelowKnownFolders(StorageIRI const& iri,
+                                                                                      bool trigger) const {
+  return findBelowKnownFolders<FileMetadata>(iri, trigger);
+}
+
+std::optional<std::shared_ptr<FolderMetadata>> MetadataCache::findFolderBelowKnownFolders(StorageIRI const& iri,
+                                                                                          bool trigger) const {
+  return findBelowKnownFolders<FolderMetadata>(iri, trigger);
+}
+
+std::shared_ptr<IFolderEntry> MetadataCache::getFolderContainer(StorageIRI const& iri) const {
+  std::shared_ptr<IFolderEntry> entry;
+  {
+    CacheLock lock(*this);
+    triggerInvalidationProcess();
+    entry = doGetFolderContainer(iri, true);
+  }
+  // The re-add looks into the folders of the saved records; their listings are waited
+  // for here, without the cache lock.
+  awaitFrozenReAdd();
+  CacheLock lock(*this);
+  addFrozenEntries();
+  return entry;
+}
+
+std::shared_ptr<IFolderEntry> MetadataCache::loadAndGetFolderContainer(StorageIRI const& iri) const {
+  {
+    CacheLock lock(*this);
+    triggerInvalidationProcess();
+  }
+  auto entry = doLoadAndGetFolderContainer(iri);
+  awaitFrozenReAdd();
+  CacheLock lock(*this);
+  addFrozenEntries();
+  return entry;
+}
+
+// ---- adding -----------------------------------------------------------------------------------
+
+void MetadataCache::updateParentLastModified(StorageIRI const& iri, boost::posix_time::ptime time) const {
+  if (!iri.hasParent()) return;
+  auto const parent = iri.getParent();
+  if (!parent.hasParent()) return;  // the root is listed by no entry
+  auto entry = doGetFolderContainer(parent.getParent(), true);
+  if (auto record = entry->getFolderMetadata(parent, true)) record->withLastModified(time);
+}
+
+void MetadataCache::doAddFileMetadata(std::shared_ptr<FileMetadata> const& record, bool updateParent) const {
+  auto const location = record->getLocation();
+  if (!location.hasParent()) return;  // the root is a folder
+  if (updateParent) updateParentLastModified(location, record->getLastModified());
+  auto entry = doGetFolderContainer(location.getParent(), true);
+  entry->addFileMetadata(record, updateParent);
+}
+
+void MetadataCache::doAddFolderMetadata(std::shared_ptr<FolderMetadata> const& record, bool updateParent,
+                                        bool listFromBackend) const {
+  auto const location = record->getLocation();
+  auto it = folderIndex_.findExact(keyFor(location));
+  if (it != folders_.end()) {
+    it->second->withMetadata(record);
+  } else {
+    std::shared_ptr<IFolderEntry> entry;
+    if (listFromBackend) {
+      entry = std::make_shared<FutureFolderEntry>(location, inner_);
+    } else {
+      entry = std::make_shared<IFolderEntry>(location);
+    }
+    entry->withMetadata(record);
+    insertFolderEntry(location, entry);
+  }
+  if (!location.hasParent()) return;
+  if (updateParent) updateParentLastModified(location, record->getLastModified());
+  auto parentEntry = doGetFolderContainer(location.getParent(), true);
+  parentEntry->addFolderMetadata(record, updateParent);
+}
+
+void MetadataCache::addFolderContainer(std::shared_ptr<IFolderEntry> const& entry) const {
+  auto const meta = entry->getMetadata();
+  auto const location = entry->getLocation();
+  auto const time = meta->getLastModified();
+  auto parentEntry = doGetFolderContainer(location.getParent(), true);
+  insertFolderEntry(location, entry);
+  if (auto parentRecord = parentEntry->getMetadata()) parentRecord->withLastModified(time);
+  parentEntry->addFolderMetadata(meta, true);
+  updateParentLastModified(location, time);
+}
+
+// ---- removing ---------------------------------------------------------------------------------
+
+void MetadataCache::doRemoveFile(StorageIRI const& iri) const {
+  auto const key = keyFor(iri);
+  if (!key.hasParent()) return;
+  auto entry = doGetFolderContainer(key.getParent(), false);
+  if (!entry) return;
+  entry->removeFileMetadata(key, caseSensitive_);
+  if (auto parentRecord = entry->getMetadata()) updateParentLastModified(key, parentRecord->getLastModified());
+}
+
+void MetadataCache::doRemoveFolder(StorageIRI const& iri) const {
+  auto const key = keyFor(iri);
+  if (key.hasParent()) {
+    if (auto entry = doGetFolderContainer(key.getParent(), false)) {
+      entry->removeFolderMetadata(key, caseSensitive_);
+      if (auto parentRecord = entry->getMetadata()) updateParentLastModified(key, parentRecord->getLastModified());
+    }
+  }
+  doInvalidateFolder(key);
+}
+
+// ---- mutations ------------------------------------------------------------------------------
+
+namespace {
+
+// The folders an addition at `key` looks into: the parent (whose entry lists the new
+// record) and the grandparent (whose entry holds the parent's record and its time).
+template <class GetEntry>
+void foldersForAdding(StorageIRI const& key, std::vector<std::shared_ptr<IFolderEntry>>& entries, GetEntry get) {
+  if (!key.hasParent()) return;
+  auto const parent = key.getParent();
+  entries.push_back(get(parent, true));
+  if (parent.hasParent()) entries.push_back(get(parent.getParent(), true));
+}
+
+// The folders a removal at `key` looks into: the parent if cached, and then the
+// grandparent.
+template <class GetEntry>
+void foldersForRemoving(StorageIRI const& key, std::vector<std::shared_ptr<IFolderEntry>>& entries, GetEntry get) {
+  if (!key.hasParent()) return;
+  auto const parent = key.getParent();
+  auto entry = get(parent, false);
+  if (!entry) return;
+  entries.push_back(entry);
+  if (parent.hasParent()) entries.push_back(get(parent.getParent(), true));
+}
+
+}  // namespace
+
+void MetadataCache::createFileMetadata(StorageIRI const& iri) const {
+  auto const key = keyFor(iri);
+  auto get = [this](StorageIRI const& folder, bool create) { return doGetFolderContainer(folder, create); };
+  awaitEntries([&](auto& entries) { foldersForAdding(key, entries, get); });
+
+  CacheLock lock(*this);
+  triggerInvalidationProcess();
+  auto record = std::make_shared<FileMetadata>(key, true);
+  record->withLastModified(nowUtc()).withWritable(true).withSize(0);
+  if (key.hasParent()) {
+    auto parentEntry = doGetFolderContainer(key.getParent(), true);
+    if (auto parentRecord = parentEntry->getMetadata()) {
+      record->withExtendedAttributes(parentRecord->getExtendedAttributes());
+    }
+  }
+  doAddFileMetadata(record, true);
+}
+
+void MetadataCache::createFolderMetadata(StorageIRI const& iri) const {
+  auto const key = keyFor(iri);
+  auto get = [this](StorageIRI const& folder, bool create) { return doGetFolderContainer(folder, create); };
+  awaitEntries([&](auto& entries) { foldersForAdding(key, entries, get); });
+
+  CacheLock lock(*this);
+  triggerInvalidationProcess();
+  auto record = std::make_shared<FolderMetadata>(key, true);
+  record->withLastModified(nowUtc()).withWritable(true);
+  if (key.hasParent()) {
+    auto parentEntry = doGetFolderContainer(key.getParent(), true);
+    if (auto parentRecord = parentEntry->getMetadata()) {
+      record->withExtendedAttributes(parentRecord->getExtendedAttributes());
+    }
+  }
+  doAddFolderMetadata(record, true, false);
+}
+
+void MetadataCache::addFileMetadata(std::shared_ptr<FileMetadata> record) const {
+  auto const key = record->getLocation();
+  auto get = [this](StorageIRI const& folder, bool create) { return doGetFolderContainer(folder, create); };
+  awaitEntries([&](auto& entries) { foldersForAdding(key, entries, get); });
+
+  CacheLock lock(*this);
+  triggerInvalidationProcess();
+  doAddFileMetadata(record, true);
+}
+
+void MetadataCache::putFileMetadata(std::shared_ptr<FileMetadata> const& record) const {
+  auto const key = keyFor(record->getLocation());
+  if (!key.hasParent()) return;
+  CacheLock lock(*this);
+  auto parent = folderIndex_.findExact(keyFor(key.getParent()));
+  if (parent == folders_.end() || isUnbuiltListing(parent->second)) {
+    // The folder was dropped or is being listed again: what the store lists must not win
+    // over this record while it is frozen, so it is set aside (over an older one saved for
+    // the same file) and put in once the listing is there.
+    if (record->isFrozen()) {
+      frozen_.insert_or_assign(key, record);
+      frozenReAddPending_ = true;
+    }
+    return;
+  }
+  if (parent->second->getFileMetadata(key, true) == record) return;
+  parent->second->removeFileMetadata(key, true);
+  parent->second->addFileMetadata(record, false);
+}
+
+void MetadataCache::addFolderMetadata(std::shared_ptr<FolderMetadata> record) const {
+  auto const key = record->getLocation();
+  auto get = [this](StorageIRI const& folder, bool create) { return doGetFolderContainer(folder, create); };
+  awaitEntries([&](auto& entries) { foldersForAdding(key, entries, get); });
+
+  CacheLock lock(*this);
+  triggerInvalidationProcess();
+  doAddFolderMetadata(record, true, false);
+}
+
+void MetadataCache::removeFile(StorageIRI const& iri) const {
+  auto const key = keyFor(iri);
+  auto get = [this](StorageIRI const& folder, bool create) { return doGetFolderContainer(folder, create); };
+  awaitEntries([&](auto& entries) { foldersForRemoving(key, entries, get); });
+
+  CacheLock lock(*this);
+  triggerInvalidationProcess();
+  doRemoveFile(iri);
+  removeFrozenMetadata(iri, true);
+}
+
+void MetadataCache::removeFolder(StorageIRI const& iri) const {
+  auto const key = keyFor(iri);
+  auto get = [this](StorageIRI const& folder, bool create) { return doGetFolderContainer(folder, create); };
+  awaitEntries([&](auto& entries) { foldersForRemoving(key, entries, get); });
+
+  CacheLock lock(*this);
+  triggerInvalidationProcess();
+  doRemoveFolder(iri);
+  removeFrozenMetadata(iri, true);
+}
+
+void MetadataCache::doMoveOrCopyFile(StorageIRI const& src, StorageIRI const& dst, bool move) const {
+  auto const s = keyFor(src);
+  auto const d = keyFor(dst);
+  // The source is looked up before anything changes, so that a missing source leaves
+  // the tree as it was.
+  std::shared_ptr<FileMetadata> source;
+  if (s.hasParent()) source = doGetFolderContainer(s.getParent(), true)->getFileMetadata(s, true);
+  if (!source || !d.hasParent()) throw Exception(ErrorCode::DoesNotExist, source ? dst : src);
+
+  doRemoveFile(d);
+  removeFrozenMetadata(d, false);
+  auto record = std::make_shared<FileMetadata>(d, true);
+  record->withSize(source->getFileSize())
+      .withWritable(source->isWritable())
+      .withLastModified(source->getLastModified())
+      .withExtendedAttributes(source->getExtendedAttributes());
+  doAddFileMetadata(record, true);
+  if (move) {
+    doRemoveFile(s);
+    removeFrozenMetadata(s, true);
+  }
+}
+
+void MetadataCache::moveFile(StorageIRI const& src, StorageIRI const& dst) const {
+  auto const s = keyFor(src);
+  auto const d = keyFor(dst);
+  auto get = [this](StorageIRI const& folder, bool create) { return doGetFolderContainer(folder, create); };
+  awaitEntries([&](auto& entries) {
+    foldersForAdding(s, entries, get);
+    foldersForAdding(d, entries, get);
+  });
+
+  CacheLock lock(*this);
+  triggerInvalidationProcess();
+  doMoveOrCopyFile(src, dst, true);
+}
+
+void MetadataCache::copyFile(StorageIRI const& src, StorageIRI const& dst) const {
+  auto const s = keyFor(src);
+  auto const d = keyFor(dst);
+  auto get = [this](StorageIRI const& folder, bool create) { return doGetFolderContainer(folder, create); };
+  awaitEntries([&](auto& entries) {
+    if (s.hasParent()) entries.push_back(get(s.getParent(), true));
+    foldersForAdding(d, entries, get);
+  });
+
+  CacheLock lock(*this);
+  triggerInvalidationProcess();
+  doMoveOrCopyFile(src, dst, false);
+}
+
+void MetadataCache::moveFolder(StorageIRI const& src, StorageIRI const& dst, fsp::ReplacementPolicy policy) const {
+  auto const s = keyFor(src);
+  auto const d = keyFor(dst);
+  // The whole source sub-tree is listed (as the move itself would) and the destination's
+  // cached entries are waited for before the cache lock is taken.
+  awaitSubtree(s, true);
+  awaitSubtree(d, false);
+  auto get = [this](StorageIRI const& folder, bool create) { return doGetFolderContainer(folder, create); };
+  awaitEntries([&](auto& entries) {
+    // A new destination entry is registered with its parent and grandparent; a new
+    // sub-folder entry stamps its grandparent, which is the destination's parent at the
+    // first level.
+    if (folders_.count(d) == 0) {
+      foldersForAdding(d, entries, get);
+    } else if (d.hasParent()) {
+      auto source = doGetFolderContainer(s, false);
+      bool hasSubFolders = false;
+      if (source && !isUnbuiltListing(source)) {
+        for (auto const& [location, child] : source->getAllContent()) hasSubFolders |= child.index() == 1;
+      }
+      if (hasSubFolders) entries.push_back(get(d.getParent(), true));
+    }
+    foldersForRemoving(s, entries, get);
+  });
+
+  CacheLock lock(*this);
+  triggerInvalidationProcess();
+  auto const source = doGetFolderContainer(s, true)->getMetadata();
+  if (!source) throw Exception(ErrorCode::DoesNotExist, src);
+  auto record = std::make_shared<FolderMetadata>(d, true);
+  record->withWritable(source->isWritable())
+      .withLastModified(source->getLastModified())
+      .withExtendedAttributes(source->getExtendedAttributes());
+
+  std::deque<FolderMove> queue;
+  std::vector<StorageIRI> movedSources;
+  moveFolderDetail(s, d, record, policy, queue, movedSources);
+  // Breadth-first: each level queues the sub-folders of the next one.
+  while (!queue.empty()) {
+    FolderMove next = std::move(queue.front());
+    queue.pop_front();
+    moveFolderDetail(next.source, next.destination, next.record, next.policy, queue, movedSources);
+  }
+  // The old folders go only once the whole sub-tree has moved, so that the walk never
+  // meets a folder that it dropped itself; the deepest go first, the source itself last.
+  for (auto it = movedSources.rbegin(); it != movedSources.rend(); ++it) {
+    doRemoveFolder(*it);
+    removeFrozenMetadata(*it, true);
+  }
+}
+
+void MetadataCache::moveFolderDetail(StorageIRI const& src, StorageIRI const& dst,
+                                     std::shared_ptr<FolderMetadata> const& record, fsp::ReplacementPolicy policy,
+                                     std::deque<FolderMove>& queue, std::vector<StorageIRI>& movedSources) const {
+  std::shared_ptr<IFolderEntry> destination;
+  bool made = false;
+  if (auto it = folderIndex_.findExact(dst); it != folders_.end()) {
+    destination = it->second;
+  } else {
+    destination = std::make_shared<IFolderEntry>(dst);
+    made = true;
+  }
+  destination->withMetadata(record);
+
+  auto source = doGetFolderContainer(src, true);
+  bool const keepExisting = static_cast<int>(policy) == 4;
+  for (auto const& [location, child] : source->getAllContent()) {
+    StorageIRI const target(dst, std::visit(GetNameVisitor(), child));
+    if (keepExisting && destination->hasFileMetadata(target)) continue;
+    destination->removeFileMetadata(target, true);
+    removeFrozenMetadata(target, true);
+    auto const oldLocation = std::visit(GetLocationVisitor(), child);
+    std::visit(SetParentVisitor(dst), child);
+    std::visit(FreezeMetadataVisitor(), child);
+    std::visit(AddFileOrFolderVisitor(*destination), child);
+    if (child.index() == 1) queue.push_back(FolderMove{oldLocation, target, std::get<1>(child), policy});
+  }
+  if (made) addFolderContainer(destination);
+  movedSources.push_back(src);
+}
+
+// ---- invalidation ---------------------------------------------------------------------------
+
+void MetadataCache::doInvalidateFolder(StorageIRI const& iri) const {
+  if (iri.getPath() == u"/") {
+    getLogger().log(Severity::Info, "Invalidating root.");
+    clearFolders();
+    return;
+  }
+  auto it = folderIndex_.findExact(iri);
+  // A folder that was never loaded has nothing stale of its own; its cached
+  // descendants stay.
+  if (it == folders_.end()) return;
+  eraseFolder(it);
+  for (auto descendant = folders_.begin(); descendant != folders_.end();) {
+    if (iri.isAncestorOf(descendant->first)) {
+      descendant = eraseFolder(descendant);
+    } else {
+      ++descendant;
+    }
+  }
+}
+
+void MetadataCache::doInvalidateAll() const {
+  clearFolders();
+  frozen_.clear();
+}
+
+void MetadataCache::invalidateFolder(StorageIRI const& iri) const {
+  auto const key = keyFor(iri);
+  CacheLock lock(*this);
+  doInvalidateFolder(key.hasParent() ? key.getParent() : key);
+}
+
+void MetadataCache::invalidateAll() {
+  CacheLock lock(*this);
+  doInvalidateAll();
+}
+
+void MetadataCache::enqueueInvalidationProcess(StorageIRI const& iri) {
+  auto key = keyFor(iri);
+  CacheLock lock(*this);
+  pending_.insert(std::move(key));
+  frozenReAddPending_ = true;
+}
+
+void MetadataCache::triggerInvalidationProcess() const {
+  while (!pending_.empty()) {
+    StorageIRI const next = *pending_.begin();
+    pending_.erase(pending_.begin());
+    doSnapshotFrozenMetadata();
+    if (next.hasParent()) {
+      // One parent per operation: the rest wait for the next operations.
+      doInvalidateFolder(next.getParent());
+      return;
+    }
+    doInvalidateFolder(next);
+  }
+}
+
+void MetadataCache::doSnapshotFrozenMetadata() const {
+  bool const logging = getLogger().isEnabled(Severity::Debug);
+  for (auto const& [key, entry] : folders_) {
+    if (isUnbuiltListing(entry)) {
+      // Still listing: its children are the inner store's (never frozen, since nothing
+      // is added to an entry before its listing is done), and its own record may only
+      // have been given to it; neither is waited for here.
+      auto const metadata = entry->peekMetadata();
+      if (metadata && metadata->isFrozen()) frozen_.emplace(key, metadata);
+      continue;
+    }
+    try {
+      auto const metadata = entry->getMetadata();
+      if (metadata && metadata->isFrozen()) frozen_.emplace(key, metadata);
+      for (auto const& [location, child] : entry->getAllContent()) {
+        if (child.index() != 0) continue;
+        auto const& file = std::get<0>(child);
+        if (file->isFrozen()) {
+          if (logging) getLogger().log(Severity::Debug, location.toUtf8() + " is frozen.");
+          frozen_.emplace(location, child);
+        } else if (logging) {
+          getLogger().log(Severity::Debug, location.toUtf8() + " is not frozen.");
+        }
+      }
+    } catch (...) {
+      // An entry whose listing failed holds nothing of the overlay's own.
+      getLogger().log(Severity::Diagnostic, "Exception caught: " + describeCurrentException());
+    }
+  }
+}
+
+void MetadataCache::snapshotFrozenMetadata() {
+  CacheLock lock(*this);
+  doSnapshotFrozenMetadata();
+}
+
+void MetadataCache::snapshotFrozenMetadataAndInvalidate(StorageIRI const& iri) {
+  auto const key = keyFor(iri);
+  CacheLock lock(*this);
+  doSnapshotFrozenMetadata();
+  doInvalidateFolder(key.hasParent() ? key.getParent() : key);
+}
+
+void MetadataCache::addFrozenEntries() const {
+  if (!frozenReAddPending_) return;
+  frozenReAddPending_ = false;
+  for (auto const& [key, saved] : frozen_) {
+    bool present = false;
+    try {
+      if (saved.index() == 1) {
+        present = doGetFolderMetadataFromCache(key) != nullptr;
+      } else if (auto const listed = doGetFileMetadataFromCache(key)) {
+        present = true;
+        auto const& file = std::get<0>(saved);
+        if (listed != file && file->isFrozen() && keyFor(file->getLocation()) == key) {
+          // The store listed the file, but a change of the overlay's own (a write still
+          // on its way) is newer than what the store has: the local record stays, so
+          // that the file's content entry, which shares it, is not taken for stale.
+          auto parent = folderIndex_.findExact(keyFor(key.getParent()));
+          if (parent != folders_.end()) {
+            parent->second->removeFileMetadata(key, true);
+            parent->second->addFileMetadata(file, false);
+          }
+        }
+      }
+    } catch (...) {
+      getLogger().log(Severity::Diagnostic, "Exception caught: " + describeCurrentException());
+      present = false;
+    }
+    if (present) continue;
+    if (saved.index() == 1) {
+      auto const& folder = std::get<1>(saved);
+      if (folder->isFrozen()) doAddFolderMetadata(folder, true, false);
+    } else {
+      auto const& file = std::get<0>(saved);
+      // A record moved since it was saved (a folder move re-parents the records it
+      // carries) is no longer this key's.
+      if (file->isFrozen() && keyFor(file->getLocation()) == key) doAddFileMetadata(file, true);
+    }
+  }
+  frozen_.clear();
+}
+
+void MetadataCache::removeFrozenMetadata(StorageIRI const& iri, bool recursive) const {
+  auto const key = keyFor(iri);
+  frozen_.erase(key);
+  if (!recursive) return;
+  // Records saved below a folder go with it, whether or not the folder's own was saved.
+  for (auto saved = frozen_.begin(); saved != frozen_.end();) {
+    if (key.isAncestorOf(saved->first)) {
+      saved = frozen_.erase(saved);
+    } else {
+      ++saved;
+    }
+  }
+}
+
+void MetadataCache::thawFile(StorageIRI const& iri) {
+  auto const key = keyFor(iri);
+  CacheLock lock(*this);
+  if (key.hasParent() && folders_.count(key.getParent()) != 0) {
+    // The lookup may list the parent; it runs without the cache lock.
+    lock.unlock();
+    if (auto record = getFileMetadata(iri)) record->thaw();
+    lock.lock();
+  }
+  removeFrozenMetadata(iri, true);
+}
+
+void MetadataCache::thawWritten(std::shared_ptr<FileMetadata> const& record) const {
+  auto const key = keyFor(record->getLocation());
+  for (;;) {
+    std::shared_ptr<IFolderEntry> parent;
+    awaitEntries([&](auto& entries) {
+      if (!key.hasParent()) return;
+      auto it = folderIndex_.findExact(key.getParent());
+      if (it != folders_.end()) entries.push_back(parent = it->second);
+    });
+    awaitFrozenReAdd();
+    CacheLock lock(*this);
+    if (key.hasParent()) {
+      // A listing begun while this one waited: it may also predate the store's copy.
+      auto it = folderIndex_.findExact(key.getParent());
+      if (it != folders_.end() && it->second != parent && isUnbuiltListing(it->second)) continue;
+    }
+    addFrozenEntries();
+    record->thaw();
+    return;
+  }
+}
+
+void MetadataCache::thawFolderImpl(StorageIRI const& iri, bool recursive) const {
+  auto it = folderIndex_.findExact(iri);
+  if (it == folders_.end()) return;
+  auto const entry = it->second;
+  entry->thaw();
+  if (!recursive) return;
+  for (auto const& [location, child] : entry->getAllContent()) {
+    if (child.index() == 0) {
+      std::get<0>(child)->thaw();
+    } else {
+      thawFolderImpl(location, true);
+    }
+  }
+}
+
+void MetadataCache::thawFolder(StorageIRI const& iri, bool recursive) {
+  auto const key = keyFor(iri);
+  if (recursive) {
+    awaitSubtree(key, false);
+  } else {
+    awaitEntries([&](auto& entries) {
+      if (auto it = folderIndex_.findExact(key); it != folders_.end()) entries.push_back(it->second);
+    });
+  }
+  CacheLock lock(*this);
+  thawFolderImpl(key, recursive);
+  removeFrozenMetadata(iri, false);
+}
+
+// ---- population ---------------------------------------------------------------------------
+
+void MetadataCache::populateWholeFolderTreeWhenPossible(bool wait) {
+  if (!inner_->hasFeature(static_cast<fsp::ExtendedFeature>(1))) return;
+  if (!wait) loadAndGetFolderContainer(inner_->getLocation());
+  std::lock_guard lock(populationMutex_);
+  population_ = std::make_unique<std::future<void>>(std::async([this, wait] { populate(wait); }));
+  if (wait) population_->get();
+}
+
+void MetadataCache::populate(bool wait) {
+  try {
+    // Keys are inner-most IRIs, so the listed names are joined to the inner-most form
+    // of the inner root.
+    auto const base = keyFor(inner_->getLocation());
+    auto listing = inner_->listAllRecursive(u"*");
+    while (listing->notAtEnd()) {
+      listing->advance();
+      fsp::FolderEntry const entry = listing->current();
+      try {
+        addListedEntry(entry, base);
+      } catch (...) {
+        getLogger().log(Severity::Error, kRecursiveListingFailure);
+      }
+    }
+  } catch (...) {
+    getLogger().log(Severity::Error, "Recursive folder listing failure");
+    if (listingFailureObserver_) {
+      // The folder the store named, when its error names one; the root otherwise.
+      StorageIRI folder = inner_->getLocation();
+      try {
+        throw;
+      } catch (fsp::Exception const& e) {
+        folder = e.getIRI();
+      } catch (...) {
+      }
+      try {
+        listingFailureObserver_(folder, std::current_exception());
+      } catch (...) {
+        // The report is best effort; the log has the failure.
+      }
+    }
+    {
+      CacheLock lock(*this);
+      doInvalidateAll();
+    }
+    if (wait) throw;
+  }
+}
+
+void MetadataCache::addListedEntry(fsp::FolderEntry const& entry, StorageIRI const& base) {
+  StorageIRI const location(base, entry.getName());
+  auto const record = FutureFolderEntry::recordFor(entry, location, inner_);
+  // The entry that receives the record is waited for without the cache lock.
+  awaitEntries([&](auto& entries) {
+    if (location.hasParent()) entries.push_back(doGetFolderContainer(location.getParent(), false));
+  });
+  if (record.index() == 0) {
+    CacheLock lock(*this);
+    doAddFileMetadata(std::get<0>(record), false);
+    return;
+  }
+  auto const& folder = std::get<1>(record);
+  bool const initiallyInvalid = folder->getExtendedAttributes().hasAttribute(kInitiallyInvalid);
+  CacheLock lock(*this);
+  doAddFolderMetadata(folder, false, initiallyInvalid);
+}
+
+void MetadataCache::waitForFuturePopulationToFinish() {
+  if (populationWaited_.load(std::memory_order_acquire)) return;
+  std::lock_guard lock(populationMutex_);
+  if (populationWaited_.load(std::memory_order_relaxed)) return;
+  if (population_ && population_->valid()) population_->get();  // a failure leaves the next call to wait again
+  populationWaited_.store(true, std::memory_order_release);
+}
+
+void MetadataCache::doWaitForFuturePopulationToFinish() {
+  std::lock_guard lock(populationMutex_);
+  if (population_ && population_->valid()) population_->get();
+}
+
+// ---- space --------------------------------------------------------------------------------
+
+std::uint64_t MetadataCache::getSpaceOccupiedByFile(StorageIRI const& iri) const {
+  {
+    CacheLock lock(*this);
+    triggerInvalidationProcess();
+  }
+  auto record = getFileMetadata(iri);
+  return record ? record->getFileSize() : 0;
+}
+
+std::uint64_t MetadataCache::getSpaceOccupiedByFolder(StorageIRI const& iri) const {
+  awaitSubtree(keyFor(iri), false);
+  CacheLock lock(*this);
+  return doGetSpaceOccupiedByFolder(iri);
+}
+
+std::uint64_t MetadataCache::doGetSpaceOccupiedByFolder(StorageIRI const& iri) const {
+  auto entry = doGetFolderContainer(iri, false);
+  if (!entry) return 0;
+  IFolderEntry::const_iterator it;
+  IFolderEntry::const_iterator end;
+  try {
+    // Entries change only under the cache lock, which the caller holds: the children are
+    // read in place rather than copied.
+    it = entry->begin();
+    end = entry->end();
+  } catch (Exception const& e) {
+    if (doesNotExist(e)) return 0;  // vanished on the inner side: nothing cached there
+    throw;
+  }
+  std::uint64_t total = 0;
+  for (; it != end; ++it) {
+    if (it->second.index() == 0) {
+      total += std::get<0>(it->second)->getFileSize();
+    } else {
+      total += doGetSpaceOccupiedByFolder(it->first);
+    }
+  }
+  return total;
+}
+
+// ---- inspection ---------------------------------------------------------------------------
+
+std::vector<fsp::StorageIRI> MetadataCache::cachedFolders() const {
+  CacheLock lock(*this);
+  std::vector<StorageIRI> keys;
+  for (auto const& [key, entry] : folders_) keys.push_back(key);
+  return keys;
+}
+
+std::vector<fsp::StorageIRI> MetadataCache::frozenSnapshot() const {
+  CacheLock lock(*this);
+  std::vector<StorageIRI> keys;
+  for (auto const& [key, record] : frozen_) keys.push_back(key);
+  return keys;
+}
+
+std::vector<fsp::StorageIRI> MetadataCache::pendingInvalidations() const {
+  CacheLock lock(*this);
+  return {pending_.begin(), pending_.end()};
+}
+
+}  // namespace storage::overlayprovider

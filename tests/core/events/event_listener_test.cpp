@@ -1,0 +1,251 @@
+// The event listener: which invalidations each event queues, collecting while paused,
+// replay order, debouncing of folder changes, the immediate root refresh, and stopping.
+#include <core/content/ContentCache.hpp>
+#include <core/events/EventListener.hpp>
+#include <core/metadata/MetadataCache.hpp>
+
+#include <foundation/log/MemorySink.hpp>
+#include <foundation/storage/provider/StorageItem.hpp>
+#include <providers/mem/MemoryProvider.hpp>
+#include <providers/mem/SideDoor.hpp>
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+
+#include <deque>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace fsp = foundation::storage::provider;
+using fsp::StorageIRI;
+using fsp::StorageItem;
+using Kind = foundation::storage::events::Kind;
+using EntryType = foundation::storage::events::EntryType;
+using providers::mem::MemoryProvider;
+using providers::mem::Operation;
+using storage::overlayprovider::ContentCache;
+using storage::overlayprovider::EventListener;
+using storage::overlayprovider::IExecutor;
+using storage::overlayprovider::IQuotaAccountant;
+using storage::overlayprovider::MetadataCache;
+using storage::overlayprovider::ObservableTransactionType;
+
+namespace {
+
+// Keeps the queued tasks until the test runs them, so the test decides what has run.
+class HeldQueue final : public IExecutor {
+ public:
+  void execute(Task task, ObservableTransactionType type, double weight) override {
+    std::lock_guard lock(mutex_);
+    types_.push_back(type);
+    weights_.push_back(weight);
+    tasks_.push_back(std::move(task));
+  }
+  void shutdown(bool) override {}
+  void join() override {}
+  bool isShutdown() const override { return false; }
+  std::chrono::steady_clock::time_point getLastActivityTime() const override { return {}; }
+  bool isQueueEmpty() const override {
+    std::lock_guard lock(mutex_);
+    return tasks_.empty();
+  }
+  void waitForPendingToFinish() override { runAll(); }
+  void setMaxQueueWeight(double) override {}
+  void logQueueStatistics() override {}
+
+  void runAll() {
+    for (;;) {
+      Task task;
+      {
+        std::lock_guard lock(mutex_);
+        if (tasks_.empty()) return;
+        task = std::move(tasks_.front());
+        tasks_.pop_front();
+      }
+      task();
+    }
+  }
+  std::size_t queued() const {
+    std::lock_guard lock(mutex_);
+    return tasks_.size();
+  }
+  std::vector<ObservableTransactionType> types() const {
+    std::lock_guard lock(mutex_);
+    return types_;
+  }
+  std::vector<double> weights() const {
+    std::lock_guard lock(mutex_);
+    return weights_;
+  }
+
+ private:
+  mutable std::mutex mutex_;  // guards everything below
+  std::deque<Task> tasks_;
+  std::vector<ObservableTransactionType> types_;
+  std::vector<double> weights_;
+};
+
+// Records what the listener gives back, as "file <iri>" or "tree <iri>".
+class RecordingQuota final : public IQuotaAccountant {
+ public:
+  std::optional<std::uint64_t> getSpaceAvailable() const override { return std::nullopt; }
+  std::optional<std::uint64_t> getTotalCapacity() const override { return std::nullopt; }
+  void shutdown() override {}
+  void removeFile(StorageIRI const& iri) override { record("file " + iri.toUtf8()); }
+  void removeFolderTree(StorageIRI const& iri) override { record("tree " + iri.toUtf8()); }
+  void addFolderTree(StorageIRI const&) override {}
+  void addBytesWritten(std::size_t) override {}
+
+  std::vector<std::string> calls() const {
+    std::lock_guard lock(mutex_);
+    return calls_;
+  }
+
+ private:
+  void record(std::string call) {
+    std::lock_guard lock(mutex_);
+    calls_.push_back(std::move(call));
+  }
+  mutable std::mutex mutex_;  // guards calls_
+  std::vector<std::string> calls_;
+};
+
+class EventListenerTest : public ::testing::Test {
+ protected:
+  StorageIRI iri(std::u16string const& path) const { return store->root().withPath(path); }
+  std::string text(std::u16string const& path) const { return iri(path).toUtf8(); }
+
+  std::unique_ptr<EventListener> makeListener() {
+    return std::make_unique<EventListener>(*inner, metadata, content, queue, quota);
+  }
+
+  // The content cache makes its root on first use; nothing else removes it.
+  ~EventListenerTest() override {
+    std::error_code ignored;
+    std::filesystem::remove_all(content.getCacheRoot(), ignored);
+  }
+
+  std::shared_ptr<MemoryProvider> store = std::make_shared<MemoryProvider>();
+  std::shared_ptr<StorageItem> inner = std::make_shared<StorageItem>(store, store->root());
+  MetadataCache metadata{inner, true};
+  ContentCache content;
+  std::shared_ptr<HeldQueue> queue = std::make_shared<HeldQueue>();
+  std::shared_ptr<RecordingQuota> quota = std::make_shared<RecordingQuota>();
+};
+
+TEST_F(EventListenerTest, EachEventQueuesItsInvalidation) {
+  auto listener = makeListener();
+  listener->handle(Kind::Added, iri(u"/"), iri(u"/d/new.txt"), EntryType::File, {});
+  listener->handle(Kind::Modified, iri(u"/"), iri(u"/d/changed.txt"), EntryType::File, {});
+  listener->handle(Kind::Removed, iri(u"/"), iri(u"/d/gone.txt"), EntryType::File, {});
+  listener->handle(Kind::Refresh, iri(u"/"), iri(u"/d/x.txt"), EntryType::File, {});
+  listener->handle(Kind::Added, iri(u"/"), iri(u"/e/sub"), EntryType::Folder, {});
+  listener->handle(Kind::Removed, iri(u"/"), iri(u"/f"), EntryType::Folder, {});
+  EXPECT_EQ(queue->queued(), 5u) << "a file refresh queues nothing";
+  for (auto type : queue->types()) EXPECT_EQ(type, ObservableTransactionType::EXTERNAL_EVENT);
+  for (double weight : queue->weights()) EXPECT_EQ(weight, 0.0);
+  EXPECT_TRUE(quota->calls().empty()) << "nothing runs on the event thread";
+
+  queue->runAll();
+  EXPECT_EQ(quota->calls(), (std::vector<std::string>{"tree " + text(u"/d"), "tree " + text(u"/d"),
+                                                      "file " + text(u"/d/gone.txt"), "tree " + text(u"/e"),
+                                                      "tree " + text(u"/f")}));
+  // The removal of /d/gone.txt already worked off /d; the last two are still queued.
+  EXPECT_EQ(metadata.pendingInvalidations(),
+            (std::vector<StorageIRI>{MetadataCache::keyFor(iri(u"/e")), MetadataCache::keyFor(iri(u"/f"))}));
+}
+
+TEST_F(EventListenerTest, PausedEventsAreReplayedOncePerIRIInIRIOrder) {
+  auto listener = makeListener();
+  listener->pause();
+  listener->pause();  // not counted
+  listener->handle(Kind::Removed, iri(u"/"), iri(u"/z.txt"), EntryType::File, {});
+  listener->handle(Kind::Removed, iri(u"/"), iri(u"/a.txt"), EntryType::File, {});
+  listener->handle(Kind::Added, iri(u"/"), iri(u"/z.txt"), EntryType::File, {});  // dropped: /z.txt has one
+  listener->handle(Kind::Removed, iri(u"/"), iri(u"/m.txt"), EntryType::File, {});
+  EXPECT_EQ(queue->queued(), 0u);
+
+  listener->unpause();
+  queue->runAll();
+  EXPECT_EQ(quota->calls(), (std::vector<std::string>{"file " + text(u"/a.txt"), "file " + text(u"/m.txt"),
+                                                      "file " + text(u"/z.txt")}));
+  // Nothing is collected any more.
+  listener->handle(Kind::Removed, iri(u"/"), iri(u"/b.txt"), EntryType::File, {});
+  EXPECT_EQ(queue->queued(), 1u);
+}
+
+TEST_F(EventListenerTest, OnlyTheLatestFolderChangeIsInvalidated) {
+  auto listener = makeListener();
+  foundation::log::MemorySink sink;
+  listener->handle(Kind::Modified, iri(u"/"), iri(u"/a"), EntryType::Folder, {});
+  listener->handle(Kind::Modified, iri(u"/"), iri(u"/b"), EntryType::Folder, {});
+  queue->runAll();
+  EXPECT_EQ(quota->calls(), std::vector<std::string>{"tree " + text(u"/b")});
+  EXPECT_TRUE(sink.contains("Triggering invalidation " + text(u"/b")));
+  EXPECT_FALSE(sink.contains("Triggering invalidation " + text(u"/a")));
+
+  // A refresh of another folder supersedes a queued change without queueing anything.
+  listener->handle(Kind::Modified, iri(u"/"), iri(u"/c"), EntryType::Folder, {});
+  listener->handle(Kind::Refresh, iri(u"/"), iri(u"/d"), EntryType::Folder, {});
+  EXPECT_EQ(queue->queued(), 1u);
+  queue->runAll();
+  EXPECT_EQ(quota->calls().size(), 1u);
+}
+
+TEST_F(EventListenerTest, ARefreshOfTheRootEmptiesBothCachesAtOnce) {
+  store->elsewhere().createFolder(u"/d");
+  store->elsewhere().writeFile(u"/d/a.txt", "abc");
+  ASSERT_TRUE(metadata.hasFile(iri(u"/d/a.txt")));
+  ASSERT_FALSE(metadata.cachedFolders().empty());
+  auto listener = makeListener();
+  listener->handle(Kind::Modified, iri(u"/"), iri(u"/d"), EntryType::Folder, {});
+  listener->handle(Kind::Refresh, iri(u"/"), iri(u"/"), EntryType::Folder, {});
+  EXPECT_TRUE(metadata.cachedFolders().empty()) << "before any queued task ran";
+  // The queued change of /d was not superseded by the root refresh.
+  queue->runAll();
+  EXPECT_EQ(quota->calls(), std::vector<std::string>{"tree " + text(u"/d")});
+}
+
+TEST_F(EventListenerTest, AfterStopHandlingNothingIsDoneOrReplayed) {
+  auto listener = makeListener();
+  listener->pause();
+  listener->handle(Kind::Removed, iri(u"/"), iri(u"/a.txt"), EntryType::File, {});
+  listener->stopHandling();
+  listener->handle(Kind::Removed, iri(u"/"), iri(u"/b.txt"), EntryType::File, {});
+  listener->unpause();
+  listener->handle(Kind::Removed, iri(u"/"), iri(u"/c.txt"), EntryType::File, {});
+  EXPECT_EQ(queue->queued(), 0u);
+}
+
+TEST_F(EventListenerTest, ChangesMadeElsewhereArriveThroughTheSubscription) {
+  auto listener = makeListener();
+  store->elsewhere().createFolder(u"/d");
+  store->elsewhere().writeFile(u"/d/a.txt", "abc");
+  store->waitForEventsDelivered();
+  queue->runAll();
+  auto const calls = quota->calls();
+  EXPECT_NE(std::find(calls.begin(), calls.end(), "tree " + text(u"/d")), calls.end());
+
+  // Once the listener is gone, the store's copy of the callback drops events.
+  listener.reset();
+  auto const before = queue->types().size();
+  store->elsewhere().writeFile(u"/d/b.txt", "b");
+  store->waitForEventsDelivered();
+  EXPECT_EQ(queue->types().size(), before);
+}
+
+TEST_F(EventListenerTest, AFailedSubscriptionIsLoggedAndSurvived) {
+  foundation::log::MemorySink sink;
+  store->failNext(Operation::PublishEvents, 1, fsp::ErrorCode::TransientFailure);
+  auto listener = makeListener();
+  EXPECT_TRUE(sink.contains("Error subscribing to inner provider."));
+  store->elsewhere().writeFile(u"/a.txt", "a");
+  store->waitForEventsDelivered();
+  EXPECT_EQ(queue->queued(), 0u);
+  listener->handle(Kind::Removed, iri(u"/"), iri(u"/a.txt"), EntryType::File, {});
+  EXPECT_EQ(queue->queued(), 1u);
+}
+
+}  // namespace
