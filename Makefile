@@ -1,24 +1,35 @@
 # The two set-up commands:
-#   make demo   installs what is missing, builds, and runs the main job
-#   make test   installs what is missing, builds, and runs every test: the normal build,
-#               an AddressSanitizer+UndefinedBehaviorSanitizer build, and a
-#               ThreadSanitizer build of the tests labelled "concurrency"
-# Other targets: build, bench, clean.
+#   make demo   installs what is missing to build, builds only the ovl program and the
+#               overlay module, and runs the main job
+#   make test   installs what is missing to test, builds everything, and runs every test:
+#               the normal build, an AddressSanitizer+UndefinedBehaviorSanitizer build,
+#               and a ThreadSanitizer build of the tests labelled "concurrency"
+# Other targets: build (everything, with tests and benchmarks), bench, clean.
 JOBS ?= $(shell nproc)
 CMAKE_FLAGS ?=
 
-.PHONY: setup build demo test test-release test-asan test-tsan bench clean
+.PHONY: setup setup-test build demo test test-release test-asan test-tsan bench clean
 
 setup:
 	@scripts/setup.sh
 
-build/release/CMakeCache.txt: | setup
-	@cmake -S . -B build/release -DCMAKE_BUILD_TYPE=RelWithDebInfo $(CMAKE_FLAGS) >/dev/null
+setup-test:
+	@scripts/setup.sh --test
 
-build: setup build/release/CMakeCache.txt
+# The demo's first run configures build/release without tests and benchmarks (their
+# packages need not be there yet); build turns them on in the same folder, so the
+# objects the demo built are reused.
+build/release/CMakeCache.txt: | setup
+	@cmake -S . -B build/release -DCMAKE_BUILD_TYPE=RelWithDebInfo -DOVL_BUILD_TESTS=OFF -DOVL_BUILD_BENCH=OFF \
+	  $(CMAKE_FLAGS) >/dev/null
+
+build: setup-test
+	@cmake -S . -B build/release -DCMAKE_BUILD_TYPE=RelWithDebInfo -DOVL_BUILD_TESTS=ON -DOVL_BUILD_BENCH=ON \
+	  $(CMAKE_FLAGS) >/dev/null
 	@cmake --build build/release -j $(JOBS)
 
-demo: build
+demo: setup build/release/CMakeCache.txt
+	@cmake --build build/release -j $(JOBS) --target ovl
 	@build/release/tools/ovl demo
 
 test: test-release test-asan test-tsan
@@ -27,13 +38,13 @@ test: test-release test-asan test-tsan
 test-release: build
 	@cd build/release && ctest --output-on-failure -j $(JOBS)
 
-test-asan: setup
+test-asan: setup-test
 	@cmake -S . -B build/asan -DCMAKE_BUILD_TYPE=Debug -DOVL_SANITIZE=address -DOVL_BUILD_BENCH=OFF $(CMAKE_FLAGS) >/dev/null
 	@cmake --build build/asan -j $(JOBS)
 	@cd build/asan && ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
 	  ctest --output-on-failure -j $(JOBS)
 
-test-tsan: setup
+test-tsan: setup-test
 	@cmake -S . -B build/tsan -DCMAKE_BUILD_TYPE=Debug -DOVL_SANITIZE=thread -DOVL_TEST_LABEL=concurrency \
 	  -DOVL_BUILD_BENCH=OFF -DOVL_BUILD_TOOLS=OFF $(CMAKE_FLAGS) >/dev/null
 	@cmake --build build/tsan -j $(JOBS)

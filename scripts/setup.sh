@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Installs every Debian package the project needs to build, test and benchmark.
+# Installs the Debian packages the project needs: to build the program and the overlay
+# (no argument), or also to test and benchmark it (--test).
 # Idempotent and quiet: packages already present are skipped, and the package
 # index is refreshed only when something is actually missing.
 set -euo pipefail
@@ -9,8 +10,10 @@ PACKAGES=(
   libboost-dev libboost-log-dev libboost-thread-dev libboost-filesystem-dev
   libboost-iostreams-dev libboost-date-time-dev
   libcrypto++-dev libicu-dev
-  libgtest-dev libgmock-dev libbenchmark-dev
 )
+if [ "${1:-}" = "--test" ]; then
+  PACKAGES+=(libgtest-dev libgmock-dev libbenchmark-dev)
+fi
 
 missing=()
 for p in "${PACKAGES[@]}"; do

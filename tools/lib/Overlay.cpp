@@ -57,7 +57,7 @@ StorageItem OverlayHost::over(StorageItem const& inner, StorageIRI const& innerR
   auto const& path = inner.getLocation().getPath();
   auto const& rootPath = innerRoot.getPath();
   auto relative = rootPath == u"/" ? path : path.substr(std::min(path.size(), rootPath.size()));
-  if (relative.empty()) relative = u"/";
+  if (relative.empty()) relative.push_back(u'/');
   return StorageItem(found->second.getProvider(), found->second.getLocation().withPath(relative));
 }
 
