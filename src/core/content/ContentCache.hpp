@@ -28,7 +28,7 @@
 // it. So when this cache makes an entry for a file whose cache file one of its earlier
 // entries used, it deletes the name first and starts the new entry with nothing cached
 // (the earlier entry keeps reading through its open handle).
-
+//
 // Failures. Setting up the data directory or the arbitrator fails with
 // CachingErrorException("Problem initializing cache root.") and is tried again at the next
 // operation. Every failure to make an entry, lack of space included, is logged with its
@@ -41,7 +41,9 @@
 // same free bytes. Calls into entries are made with `mutex_` held; entries take their
 // own locks inside, so the order is always this cache first, an entry second (an entry
 // never calls back into the cache). moveFolder consults the metadata cache with
-// `mutex_` held: this cache's lock comes before the metadata cache's.
+// `mutex_` held: this cache's lock comes before the metadata cache's. Dropping or moving
+// an entry waits, with `mutex_` held, for the entry's queued open (no queued transaction
+// takes `mutex_`). The overlay's whole hierarchy: doc/design.md, "Locks".
 #pragma once
 
 #include <core/content/CachingErrorException.hpp>

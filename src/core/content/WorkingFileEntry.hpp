@@ -26,78 +26,22 @@
 // stream (three attempts, as for a payload) and return; the first operation that needs
 // the inner stream waits for it.
 //
-// Departures from the plain order of the close path, for speed; none is visible to a
-// caller:
-// - The cache file is flushed in two halves. Its times are stamped (utime) on the
-//   caller's thread at every close, exactly when the whole flush ran before, so every
-//   later look at the cache file's time (a truncating re-open, the staleness check of a
-//   later entry) sees what it saw before. Its content is made durable in the FILE_CLOSE
-//   transaction instead, before that transaction closes the inner stream: the cache
-//   file is durable before the inner store's copy is final, as before, but the caller
-//   does not wait for the disk. Closes of other streams while one is still open stamp
-//   the times and leave the sync to the last close. A read-only entry closed with
-//   nothing pending has no transaction: it syncs on a thread of its own, which the entry
-//   waits for before it is destroyed (a 64 MiB file read through: 34 ms the caller no
-//   longer waits at close).
-// - The sync is fdatasync, not fsync: it makes the bytes and what reading them back
-//   needs (size, blocks) durable, which is all an fsync made durable that survived the
-//   time stamp written right after it; and it is skipped when nothing was stored in the
-//   cache file since the last sync.
-// - While a flush of the provider waits for the queue to drain, a FILE_CLOSE
-//   transaction hands its reading of the file's extended attributes back into the record
-//   to the flush (FlushAttributeReads) instead of making it. Once the queue has drained,
-//   the flush either drops every record of the metadata cache and every entry of the
-//   content cache, and the reads are never made: nobody could see what they would have
-//   read, and the files' attributes are listed afresh from the inner store; or it keeps
-//   the caches (a stream is open for writing) and makes the reads before it returns.
-//   Until then a record shows the attributes it had, as it would if the read had not come
-//   yet. The last-modified time is still set on the inner file in the transaction. A read
-//   made by a flush that keeps the caches comes after the queue's later work, so a file
-//   moved or removed meanwhile makes it fail and log its failure, which the read made in
-//   place would not have. Why: each such read is a call of
-//   the inner store (20 ms over the benchmark's throttle) that a flush after many small
-//   files paid once per file. Measured with overlay_bench (BM_CreateSmallFilesOverlay,
-//   flush_s, 100 files; the store used directly takes 2.0 s to create them): 5.4 to 6.1 s
-//   before, 3.8 to 4.4 s after. The inner calls left per file are the open and the time
-//   stamp, one after the other in the one queue.
-// Why: the fsync (3.7 ms per small file on this machine; fdatasync 1.5 ms) was most of a
-// small file's close, and in the queue the cheaper sync costs the worker less. Measured
-// with overlay_bench (files of 4 KiB created and closed through the overlay over a 20 ms
-// throttle; the caller's loop, which includes the overlay's start-up of about 0.1 s at
-// the first open), one after the other on the same machine: 1000 files 2.10 s before,
-// 0.75 s after (the store used directly: 20.1 s); 100 files 0.21 to 0.35 s before, 0.13
-// to 0.22 s after.
-//
-// And of the read path:
-// - A reader that has fetched kReadAheadAfter bytes of the file in order, through a
-//   read-only entry with nothing pending (the read-ahead case), has the next payload
-//   fetched from the inner store on a thread of its own while it stores the current one
-//   in the cache; it takes that payload when it asks for it, exactly as if it had
-//   fetched it then (the cache's bytes still win over fetched ones, and a failure of the
-//   fetch is logged and handled when the payload is taken, as a failing read is). A
-//   payload fetched for another position, size or opening is dropped. The inner store
-//   sees the same reads in the same order; only a reader that stops before the end
-//   leaves at most one payload read for nothing, and its close waits for that read. Why:
-//   storing a 4 MiB payload in the cache takes 3 to 20 ms here, which a reader paid after
-//   every fetch; now it overlaps the next fetch. Measured with overlay_bench
-//   (BM_FirstReadLargeFile: 64 MiB read through in 1 MiB reads, open to close, over the
-//   20 ms / 50 MB/s throttle; the store's own read: 1373 ms), one after the other on
-//   the same machine: 1476 to 1629 ms before (7 to 19 % over the store), 1444 to 1476 ms
-//   after (5 to 7 % over); with the read-only close's sync off the caller's thread too
-//   (above), 1424 to 1517 ms, mostly about 1430 (4 % over).
+// Closing stamps the cache file's times on the caller's thread and leaves making its
+// content durable (fdatasync, skipped when nothing was stored since the last one) to the
+// FILE_CLOSE transaction, before it closes the inner stream; a read-only close with
+// nothing pending syncs on a thread of the entry's own. A reader going through the file
+// in order has its next payload fetched ahead (kReadAheadAfter). Why, and what each
+// saves: doc/performance.md.
 //
 // Ownership: an entry must be owned by a std::shared_ptr (std::make_shared) before it is
 // opened or written: queued transactions keep it alive through shared_from_this().
 //
 // Locks and their order (never take one to the left while holding one to the right):
-//   ContentCache's mutex -> mutex_ -> providerStreamMutex_ -> pendingMutex_,
-//   abortMutex_, prefetchMutex_ and syncMutex_ are leaves. A fetch ahead is waited for with no
-//   entry mutex held.
-// mutex_ is never held across a call into the inner store or a wait on the executor,
-// except that a SynchronousExecutor runs a queued transaction inline on the caller's
-// thread; transaction bodies therefore never take mutex_. No one waits for the open
-// transaction while holding providerStreamMutex_, so an open queued behind other
-// transactions of the entry cannot deadlock against them.
+//   ContentCache's mutex -> mutex_ -> providerStreamMutex_; pendingMutex_,
+//   abortMutex_, prefetchMutex_ and syncMutex_ are leaves. A fetch ahead is waited for
+//   with no entry mutex held. Transaction bodies never take mutex_ (a SynchronousExecutor
+//   runs them inline under it), and no one waits for the open transaction while holding
+//   providerStreamMutex_. The overlay's whole hierarchy: doc/design.md, "Locks".
 #pragma once
 
 #include <core/content/CacheResource.hpp>
@@ -160,7 +104,7 @@ struct EntryTiming {
 };
 
 // The reads of files' extended attributes that close transactions leave out while the
-// provider flushes (see "Departures" below). A flush calls beginWaiting() before it waits
+// provider flushes (doc/design.md, "The flush"). A flush calls beginWaiting() before it waits
 // for its queue and endWaiting() once the queue has drained; a close transaction running
 // in between hands its read to defer() instead of making it. The flush then either drops
 // every record of both caches (the reads are forgotten: nothing could show what they
@@ -371,8 +315,8 @@ class WorkingFileEntry : public std::enable_shared_from_this<WorkingFileEntry> {
   std::streamsize readFromProviderAndWriteToCache(std::streampos position, char* buffer, std::streamsize count);
 
   // A reader that has fetched this many bytes of the file in order from the inner store
-  // (two payloads of the default size) has the next payload fetched ahead (see
-  // "Departures" above).
+  // (two payloads of the default size) has the next payload fetched ahead on a thread of
+  // its own, taken when the reader asks for that payload (doc/performance.md).
   static constexpr std::int64_t kReadAheadAfter = 8 << 20;
 
   // Makes sure the first `initialCachePosition` bytes of the file are cached, fetching
@@ -410,7 +354,7 @@ class WorkingFileEntry : public std::enable_shared_from_this<WorkingFileEntry> {
   // (make the cache file durable, close the inner stream, stamp its last-modified time,
   // refresh the extended attributes and watermark, thaw the metadata), and the entry
   // becomes not opened. The sync of the cache file is skipped when nothing was stored
-  // in it since the last one (see "Departures" above).
+  // in it since the last one.
   void flushContentCache();
 
   // Adds one to the count of this entry's pending transactions (under pendingMutex_).
@@ -418,7 +362,7 @@ class WorkingFileEntry : public std::enable_shared_from_this<WorkingFileEntry> {
 
   // The provider's FlushAttributeReads: while a flush waits for the queue, a FILE_CLOSE
   // transaction hands its read of the file's extended attributes there instead of making
-  // it (see "Departures" above). Without it (the default) the read is always made. Call
+  // it. Without it (the default) the read is always made. Call
   // before the entry is shared; copies made by copy() take it over.
   void setFlushAttributeReads(std::shared_ptr<FlushAttributeReads> reads);
 

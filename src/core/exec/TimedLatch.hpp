@@ -5,9 +5,8 @@
 // and (re)arms the timer; the second callback (EventListener::unpause) runs on the timer
 // thread once the time-out has passed with no further trigger, so the listener resumes
 // only a full time-out after the last trigger. One timer thread serves every trigger: it
-// starts at the first and waits for the next arming after each resumption (a mutation
-// or a write triggers the latch, and a thread started and joined per trigger cost more
-// than the rest of a cached write). A trigger that meets a resumption under way waits
+// starts at the first and waits for the next arming after each resumption
+// (doc/performance.md says why). A trigger that meets a resumption under way waits
 // for it to end, so a pause never precedes the resumption it should have cancelled.
 // close() (at provider shutdown) switches the latch off for good: the timer thread is
 // stopped and joined, the second callback is not called, and later triggers do nothing.
@@ -65,11 +64,10 @@ class TimedLatch {
 
   // Starts no thread. `waiter` must not be null. `holdWhile`, when given, is asked each
   // time a time-out has passed without a trigger: while it answers true, the second
-  // callback is held back for a further time-out. The provider passes "the overlay's own
-  // changes are still on their way to the store", so that their echoes reach a paused
-  // listener however long the queue takes (a queue of many changes to a slow store takes
-  // far longer than the time-out after the caller's last change). It runs on the timer
-  // thread with the inner mutex held and must be quick and must not throw.
+  // callback is held back for a further time-out (the provider passes "the overlay's own
+  // changes are still on their way to the store"; doc/design.md, "Change events"). It
+  // runs on the timer thread with the inner mutex held and must be quick and must not
+  // throw.
   TimedLatch(std::function<void()> firstCallback, std::function<void()> secondCallback,
              std::chrono::milliseconds timeout = kDefaultTimeout,
              std::shared_ptr<Waiter> waiter = std::make_shared<ConditionWaiter>(),

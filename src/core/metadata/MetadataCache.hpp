@@ -15,13 +15,10 @@
 //
 // Freezing. Records made by local changes are frozen. Before a queued invalidation drops
 // folders, the frozen records are saved in the frozen snapshot and put back into the
-// freshly listed tree at the next folder access, so that the overlay's own changes that
-// the inner store has not received yet survive changes reported from elsewhere. The
-// provider thaws records once the inner store has accepted the change; a thawed record is
-// ordinary cache content. A saved file record that is still frozen also replaces the
-// record the new listing made for the same file (the store lists the file, but not yet
-// the overlay's write to it): a file being written keeps its local record, which its
-// content entry shares, rather than having the entry dropped as older than the store.
+// freshly listed tree at the next folder access; a saved file record still frozen also
+// replaces the record the new listing made for the same file. The provider thaws records
+// once the inner store has accepted the change; a thawed record is ordinary cache
+// content. Why: doc/design.md, "Freezing and thawing of records".
 //
 // Pace of invalidation. `enqueueInvalidationProcess` (cheap, for event threads) only
 // records the IRI. Almost every public operation starts by working off pending
@@ -37,18 +34,12 @@
 // dropped with its cached sub-tree before the exception goes on to the caller. Every other
 // exception from the inner store or a listing passes to the caller unchanged.
 //
-// Thread-safety and locks. One mutex (`guard_`) guards the tree, the snapshot and the
-// pending set. Lock order: the cache lock, then a folder entry's lock, then a record's
-// lock; never the reverse. The cache lock is not held while waiting for a listing:
-// lookups release it around the wait; mutations, the putting back of saved records,
-// thawing and space queries first wait, without it, for the listings of the folders
-// they are about to look into (creating the entries the work itself would create), so
-// that their work under the lock finds those entries complete; saving frozen records
-// skips entries still listing (they hold nothing of the overlay's own). Only if an entry
-// is dropped or created anew between that wait and the work does the work wait for a
-// listing under the lock. Entries that leave the tree are destroyed after the lock is
-// released, as destroying a listing entry waits for its listing. Records carry their
-// own locks and may be used by callers without the cache lock.
+// Thread-safety and locks. One mutex (`guard_`, the cache lock) guards the tree, the
+// snapshot and the pending set. Lock order: the cache lock, then a folder entry's lock,
+// then a record's lock; never the reverse. The cache lock is not held while waiting for
+// a listing, except when an entry is dropped or made anew between the wait and the work
+// (doc/design.md, "Locks"). Entries that leave the tree are destroyed after the lock is
+// released. Records carry their own locks and may be used without the cache lock.
 #pragma once
 
 #include <core/metadata/FileOrFolderMetadata.hpp>
@@ -230,10 +221,8 @@ class MetadataCache {
   // is none.
   std::uint64_t getSpaceOccupiedByFile(StorageIRI const& iri) const;
   // The sum of the sizes of the cached files in the folder's cached sub-tree; 0 for a
-  // folder that is not cached. Loads nothing. Does not trigger. Since entries change only
-  // under the cache lock, it reads their children in place under it, copying nothing (a
-  // folder of 10,000 files: 0.4 ms instead of 8 to 13 ms; the event listener asks this
-  // for the parent of every file changed).
+  // folder that is not cached. Loads nothing. Does not trigger. Reads the entries'
+  // children in place under the cache lock, copying nothing.
   std::uint64_t getSpaceOccupiedByFolder(StorageIRI const& iri) const;
 
   // ---- keys ---------------------------------------------------------------------------------

@@ -2,21 +2,10 @@
 //
 // An overlay IRI wraps the IRI of a location in an inner store
 // ("overlay:<mem://s1/>/docs/a.txt"). Every operation maps its IRI to the inner-most
-// IRI, which keys both caches.
-//
-// What is served from where:
-//   queries and listings   the metadata cache (folders load on demand from the inner
-//                          store); a file's attributes through its content-cache entry,
-//                          so a file being written reports its local size and time
-//   mutations              applied to the caches at once, then queued on the executor as
-//                          one backend transaction each (up to three attempts), in order
-//   streams                WorkingFileByteStreams over the content cache's entries: reads
-//                          from local disk once fetched, writes behind; after a caching
-//                          failure the provider flushes and opens the inner store's own
-//                          streams from then on
-//   storage information    the quota accountant's figures
-//   events                 subscriptions pass through to the inner store; the event
-//                          listener turns changes made elsewhere into invalidations
+// IRI, which keys both caches. Queries and listings are answered from the metadata
+// cache, streams from the content cache's working entries; a mutation changes both
+// caches at once and is then queued on the executor as one backend transaction (up to
+// three attempts), in order. doc/design.md says what is served from where.
 //
 // Lifecycle. Construction makes the two caches and starts no thread. The first
 // operation of any kind runs the lazy initialization once (retried by the next
@@ -29,51 +18,16 @@
 // are removed at destruction unless the configuration asks to persist them.
 //
 // Errors name the overlay IRI the caller used (or its parent where the parent is at
-// fault).
+// fault). A change that fails in the queue after it was acknowledged is reported
+// through IWriteBehindStatus, never thrown.
 //
-// Writes in progress are never lost to a cache being emptied or listed again: a stream
-// opened for writing freezes its file's record until its close has reached the store (a
-// folder listed again meanwhile keeps that record, see MetadataCache), and
-// `doFlushFilesystem` drains the queue but keeps both caches while any stream is open for
-// writing (emptying them would orphan that stream's entry and bring back the store's
-// older record of the file).
-//
-// Departures from the plain order of steps, for speed. None changes an answer, an error
-// or what reaches the inner store; where a log line can differ, it is said.
-// - A file's attributes (doGetFileAttributes, doGetExtendedAttributes, and the record
-//   that doSetLastModified and doSetWritable change) come from the file's content entry
-//   when it has one, else from the metadata record, which is what a new entry would
-//   carry. A query makes no content entry: so it no longer asks the cache space
-//   arbitrator for room, evicts other entries for it or logs such evictions or a lack of
-//   space, nor checks the content cache's data directory or logs its failure (the next
-//   open does all of that). An entry whose content is older than the record is still
-//   dropped with its cache file, and one aborted by a write problem is still replaced. A
-//   cache file left by an earlier run is checked for staleness when the file is first
-//   opened rather than when it is first queried. Measured with overlay_bench
-//   (BM_CachedQueries: doFileExists plus doGetFileAttributes on 10,000 cached files):
-//   21 to 28 us per pair before, 4.8 us after.
-//
-// - "Every folder above is known" (the walk that makes an item below a folder the
-//   overlay removed or moved away count as gone) and the record lookup after it are
-//   first asked of the metadata cache in one step that answers from complete cached
-//   listings only (MetadataCache::findFileBelowKnownFolders); the walk, folder by folder,
-//   runs only when a folder would have to be listed or waited for, or invalidations are
-//   pending. Same answers, same listings of the inner store. Measured as above (medians
-//   of three runs, one after the other): 6.7 us per pair before, 5.1 us after.
-//
-// - The inner-most IRI of a caller's IRI (getInnerMostURL) reuses the part that depends
-//   only on the wrapped inner root, computed once at construction (innerMostOf); the
-//   result is the same IRI. Measured as above: 7.0 us per pair before, 5.8 us after.
-//
-// - While doFlushFilesystemImpl waits for the queue, the close transactions it waits for
-//   leave their reads of the files' extended attributes back into records to it
-//   (flushReads_; see WorkingFileEntry): when it drops the caches, the reads are never
-//   made; when it keeps them (a stream is open for writing), it makes them before it
-//   returns. Measured as said there: a flush after 100 small files 5.4 to 6.1 s before,
-//   3.8 to 4.4 s after.
+// A stream opened for writing keeps its file's record frozen until its close has
+// reached the store, and a flush keeps both caches while such a stream is open
+// (doc/design.md: "Freezing and thawing of records", "The flush").
 //
 // Thread-safety: every operation may be called from any thread. Operations on the same
-// IRI, or below a path being changed, are serialised by the path locks.
+// IRI, or below a path being changed, are serialised by the path locks. Lock order:
+// doc/design.md, "Locks".
 #pragma once
 
 #include <core/content/ContentCache.hpp>
@@ -163,14 +117,17 @@ class OverlayProvider : public fsp::IConfigurableProvider,
   fsp::ProviderStorageInfo doGetProviderStorageInfo(StorageIRI const& iri) const override;
 
   // Passes the whole tree to the inner store, then reads the "overlay.*" keys in a fixed
-  // order. Unparsable values are logged and end the reading; a negative
-  // "overlay.maxQueueWeight" throws std::logic_error after the inner store was
-  // configured.
+  // order. Values that parse but cannot work (a payload size <= 0; a weight that is not
+  // finite, or a negative minimum weight) throw std::invalid_argument before any key is
+  // applied. Unparsable values are logged and end the reading; a negative
+  // "overlay.maxQueueWeight" throws std::logic_error after the keys were read.
   void doConfigure(boost::property_tree::ptree config) override;
 
   // Returns when every change queued so far has reached the inner store (after a
-  // pending whole-tree population of the metadata cache), then empties the metadata
-  // cache: the next access reloads from the inner store.
+  // pending whole-tree population of the metadata cache). Then empties both caches (the
+  // cache files too, unless they persist), so that the next access reloads from the
+  // inner store; keeps both when a stream is open for writing or a change of the
+  // overlay's own is still on its way (doc/design.md, "The flush").
   void doFlushFilesystem() override;
   void doFlushFilesystemImpl() const;
   // Invalidates the whole overlay (the metadata cache), whatever `iri` names, and the

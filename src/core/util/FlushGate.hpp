@@ -9,14 +9,10 @@ namespace storage::overlayprovider {
 // FlushGate: keeps a flush from falling between a change to the caches and the queueing
 // of its transaction.
 //
-// A flush drains the queue and then empties both caches, so that the next access reads
-// the inner store afresh. An operation that changed the caches after the drain but
-// queued its transaction only after the caches were emptied (or that queued it after the
-// drain) would vanish from what callers see until its transaction reached the
-// store: a removed file would be listed again, a created one would be missing. Every
-// operation that changes the caches or queues work therefore passes through the gate for
-// its whole length, and a flush closes the gate: operations that arrive meanwhile wait,
-// the flush waits for those inside to leave, drains, empties, and opens the gate again.
+// Every operation that changes the caches or queues work passes through the gate for its
+// whole length, and a flush closes the gate: operations that arrive meanwhile wait, the
+// flush waits for those inside to leave, drains, empties, and opens the gate again. Why:
+// doc/design.md, "The flush".
 //
 // An operation that runs another one of the same provider on its own thread (a copy
 // opens streams) enters again without waiting, so a closing flush cannot deadlock it.

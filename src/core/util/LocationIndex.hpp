@@ -15,11 +15,10 @@
 // ever searched one way never pays for the other table.
 //
 // Layout. Both tables are open-addressing arrays (linear probing) of small slots that
-// carry the hash and a pointer to the key's own text, so that a lookup in a large, cold
-// tree touches one slot, the key's text and then the element: a few cache misses, where
-// a tree walk or a node-based hash map takes several per level. The lower-case table
-// keeps, per hash, the first key in key order in its slot and any further keys with the
-// same hash (rare: different spellings of one name, or a collision) in a side list.
+// carry the hash and a pointer to the key's own text (doc/performance.md says why). The
+// lower-case table keeps, per hash, the first key in key order in its slot and any
+// further keys with the same hash (rare: different spellings of one name, or a
+// collision) in a side list.
 //
 // Thread-safety: none of its own. The owner's lock guards the index together with the
 // map, and every call below, `find...` included, changes the index.

@@ -5,17 +5,11 @@
 // does not wait for operations inside it that already run). "Ancestor" means an IRI of
 // the chain StorageIRI::getParent() walks up from X, compared by text. A pair (source
 // and destination of a move) is taken in one step, so two moves in opposite directions
-// cannot deadlock. Thread-safe.
+// cannot deadlock. Thread-safe. An operation takes its guard after its flush-gate
+// passage and before any cache lock (doc/design.md, "Locks").
 //
-// Cost. Every query of the provider takes and releases a lock, so the common cases are
-// kept cheap: with nothing else held the test is a size check, and with a few paths
-// held each is compared with X's text in place (an ancestor's text is X's text cut at a
-// "/" of its path), without building X's parents. Only with many paths held, or for an
-// IRI whose path has empty segments (where getParent() would skip them), are the
-// parents built and looked up one by one. Both ways give the same answer. A guard keeps
-// the positions of what it holds, so releasing searches nothing. Measured with
-// overlay_bench (BM_CachedQueries: doFileExists plus doGetFileAttributes, each taking a
-// lock, on 10,000 cached files; medians): 5.8 us per pair before, 4.3 us after.
+// The common cases (nothing or a few paths held) compare texts in place without building
+// parents; doc/performance.md says why.
 #pragma once
 
 #include <foundation/storage/provider/StorageIRI.hpp>
