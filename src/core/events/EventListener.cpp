@@ -17,7 +17,7 @@ using foundation::log::Severity;
 namespace fsp = foundation::storage::provider;
 namespace events = foundation::storage::events;
 
-constexpr char const* kSourceFile = "src/core/EventListener.cpp";
+constexpr char const* kSourceFile = "src/core/events/EventListener.cpp";
 
 #define LISTENER_TRACE() \
   foundation::log::ScopedTrace listenerTrace_(getLogger(), __PRETTY_FUNCTION__, kSourceFile, __LINE__)

@@ -32,7 +32,7 @@ using foundation::log::Severity;
 using fsp::ErrorCode;
 using fsp::Exception;
 
-constexpr char const* kSourceFile = "src/core/OverlayProvider.cpp";
+constexpr char const* kSourceFile = "src/core/provider/OverlayProvider.cpp";
 constexpr std::chrono::milliseconds kQuotaPollPeriod{30000};
 
 std::string iriDetail(fsp::StorageIRI const& iri) {

@@ -15,7 +15,7 @@ namespace {
 using foundation::log::Severity;
 namespace fsp = foundation::storage::provider;
 
-constexpr char const* kSourceFile = "src/core/QuotaAccountant.cpp";
+constexpr char const* kSourceFile = "src/core/quota/QuotaAccountant.cpp";
 
 #define QUOTA_TRACE() foundation::log::ScopedTrace quotaTrace_(getLogger(), __PRETTY_FUNCTION__, kSourceFile, __LINE__)
 
