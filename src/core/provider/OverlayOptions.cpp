@@ -15,7 +15,9 @@ namespace storage::overlayprovider {
 
 namespace {
 
-// The values a key can work with.
+// The values a key can work with. A payload size of 0 or less makes every read return
+// nothing and every write store nothing; a weight that is not a finite number >= 0
+// breaks the queue's bound.
 enum class Range {
   Any,          // every text that converts
   Weight,       // a finite number >= 0
