@@ -4,7 +4,6 @@
 
 #include <benchmark/benchmark.h>
 
-#include <cstdlib>
 #include <thread>
 #include <vector>
 
@@ -16,13 +15,7 @@ using storage::overlayprovider::ObservableTransactionType;
 constexpr long kTasks = 1'000'000;
 
 void executeAndRun(benchmark::State& state, int producers, bool captureMetrics, double maxWeight) {
-  if (captureMetrics) {
-    ::unsetenv("QV_OVERLAY_DISABLE_QUEUE_METRICS_CAPTURE");
-  } else {
-    ::setenv("QV_OVERLAY_DISABLE_QUEUE_METRICS_CAPTURE", "true", 1);
-  }
-  BackendExecutor executor([] {}, maxWeight);
-  ::unsetenv("QV_OVERLAY_DISABLE_QUEUE_METRICS_CAPTURE");
+  BackendExecutor executor([] {}, maxWeight, &storage::overlayprovider::steadyNow, captureMetrics);
 
   for (auto _ : state) {
     std::vector<std::thread> threads;

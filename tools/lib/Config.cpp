@@ -48,6 +48,8 @@ void flatten(pt::ptree const& tree, std::string const& prefix, std::vector<std::
 
 std::vector<std::string> const& overlayKeys() { return storage::overlayprovider::overlayOptionKeys(); }
 
+std::vector<std::string> const& overlayVariables() { return storage::overlayprovider::overlayEnvironmentVariables(); }
+
 pt::ptree loadConfig(std::optional<std::string> const& file, std::vector<std::string> const& settings) {
   pt::ptree config;
   if (file) {

@@ -5,6 +5,7 @@
 #include <ovl/ItemIO.hpp>
 #include <ovl/Overlay.hpp>
 
+#include <core/provider/OverlayOptions.hpp>
 #include <providers/throttle/ThrottleProvider.hpp>
 
 #include <foundation/crypto/CryptoEngine.hpp>
@@ -345,8 +346,8 @@ void printQueueFigures(std::ostream& out, std::optional<fsp::extensions::QueueFi
 
 // The time-out after which the overlay lets the store's events through again, in seconds.
 double latchSeconds() {
-  char const* text = std::getenv("QV_OVERLAY_EVENT_ROBUSTNESS_TIMEOUT");
-  return (text ? static_cast<double>(std::atol(text)) : 3000.0) / 1000.0;
+  auto const timeout = storage::overlayprovider::OverlayOptions::fromEnvironment().eventRobustnessTimeout;
+  return static_cast<double>(timeout.count()) / 1000.0;
 }
 
 void printTable(std::ostream& out, Run const& direct, Run const& overlay, DemoOptions const& options) {

@@ -35,6 +35,27 @@ namespace ovl {
 
 namespace {
 
+// `text` broken at spaces into lines of at most 89 characters, each ended by a newline.
+std::string wrapped(std::string const& text) {
+  std::string out, line;
+  std::istringstream words(text);
+  for (std::string word; words >> word;) {
+    if (!line.empty() && line.size() + 1 + word.size() > 89) {
+      out += line + '\n';
+      line.clear();
+    }
+    line += (line.empty() ? "" : " ") + word;
+  }
+  return out + line + '\n';
+}
+
+// "a, b, c"
+std::string listed(std::vector<std::string> const& names) {
+  std::string out;
+  for (auto const& name : names) out += (out.empty() ? "" : ", ") + name;
+  return out;
+}
+
 constexpr char const* kGlobalUsage =
     "usage: ovl [--overlay] [--overlay-root IRI] [--config FILE] [--set KEY=VALUE] [--bundle FILE] [--log FILE] [--log-level N]\n"
     "           [--throttle-ms N] [--throttle-mbps N] COMMAND [ARGS...]";
@@ -92,12 +113,10 @@ void generalHelp(std::ostream& out) {
       << "show this help (a command's own: ovl help COMMAND, or ovl COMMAND --help)\n\n"
       << "The throttle flags wrap every store in a throttle (latency alone with --throttle-ms,\n"
          "bandwidth alone with --throttle-mbps); --overlay lays the overlay over that.\n\n"
-         "Configuration keys (--config, --set): overlay.cacheRoot, overlay.maxQueueWeight,\n"
-         "overlay.minQueueItemWeight, overlay.persistContentCache, overlay.maxReadPayloadSize,\n"
-         "overlay.maxWritePayloadSize, overlay.synchronous, overlay.disableContentCache,\n"
-         "overlay.backslashToForwardSlash. Environment: OVL_BUNDLE, OVERLAY_LOG, OVERLAY_LOG_LEVEL,\n"
-         "QV_OVERLAY_EVENT_ROBUSTNESS_TIMEOUT, QV_OVERLAY_WAIT_FOR_ZERO_PERIOD,\n"
-         "QV_OVERLAY_DISABLE_QUEUE_METRICS_CAPTURE (see the README).\n\n"
+      << wrapped("Configuration keys (--config, --set): " + listed(overlayKeys()) +
+                 ". Environment: OVL_BUNDLE, OVERLAY_LOG, OVERLAY_LOG_LEVEL, " + listed(overlayVariables()) +
+                 " (see the README).")
+      << "\n"
          "Exit status: 0 on success; 1 when the command failed (one line on standard error:\n"
          "\"ovl COMMAND: IRI: cause\"), also when the overlay could not make a change in the\n"
          "store; 2 on bad usage and bad configuration; 128 + the signal when Ctrl-C (130) or\n"

@@ -1,13 +1,17 @@
 #include <ovl/ExecutorProbe.hpp>
 
 #include <core/exec/BackendExecutor.hpp>
+#include <core/provider/OverlayOptions.hpp>
 
 #include <chrono>
 
 namespace ovl {
 
 __attribute__((visibility("default"))) double executorTasksPerSecond(long tasks) {
-  storage::overlayprovider::BackendExecutor executor([] {}, 0);
+  using storage::overlayprovider::OverlayOptions;
+  // With statistics or without, as the overlay's own queue would be.
+  storage::overlayprovider::BackendExecutor executor([] {}, 0, &storage::overlayprovider::steadyNow,
+                                                     OverlayOptions::fromEnvironment().captureQueueMetrics);
   auto const start = std::chrono::steady_clock::now();
   for (long i = 0; i < tasks; ++i) {
     executor.execute([] {}, storage::overlayprovider::ObservableTransactionType::FILE_WRITE, 1);

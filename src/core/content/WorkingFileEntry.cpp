@@ -7,7 +7,6 @@
 #include <foundation/storage/provider/Exception.hpp>
 
 #include <algorithm>
-#include <cstdlib>
 #include <cstring>
 #include <future>
 #include <stdexcept>
@@ -86,12 +85,6 @@ void EntryTiming::realSleep(std::chrono::milliseconds duration) { std::this_thre
 
 void EntryTiming::realWaitUntil(std::unique_lock<std::mutex>& lock, std::condition_variable& cv, TimePoint deadline) {
   cv.wait_until(lock, deadline);
-}
-
-std::chrono::milliseconds WorkingFileEntry::waitForZeroPeriod() {
-  char const* text = std::getenv("QV_OVERLAY_WAIT_FOR_ZERO_PERIOD");
-  if (text == nullptr) return kDefaultWaitForZeroPeriod;
-  return std::chrono::milliseconds(std::atol(text));
 }
 
 WorkingFileEntry::WorkingFileEntry(fl::filesystem::path cacheDirectory, std::shared_ptr<FileMetadata> metadata,
@@ -662,7 +655,7 @@ bool WorkingFileEntry::atEOF(unsigned long long position) const {
 }
 
 void WorkingFileEntry::waitForPendingToDrain() {
-  auto const period = waitForZeroPeriod();
+  auto const period = params_.getWaitForZeroPeriod();
   if (period.count() <= 0) return;
   auto const deadline = timing_.now() + period;
   std::unique_lock lock(pendingMutex_);

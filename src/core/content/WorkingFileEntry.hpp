@@ -144,15 +144,6 @@ class WorkingFileEntry : public std::enable_shared_from_this<WorkingFileEntry> {
   // Retries of a failed inner read on a partly cached range, and the pause between them.
   static constexpr int kMaxReadRetries = 10;
   static constexpr std::chrono::milliseconds kReadRetryPause{2000};
-  // The longest wait of a read for pending write-behind when
-  // QV_OVERLAY_WAIT_FOR_ZERO_PERIOD is unset.
-  static constexpr std::chrono::milliseconds kDefaultWaitForZeroPeriod{2000};
-
-  // The wait-for-zero period: QV_OVERLAY_WAIT_FOR_ZERO_PERIOD in milliseconds, converted
-  // with atol (so "abc" gives 0 and 0 means "do not wait"), or kDefaultWaitForZeroPeriod
-  // when unset. Read afresh on every call.
-  static std::chrono::milliseconds waitForZeroPeriod();
-
   // An entry for `metadata`'s file (its location becomes the entry's location) whose
   // cache resource lives in `cacheDirectory` (the data directory): a
   // FilesystemCacheResource when `params` use disk caching, else a NOOPCacheResource.

@@ -44,4 +44,9 @@ WorkingFileEntryParams& WorkingFileEntryParams::withSynchronous(bool synchronous
   return *this;
 }
 
+WorkingFileEntryParams& WorkingFileEntryParams::withWaitForZeroPeriod(std::chrono::milliseconds period) {
+  waitForZeroPeriod_ = period;
+  return *this;
+}
+
 }  // namespace storage::overlayprovider

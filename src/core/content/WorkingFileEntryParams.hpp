@@ -2,11 +2,13 @@
 //
 // The provider builds one set from its configuration (maximum read and write payload
 // sizes, minimum queue item weight, persistence, disabling of the content cache,
-// synchronous mode) and the content cache copies it into each entry it makes.
+// synchronous mode, and the wait-for-zero period from the environment) and the content
+// cache copies it into each entry it makes.
 //
 // A plain value type: copyable, no lock; used only under its entry's mutex.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 
 namespace storage::overlayprovider {
@@ -27,8 +29,11 @@ enum class Persist : std::int32_t {
 
 class WorkingFileEntryParams {
  public:
+  // How long a read waits for pending write-behind of its file when nothing else is said.
+  static constexpr std::chrono::milliseconds kDefaultWaitForZeroPeriod{2000};
+
   // The given payload sizes; disk caching enabled, not persistent, minimum item weight
-  // 0.0, not synchronous.
+  // 0.0, not synchronous, the default wait-for-zero period.
   WorkingFileEntryParams(unsigned long long maxReadPayloadSize, unsigned long long maxWritePayloadSize);
 
   // Fluent setters; each returns this object so that calls chain.
@@ -42,6 +47,7 @@ class WorkingFileEntryParams {
   WorkingFileEntryParams& withPersist(bool persist);
   WorkingFileEntryParams& withMinItemWeight(double weight);
   WorkingFileEntryParams& withSynchronous(bool synchronous);
+  WorkingFileEntryParams& withWaitForZeroPeriod(std::chrono::milliseconds period);
 
   // Largest number of bytes fetched from the inner store in one read transaction.
   unsigned long long getMaxReadPayloadSize() const { return maxReadPayloadSize_; }
@@ -55,6 +61,9 @@ class WorkingFileEntryParams {
   double getMinItemWeight() const { return minItemWeight_; }
   // True if backend transactions run inline instead of being queued.
   bool isSynchronous() const { return synchronous_; }
+  // The longest wait of a read that needs the store for the file's pending writes to
+  // reach it; 0 or less: no wait.
+  std::chrono::milliseconds getWaitForZeroPeriod() const { return waitForZeroPeriod_; }
 
  private:
   unsigned long long maxReadPayloadSize_;
@@ -63,6 +72,7 @@ class WorkingFileEntryParams {
   Persist persist_ = Persist::No;
   double minItemWeight_ = 0.0;
   bool synchronous_ = false;
+  std::chrono::milliseconds waitForZeroPeriod_ = kDefaultWaitForZeroPeriod;
 };
 
 }  // namespace storage::overlayprovider

@@ -25,8 +25,7 @@
 // terminates the process (std::thread semantics), so owners call shutdown() then join().
 //
 // Time (queue statistics, last activity time) is read through the injected
-// SteadyClockSource. The statistics switch is read from the environment once, in the
-// constructor (TaskQueue::metricsCaptureFromEnvironment).
+// SteadyClockSource. Whether the queue keeps statistics is fixed at construction.
 //
 // Thread safety: all public members may be called from any thread, with the exceptions
 // noted on join(), waitForPendingToFinish() and execute() from within a task. Queue state
@@ -54,10 +53,11 @@ class BackendExecutor final : public IExecutor {
   // Starts the worker thread at once and logs "BackendExecutor initialized with a max
   // queue weight of <weight>" (informational). `idleCallback` runs on a producer's thread
   // when a task arrives while the worker is idle (see execute); `maxQueueWeight` <= 0
-  // switches weight limiting off. Throws std::system_error ("thread constructor failed")
-  // if the thread cannot be started.
+  // switches weight limiting off; `captureMetrics` false keeps no queue statistics (the
+  // provider passes the environment's choice). Throws std::system_error ("thread
+  // constructor failed") if the thread cannot be started.
   BackendExecutor(std::function<void()> idleCallback, double maxQueueWeight,
-                  SteadyClockSource clock = &steadyNow);
+                  SteadyClockSource clock = &steadyNow, bool captureMetrics = true);
   ~BackendExecutor() override = default;
   BackendExecutor(BackendExecutor const&) = delete;
   BackendExecutor& operator=(BackendExecutor const&) = delete;
@@ -141,10 +141,10 @@ class BackendExecutor final : public IExecutor {
 };
 
 inline BackendExecutor::BackendExecutor(std::function<void()> idleCallback, double maxQueueWeight,
-                                        SteadyClockSource clock)
+                                        SteadyClockSource clock, bool captureMetrics)
     : clock_(std::move(clock)),
       idleCallback_(std::move(idleCallback)),
-      queue_(maxQueueWeight, TaskQueue::metricsCaptureFromEnvironment(), clock_),
+      queue_(maxQueueWeight, captureMetrics, clock_),
       lastActivityTime_(clock_()) {
   try {
     worker_ = std::thread([this] { run(); });

@@ -28,11 +28,6 @@ TaskQueue::TaskQueue(double maxWeight, bool captureMetrics, SteadyClockSource cl
   lastReport_ = busyStart_;
 }
 
-bool TaskQueue::metricsCaptureFromEnvironment() {
-  char const* value = std::getenv("QV_OVERLAY_DISABLE_QUEUE_METRICS_CAPTURE");
-  return !(value != nullptr && std::strcmp(value, "true") == 0);
-}
-
 void TaskQueue::push(QueueRecord record) { pushImpl(std::move(record), true); }
 
 void TaskQueue::pushIgnoringWeightBound(QueueRecord record) { pushImpl(std::move(record), false); }

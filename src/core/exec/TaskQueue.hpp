@@ -81,10 +81,6 @@ class TaskQueue {
   TaskQueue(TaskQueue const&) = delete;
   TaskQueue& operator=(TaskQueue const&) = delete;
 
-  // The metrics switch: capture is off only when QV_OVERLAY_DISABLE_QUEUE_METRICS_CAPTURE
-  // is set to exactly "true" (case-sensitive); unset or any other value leaves it on.
-  static bool metricsCaptureFromEnvironment();
-
   // Appends `record` at the back, first waiting on the weight bound as described above
   // (unless the consumer has gone, see closeConsumer). Starts a busy period if the queue
   // was empty, counts the record, and wakes the consumer.

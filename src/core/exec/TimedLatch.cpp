@@ -3,7 +3,6 @@
 #include <core/util/Logger.hpp>
 
 #include <cstdint>
-#include <cstdlib>
 #include <exception>
 #include <string>
 
@@ -13,12 +12,6 @@ void TimedLatch::ConditionWaiter::waitFor(std::unique_lock<std::mutex>& lock, st
                                           std::chrono::milliseconds timeout,
                                           std::function<bool()> const& cancelled) {
   cv.wait_for(lock, timeout, cancelled);
-}
-
-std::chrono::milliseconds TimedLatch::timeoutFromEnvironment() {
-  char const* value = std::getenv("QV_OVERLAY_EVENT_ROBUSTNESS_TIMEOUT");
-  if (value == nullptr) return kDefaultTimeout;
-  return std::chrono::milliseconds(std::atol(value));
 }
 
 TimedLatch::TimedLatch(std::function<void()> firstCallback, std::function<void()> secondCallback,

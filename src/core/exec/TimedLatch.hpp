@@ -58,10 +58,6 @@ class TimedLatch {
   // The event robustness time-out used when none is configured.
   static constexpr std::chrono::milliseconds kDefaultTimeout{3000};
 
-  // The time-out from QV_OVERLAY_EVENT_ROBUSTNESS_TIMEOUT, converted with atol
-  // (so "abc" gives 0), or kDefaultTimeout when the variable is unset.
-  static std::chrono::milliseconds timeoutFromEnvironment();
-
   // Starts no thread. `waiter` must not be null. `holdWhile`, when given, is asked each
   // time a time-out has passed without a trigger: while it answers true, the second
   // callback is held back for a further time-out (the provider passes "the overlay's own

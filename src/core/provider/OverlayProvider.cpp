@@ -11,17 +11,14 @@
 #include <core/exec/SynchronousExecutor.hpp>
 #include <core/content/WorkingFileByteStream.hpp>
 
-#include <fl/i18n.hpp>
 #include <foundation/log/ScopedTrace.hpp>
 #include <foundation/storage/provider/Exception.hpp>
 
 #include <boost/date_time/posix_time/posix_time.hpp>
 #include <boost/property_tree/ptree.hpp>
 
-#include <cmath>
 #include <filesystem>
 #include <optional>
-#include <sstream>
 #include <stdexcept>
 
 namespace storage::overlayprovider {
@@ -49,45 +46,6 @@ void logConfiguration(std::string const& key, boost::property_tree::ptree::data_
   boost::property_tree::ptree record;
   record.put(key, value);
   getLogger().logJson(Severity::Debug, record);
-}
-
-// Stream extraction with boolalpha: only the text "true" reads as true.
-// Refuses, before any key is applied, values that parse but that the overlay cannot work
-// with: a payload size of 0 or less makes every read return nothing and every write
-// store nothing; a weight that is not a finite number >= 0 breaks the queue's bound. A
-// negative maximum weight keeps its own error (thrown once the keys are read), and values
-// that do not parse keep theirs (logged, the reading ends).
-void refuseUnworkableValues(boost::property_tree::ptree const& config) {
-  for (char const* key : {"overlay.maxQueueWeight", "overlay.minQueueItemWeight"}) {
-    auto const text = config.get_optional<std::string>(key);
-    if (!text) continue;
-    double value;
-    try {
-      value = std::stod(*text);
-    } catch (std::exception const&) {
-      continue;
-    }
-    bool const negativeMaximum = value < 0 && std::string(key) == "overlay.maxQueueWeight";
-    if (!negativeMaximum && (!std::isfinite(value) || value < 0)) checkOverlayOption(key, *text);
-  }
-  for (char const* key : {"overlay.maxReadPayloadSize", "overlay.maxWritePayloadSize"}) {
-    auto const text = config.get_optional<std::string>(key);
-    if (!text) continue;
-    long value;
-    try {
-      value = std::stol(*text, nullptr, 10);
-    } catch (std::exception const&) {
-      continue;
-    }
-    if (value <= 0) checkOverlayOption(key, *text);
-  }
-}
-
-bool readsTrue(std::string const& text) {
-  std::istringstream in(text);
-  bool value = false;
-  in >> std::boolalpha >> value;
-  return !in.fail() && value;
 }
 
 // The metadata cache given, or a new one that matches names as the inner store does.
@@ -159,6 +117,7 @@ OverlayProvider::~OverlayProvider() {
 
 void OverlayProvider::lazyInitialize() const {
   std::call_once(initOnce_, [this] {
+    OverlayOptions const environment = environmentOptions();
     boost::property_tree::ptree record;
     record.put("overlay.initialization.maxQueueWeight", maxQueueWeight_.load(std::memory_order_acquire));
     getLogger().logJson(Severity::Debug, record);
@@ -167,7 +126,8 @@ void OverlayProvider::lazyInitialize() const {
       if (!executor_) {
         // Whenever the queue runs dry, working entries set aside are let go.
         executor_ = std::make_shared<BackendExecutor>([cache = contentCache_.get()] { cache->emptyRecycleBin(); },
-                                                      maxQueueWeight_.load(std::memory_order_acquire));
+                                                      maxQueueWeight_.load(std::memory_order_acquire), &steadyNow,
+                                                      environment.captureQueueMetrics);
         executorHandle_->set(executor_);
       }
     }
@@ -179,7 +139,7 @@ void OverlayProvider::lazyInitialize() const {
     // change of the overlay's own (the store's echoes of them come in meanwhile and must
     // not make the overlay forget changes still queued behind them).
     auto latch = std::make_shared<TimedLatch>(
-        [listener] { listener->pause(); }, [listener] { listener->unpause(); }, TimedLatch::timeoutFromEnvironment(),
+        [listener] { listener->pause(); }, [listener] { listener->unpause(); }, environment.eventRobustnessTimeout,
         std::make_shared<TimedLatch::ConditionWaiter>(),
         [handle = executorHandle_] { return handle->changesInFlight() > 0; });
     {
@@ -192,6 +152,34 @@ void OverlayProvider::lazyInitialize() const {
     }
     metadataCache_->populateWholeFolderTreeWhenPossible(synchronous_.load(std::memory_order_acquire));
   });
+}
+
+void OverlayProvider::setEnvironmentOptions(OverlayOptions const& options) {
+  std::lock_guard lock(initMutex_);
+  environment_ = options;
+  waitForZeroPeriodMs_.store(options.waitForZeroPeriod.count(), std::memory_order_release);
+}
+
+OverlayOptions OverlayProvider::environmentOptions() const {
+  std::lock_guard lock(initMutex_);
+  if (!environment_) {
+    environment_ = OverlayOptions::fromEnvironment();
+    waitForZeroPeriodMs_.store(environment_->waitForZeroPeriod.count(), std::memory_order_release);
+  }
+  return *environment_;
+}
+
+OverlayOptions OverlayProvider::currentOptions() const {
+  OverlayOptions options;
+  options.maxQueueWeight = maxQueueWeight_.load(std::memory_order_acquire);
+  options.minQueueItemWeight = minQueueItemWeight_.load(std::memory_order_acquire);
+  options.persistContentCache = persistContentCache_.load(std::memory_order_acquire);
+  options.maxReadPayloadSize = maxReadPayloadSize_.load(std::memory_order_acquire);
+  options.maxWritePayloadSize = maxWritePayloadSize_.load(std::memory_order_acquire);
+  options.synchronous = synchronous_.load(std::memory_order_acquire);
+  options.disableContentCache = disableContentCache_.load(std::memory_order_acquire);
+  options.backslashToForwardSlash = backslashToForwardSlash_.load(std::memory_order_acquire);
+  return options;
 }
 
 std::shared_ptr<IExecutor> OverlayProvider::executor() const {
@@ -263,7 +251,8 @@ WorkingFileEntryParams OverlayProvider::workingFileEntryParams() const {
   params.withPersist(persistContentCache_.load(std::memory_order_acquire))
       .withDiskCaching(!disableContentCache_.load(std::memory_order_acquire))
       .withMinItemWeight(minQueueItemWeight_.load(std::memory_order_acquire))
-      .withSynchronous(synchronous_.load(std::memory_order_acquire));
+      .withSynchronous(synchronous_.load(std::memory_order_acquire))
+      .withWaitForZeroPeriod(std::chrono::milliseconds(waitForZeroPeriodMs_.load(std::memory_order_acquire)));
   return params;
 }
 
@@ -1051,49 +1040,34 @@ void OverlayProvider::doShutdown() {
 void OverlayProvider::doConfigure(boost::property_tree::ptree config) {
   OVERLAY_TRACE();
   inner_->configure(config);
-  refuseUnworkableValues(config);
-  bool switchToSynchronous = false;
+  refuseUnworkableOverlayOptions(config);
+  OverlayOptions options = currentOptions();
+  // Acted on anew by each configuration that gives them: the cache root is set again, and
+  // switching synchronous mode on installs a new executor each time.
+  options.cacheRoot.reset();
+  options.synchronous = false;
   try {
-    if (auto text = config.get_optional<std::string>("overlay.cacheRoot")) {
-      contentCache_->withCacheRoot(fl::filesystem::path(fl::i18n::to_string(fl::i18n::to_ustring(*text))));
-      ownCacheRoot_.store(false, std::memory_order_release);
-      logConfiguration("overlay.configuration.cacheRoot", *text);
-    }
-    if (auto text = config.get_optional<std::string>("overlay.maxQueueWeight")) {
-      maxQueueWeight_.store(std::stod(*text), std::memory_order_release);
-      logConfiguration("overlay.configuration.maxQueueWeight", *text);
-    }
-    if (auto text = config.get_optional<std::string>("overlay.minQueueItemWeight")) {
-      minQueueItemWeight_.store(std::stod(*text), std::memory_order_release);
-      logConfiguration("overlay.configuration.minQueueItemWeight", *text);
-    }
-    if (auto text = config.get_optional<std::string>("overlay.persistContentCache")) {
-      if (*text == "true" || *text == "1") persistContentCache_.store(true, std::memory_order_release);
-    }
-    if (auto text = config.get_optional<std::string>("overlay.maxReadPayloadSize")) {
-      maxReadPayloadSize_.store(std::stol(*text, nullptr, 10), std::memory_order_release);
-      logConfiguration("overlay.configuration.maxReadPayloadSize", *text);
-    }
-    if (auto text = config.get_optional<std::string>("overlay.maxWritePayloadSize")) {
-      maxWritePayloadSize_.store(std::stol(*text, nullptr, 10), std::memory_order_release);
-      logConfiguration("overlay.configuration.maxWritePayloadSize", *text);
-    }
-    if (auto text = config.get_optional<std::string>("overlay.synchronous")) {
-      if (readsTrue(*text)) {
-        synchronous_.store(true, std::memory_order_release);
-        switchToSynchronous = true;
-      }
-    }
-    if (auto text = config.get_optional<std::string>("overlay.disableContentCache")) {
-      if (readsTrue(*text)) disableContentCache_.store(true, std::memory_order_release);
-    }
-    if (auto text = config.get_optional<std::string>("overlay.backslashToForwardSlash")) {
-      if (readsTrue(*text)) backslashToForwardSlash_.store(true, std::memory_order_release);
-    }
+    options.readConfiguration(config, [](OverlayOptionKey const& key, std::string const& text) {
+      if (key.loggedAs != nullptr) logConfiguration(key.loggedAs, text);
+    });
   } catch (std::exception const& e) {
     getLogger().log(Severity::Error, "Error parsing configuration data.");
     getLogger().log(Severity::Debug, std::string("Exception caught: ") + e.what());
   }
+  // What was read before a key that failed stays applied.
+  if (options.cacheRoot) {
+    contentCache_->withCacheRoot(*options.cacheRoot);
+    ownCacheRoot_.store(false, std::memory_order_release);
+  }
+  maxQueueWeight_.store(options.maxQueueWeight, std::memory_order_release);
+  minQueueItemWeight_.store(options.minQueueItemWeight, std::memory_order_release);
+  persistContentCache_.store(options.persistContentCache, std::memory_order_release);
+  maxReadPayloadSize_.store(options.maxReadPayloadSize, std::memory_order_release);
+  maxWritePayloadSize_.store(options.maxWritePayloadSize, std::memory_order_release);
+  bool const switchToSynchronous = options.synchronous;
+  if (switchToSynchronous) synchronous_.store(true, std::memory_order_release);
+  disableContentCache_.store(options.disableContentCache, std::memory_order_release);
+  backslashToForwardSlash_.store(options.backslashToForwardSlash, std::memory_order_release);
   if (switchToSynchronous) {
     std::shared_ptr<IExecutor> previous;
     {

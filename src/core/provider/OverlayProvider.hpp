@@ -9,7 +9,8 @@
 //
 // Lifecycle. Construction makes the two caches and starts no thread. The first
 // operation of any kind runs the lazy initialization once (retried by the next
-// operation if it threw): the executor (a BackendExecutor unless one was injected or
+// operation if it threw): it reads the environment (see OverlayOptions) unless it was
+// given its values, then makes the executor (a BackendExecutor unless one was injected or
 // synchronous mode installed a SynchronousExecutor), the quota accountant, the event
 // listener, the timed latch, and then the whole-tree population of the metadata cache
 // (in the background, or waited for in synchronous mode). `doShutdown` stops everything
@@ -42,6 +43,7 @@
 #include <core/util/PathLocks.hpp>
 #include <core/exec/SwitchableExecutor.hpp>
 #include <core/exec/TimedLatch.hpp>
+#include <core/provider/OverlayOptions.hpp>
 
 #include <foundation/storage/provider/IConfigurableProvider.hpp>
 #include <foundation/storage/provider/StorageItem.hpp>
@@ -50,6 +52,7 @@
 #include <foundation/storage/provider/extensions/IWriteBehindStatus.hpp>
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -68,7 +71,7 @@ class OverlayProvider : public fsp::IConfigurableProvider,
   using StorageIRI = fsp::StorageIRI;
   using StorageItem = fsp::StorageItem;
 
-  static constexpr std::int64_t kDefaultPayloadSize = 4194304;
+  static constexpr std::int64_t kDefaultPayloadSize = OverlayOptions::kDefaultPayloadSize;
 
   // Lays the overlay on `inner`; no thread starts. The content cache uses a fresh cache
   // root under the temporary directory; the metadata cache matches names as the inner
@@ -122,6 +125,12 @@ class OverlayProvider : public fsp::IConfigurableProvider,
   // applied. Unparsable values are logged and end the reading; a negative
   // "overlay.maxQueueWeight" throws std::logic_error after the keys were read.
   void doConfigure(boost::property_tree::ptree config) override;
+
+  // The values of the environment variables (latch time-out, wait-for-zero period, queue
+  // statistics) taken from `options` instead of from the environment, which the first
+  // operation reads otherwise. Call before the first operation; the key fields of
+  // `options` are not used (doConfigure sets those).
+  void setEnvironmentOptions(OverlayOptions const& options);
 
   // Returns when every change queued so far has reached the inner store (after a
   // pending whole-tree population of the metadata cache). Then empties both caches (the
@@ -193,6 +202,11 @@ class OverlayProvider : public fsp::IConfigurableProvider,
   decltype(auto) forwarding(StorageIRI const& iri, Call&& call) const;
   // The overlay IRI (same wrapping as `like`) of the inner IRI `inner`.
   StorageIRI overlayIRIFor(StorageIRI const& like, StorageIRI const& inner) const;
+  // The key fields in force (without the cache root, which the content cache keeps); the
+  // environment fields are the defaults.
+  OverlayOptions currentOptions() const;
+  // The environment's values: those given, else read from the environment now, once.
+  OverlayOptions environmentOptions() const;
   // Starts the pause-then-resume cycle of event handling.
   void triggerLatch() const;
   // Unless shut down, queues `call` (an inner-store change named `name` of `location`,
@@ -249,12 +263,17 @@ class OverlayProvider : public fsp::IConfigurableProvider,
   mutable std::shared_ptr<IExecutor> executor_;  // guarded by initMutex_
   // What the caches, the quota accountant and the event listener hold: follows executor_.
   std::shared_ptr<SwitchableExecutor> const executorHandle_;
-  std::atomic<double> maxQueueWeight_{0};
-  std::atomic<double> minQueueItemWeight_{0};
-  std::atomic<std::int64_t> maxReadPayloadSize_{kDefaultPayloadSize};
-  std::atomic<std::int64_t> maxWritePayloadSize_{kDefaultPayloadSize};
-  std::atomic<bool> persistContentCache_{false};
-  std::atomic<bool> synchronous_{false};
+  // The configured values (see OverlayOptions for their defaults), each read on its own.
+  std::atomic<double> maxQueueWeight_{OverlayOptions().maxQueueWeight};
+  std::atomic<double> minQueueItemWeight_{OverlayOptions().minQueueItemWeight};
+  std::atomic<std::int64_t> maxReadPayloadSize_{OverlayOptions().maxReadPayloadSize};
+  std::atomic<std::int64_t> maxWritePayloadSize_{OverlayOptions().maxWritePayloadSize};
+  std::atomic<bool> persistContentCache_{OverlayOptions().persistContentCache};
+  std::atomic<bool> synchronous_{OverlayOptions().synchronous};
+  // The environment's values once given or read; guarded by initMutex_.
+  mutable std::optional<OverlayOptions> environment_;
+  // Its wait-for-zero period, for the entries' parameters.
+  mutable std::atomic<std::chrono::milliseconds::rep> waitForZeroPeriodMs_{OverlayOptions().waitForZeroPeriod.count()};
   mutable std::shared_ptr<IQuotaAccountant> quota_;  // written once under initOnce_, then read
   mutable PathLocks pathLocks_;
   // Closed by a flush once the queue has drained, while it decides whether to empty the
@@ -264,10 +283,10 @@ class OverlayProvider : public fsp::IConfigurableProvider,
   mutable std::shared_ptr<TimedLatch> timedLatch_;  // written once under initOnce_, then read
   std::atomic<bool> const bypass_{false};
   mutable std::once_flag initOnce_;
-  mutable std::mutex initMutex_;  // guards executor_; the writes of quota_, eventListener_, timedLatch_
+  mutable std::mutex initMutex_;  // guards executor_, environment_; the writes of quota_, eventListener_, timedLatch_
   mutable std::atomic<bool> shutDown_{false};  // handed to working entries by reference
-  std::atomic<bool> disableContentCache_{false};
-  std::atomic<bool> backslashToForwardSlash_{false};
+  std::atomic<bool> disableContentCache_{OverlayOptions().disableContentCache};
+  std::atomic<bool> backslashToForwardSlash_{OverlayOptions().backslashToForwardSlash};
   mutable std::atomic<bool> fallback_{false};  // set at the first caching failure, never cleared
   std::atomic<bool> ownCacheRoot_{true};  // false once the configuration named a cache root
   std::optional<WrappedRoot> const wrappedRoot_;  // set at construction; empty when not a root

@@ -32,15 +32,14 @@ std::string readAt(WorkingFileEntry& entry, long long position, long long count)
 
 class WorkingFileEntryConcurrencyTest : public EntryFixture {
  protected:
-  void SetUp() override { ::unsetenv("QV_OVERLAY_WAIT_FOR_ZERO_PERIOD"); }
-  void TearDown() override { ::unsetenv("QV_OVERLAY_WAIT_FOR_ZERO_PERIOD"); }
-
   // An entry without disk caching (every read goes to the store) over a hand-run
   // executor, opened for writing, with "0000000000" in the store and "1111111111"
-  // written and queued but not yet run.
-  std::shared_ptr<WorkingFileEntry> entryWithPendingWrite(ovl::EntryTiming timing) {
+  // written and queued but not yet run; reads wait for pending writes at most `period`.
+  std::shared_ptr<WorkingFileEntry> entryWithPendingWrite(
+      ovl::EntryTiming timing, std::chrono::milliseconds period = WorkingFileEntryParams::kDefaultWaitForZeroPeriod) {
     store->elsewhere().writeFile(u"/p", "0000000000");
-    auto entry = makeEntry(u"/p", WorkingFileEntryParams(64, 64).withDiskCaching(false), executor, std::move(timing));
+    auto params = WorkingFileEntryParams(64, 64).withDiskCaching(false).withWaitForZeroPeriod(period);
+    auto entry = makeEntry(u"/p", params, executor, std::move(timing));
     entry->openReadWrite({});
     EXPECT_TRUE(executor->runNext());  // the open
     entry->write(0, "1111111111", 10);
@@ -90,21 +89,31 @@ TEST_F(WorkingFileEntryConcurrencyTest, AReadWaitsNoLongerThanThePeriod) {
     lastDeadline = deadline;
     clock.advance(deadline - clock.now());
   };
-  auto entry = entryWithPendingWrite(timing);
+  auto entry = entryWithPendingWrite(timing, 500ms);
 
-  ::setenv("QV_OVERLAY_WAIT_FOR_ZERO_PERIOD", "500", 1);
   auto const start = clock.now();
   EXPECT_EQ(readAt(*entry, 0, 10), "0000000000");  // gave up: the payload has not run
   EXPECT_EQ(waits, 1);
   EXPECT_EQ(lastDeadline, start + 500ms);
 
-  ::setenv("QV_OVERLAY_WAIT_FOR_ZERO_PERIOD", "none", 1);  // atol gives 0: no wait at all
-  EXPECT_EQ(readAt(*entry, 0, 10), "0000000000");
-  EXPECT_EQ(waits, 1);
-
   executor->runAll();
   EXPECT_EQ(readAt(*entry, 0, 10), "1111111111");
   EXPECT_EQ(waits, 1);  // nothing pending: no wait
+}
+
+TEST_F(WorkingFileEntryConcurrencyTest, APeriodOfZeroDoesNotWaitAtAll) {
+  int waits = 0;
+  ovl::EntryTiming timing;
+  timing.now = clock.source();
+  timing.waitUntil = [&](std::unique_lock<std::mutex>&, std::condition_variable&, std::chrono::steady_clock::time_point) {
+    ++waits;
+  };
+  auto entry = entryWithPendingWrite(timing, 0ms);
+
+  EXPECT_EQ(readAt(*entry, 0, 10), "0000000000");
+  EXPECT_EQ(waits, 0);
+  executor->runAll();
+  EXPECT_EQ(readAt(*entry, 0, 10), "1111111111");
 }
 
 TEST_F(WorkingFileEntryConcurrencyTest, AnAbortReleasesAWaitForTheOpen) {

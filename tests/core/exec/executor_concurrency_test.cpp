@@ -25,7 +25,6 @@ using foundation::log::MemorySink;
 TEST(BackendExecutorConcurrencyTest, RunsTasksInOrderPerProducerUnderTheWeightBound) {
   constexpr int kProducers = 4;
   constexpr int kTasks = 2000;
-  ScopedEnv capture("QV_OVERLAY_DISABLE_QUEUE_METRICS_CAPTURE", nullptr);
   BackendExecutor executor([] {}, 20);
   ExecutorStopper stop(executor);
 

@@ -16,9 +16,7 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
-#include <cstdlib>
 #include <mutex>
-#include <optional>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -124,30 +122,6 @@ class BackPressureWatch {
   std::mutex mutex_;
   std::condition_variable changed_;
   std::size_t blocked_ = 0;
-};
-
-// Sets an environment variable for the lifetime of the object, restoring the old state.
-class ScopedEnv {
- public:
-  ScopedEnv(char const* name, char const* value) : name_(name) {
-    if (char const* old = std::getenv(name)) old_ = old;
-    if (value) {
-      ::setenv(name, value, 1);
-    } else {
-      ::unsetenv(name);
-    }
-  }
-  ~ScopedEnv() {
-    if (old_) {
-      ::setenv(name_.c_str(), old_->c_str(), 1);
-    } else {
-      ::unsetenv(name_.c_str());
-    }
-  }
-
- private:
-  std::string name_;
-  std::optional<std::string> old_;
 };
 
 inline boost::property_tree::ptree parseJson(std::string const& text) {

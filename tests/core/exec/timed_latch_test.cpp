@@ -245,23 +245,4 @@ TEST(TimedLatchTest, DefaultWaiterResumesOnceTheTimeOutHasPassed) {
   EXPECT_EQ(1, pauses.calls());
 }
 
-TEST(TimedLatchTest, ReadsTheTimeOutFromTheEnvironmentWithAtol) {
-  {
-    ScopedEnv env("QV_OVERLAY_EVENT_ROBUSTNESS_TIMEOUT", nullptr);
-    EXPECT_EQ(std::chrono::milliseconds(3000), TimedLatch::timeoutFromEnvironment());
-  }
-  {
-    ScopedEnv env("QV_OVERLAY_EVENT_ROBUSTNESS_TIMEOUT", "250");
-    EXPECT_EQ(std::chrono::milliseconds(250), TimedLatch::timeoutFromEnvironment());
-  }
-  {
-    ScopedEnv env("QV_OVERLAY_EVENT_ROBUSTNESS_TIMEOUT", "abc");
-    EXPECT_EQ(std::chrono::milliseconds(0), TimedLatch::timeoutFromEnvironment());
-  }
-  {
-    ScopedEnv env("QV_OVERLAY_EVENT_ROBUSTNESS_TIMEOUT", "1500ms");
-    EXPECT_EQ(std::chrono::milliseconds(1500), TimedLatch::timeoutFromEnvironment());
-  }
-}
-
 }  // namespace

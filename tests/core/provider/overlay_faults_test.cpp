@@ -499,16 +499,17 @@ TEST_F(OverlayFaultsTest, ACacheDiskThatFillsUpLosesNoAcknowledgedWrite) {
 
 // The latch pauses event handling while the overlay changes the store and resumes it a
 // full time-out after the last such change; the provider builds it with the real timer,
-// made short here through the environment.
+// made short here.
 TEST_F(OverlayFaultsTest, ChangesMadeElsewhereShowAfterTheLatchReopensAndOwnChangesDoNotInvalidate) {
   constexpr long kLatchMillis = 1000;
-  ::setenv("QV_OVERLAY_EVENT_ROBUSTNESS_TIMEOUT", std::to_string(kLatchMillis).c_str(), 1);
   provider = std::make_unique<OverlayProvider>(StorageItem(store, store->root()));
+  storage::overlayprovider::OverlayOptions latch;
+  latch.eventRobustnessTimeout = std::chrono::milliseconds(kLatchMillis);
+  provider->setEnvironmentOptions(latch);
   store->elsewhere().createFolder(u"/e");
   store->elsewhere().writeFile(u"/e/a.txt", "old");
   store->waitForEventsDelivered();
   EXPECT_EQ(provider->doGetFileAttributes(at(u"/e/a.txt")).getSize(), 3u);  // initializes with the timeout set
-  ::unsetenv("QV_OVERLAY_EVENT_ROBUSTNESS_TIMEOUT");
   ASSERT_EQ(provider->timedLatch()->getTimeout(), std::chrono::milliseconds(kLatchMillis));
 
   // The overlay's own change: its echo from the store arrives while the latch is closed.
@@ -548,13 +549,14 @@ TEST_F(OverlayFaultsTest, ChangesMadeElsewhereShowAfterTheLatchReopensAndOwnChan
 // its content entry: the overlay keeps showing its own write, and a later write beyond
 // the end keeps every byte written before. (This used to lose the queued bytes.)
 TEST_F(OverlayFaultsTest, AWriteQueuedWhileItsFolderIsListedAgainKeepsItsBytes) {
-  ::setenv("QV_OVERLAY_EVENT_ROBUSTNESS_TIMEOUT", "0", 1);
   provider = std::make_unique<OverlayProvider>(StorageItem(store, store->root()));
+  storage::overlayprovider::OverlayOptions latch;
+  latch.eventRobustnessTimeout = std::chrono::milliseconds(0);
+  provider->setEnvironmentOptions(latch);
   store->elsewhere().createFolder(u"/d");
   store->elsewhere().writeFile(u"/d/f", "0123456789");
   store->waitForEventsDelivered();
   EXPECT_EQ(read(u"/d/f"), "0123456789");
-  ::unsetenv("QV_OVERLAY_EVENT_ROBUSTNESS_TIMEOUT");
 
   auto stream = provider->doOpenStream(at(u"/d/f"), {});
   stream->seek(10, std::ios_base::beg);

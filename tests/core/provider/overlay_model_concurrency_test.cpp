@@ -595,14 +595,15 @@ void OverlayModelTest::run(long latchMillis, bool flushMidRound) {
   std::vector<Model> models(kThreads);
   std::vector<std::mt19937_64> randoms;
   for (int t = 0; t < kThreads; ++t) randoms.emplace_back(seed_ + 1000003ULL * static_cast<std::uint64_t>(t + 1));
-  // The provider reads the latch time-out at its first operation.
-  ::setenv("QV_OVERLAY_EVENT_ROBUSTNESS_TIMEOUT", std::to_string(latchMillis).c_str(), 1);
+  // Before the provider's first operation, which makes the latch.
+  storage::overlayprovider::OverlayOptions latch;
+  latch.eventRobustnessTimeout = std::chrono::milliseconds(latchMillis);
+  provider_->setEnvironmentOptions(latch);
   for (int t = 0; t < kThreads; ++t) {
     auto const root = u"/t" + u16(std::to_string(t));
     provider_->doCreateFolder(at(root));
     models[t].folders.insert(root);
   }
-  ::unsetenv("QV_OVERLAY_EVENT_ROBUSTNESS_TIMEOUT");
 
   for (int round = 0; round < kRounds; ++round) {
     std::vector<std::thread> threads;

@@ -382,9 +382,10 @@ TEST_F(OverlayOperationsTest, AWriteBeyondTheQuotaIsRefusedWithCodeEight) {
 }
 
 TEST_F(OverlayOperationsTest, TheOverlaysOwnChangesDoNotInvalidateItsCaches) {
-  ::setenv("QV_OVERLAY_EVENT_ROBUSTNESS_TIMEOUT", "600000", 1);
   provider = std::make_unique<OverlayProvider>(StorageItem(store, store->root()));
-  ::unsetenv("QV_OVERLAY_EVENT_ROBUSTNESS_TIMEOUT");
+  storage::overlayprovider::OverlayOptions latch;
+  latch.eventRobustnessTimeout = std::chrono::milliseconds(600000);
+  provider->setEnvironmentOptions(latch);
   provider->doCreateFolder(at(u"/d"));
   write(u"/d/a.txt", "mine");
   // The store's echoes of the overlay's own changes arrive while event handling is

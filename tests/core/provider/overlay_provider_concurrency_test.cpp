@@ -98,7 +98,13 @@ class OverlayConcurrencyTest : public ::testing::Test {
   void SetUp() override {
     // The listener resumes only when the test ends: nothing asserted here may depend on
     // the latch's timer.
-    ::setenv("QV_OVERLAY_EVENT_ROBUSTNESS_TIMEOUT", "600000", 1);
+    holdEvents(*provider);
+  }
+
+  static void holdEvents(OverlayProvider& overlay) {
+    storage::overlayprovider::OverlayOptions latch;
+    latch.eventRobustnessTimeout = std::chrono::milliseconds(600000);
+    overlay.setEnvironmentOptions(latch);
   }
 
   StorageIRI at(std::u16string const& path) const { return StorageIRI(u"overlay", store->root(), path); }
@@ -357,6 +363,7 @@ TEST_F(OverlayConcurrencyTest, AnOpenMeetingTheRefreshOfTheRecordKeepsTheEntryTh
     queue->waitForPendingToFinish();  // the close transaction has refreshed the record
   });
   provider = std::make_unique<OverlayProvider>(StorageItem(store, store->root()), std::move(cache), nullptr, queue);
+  holdEvents(*provider);
 
   fsp::ByteStreamOpenOptions options;
   options.openMode = fsp::ByteStreamOpenOptions::OpenExisting;

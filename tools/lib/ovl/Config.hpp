@@ -12,6 +12,8 @@ namespace ovl {
 
 // The keys the overlay reads, "overlay.cacheRoot" ... (help and README list them).
 std::vector<std::string> const& overlayKeys();
+// The environment variables the overlay reads, "QV_OVERLAY_EVENT_ROBUSTNESS_TIMEOUT" ...
+std::vector<std::string> const& overlayVariables();
 
 // The tree handed to every overlay: the keys of the JSON file `file` (when given), then
 // `settings` ("KEY=VALUE") in order, a later value replacing an earlier one. The file may
