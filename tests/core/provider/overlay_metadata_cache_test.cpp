@@ -20,13 +20,12 @@ namespace fsp = foundation::storage::provider;
 using fsp::StorageIRI;
 using fsp::StorageItem;
 using metadata_test::MemStore;
+using metadata_test::iri;
 using providers::mem::Operation;
 using storage::overlayprovider::MetadataCache;
 using storage::overlayprovider::OverlayProvider;
 
 namespace {
-
-StorageIRI iri(std::u16string const& path) { return StorageIRI(u"mem:///" + path); }
 
 class OverlayMetadataCacheTest : public ::testing::Test {
  protected:
