@@ -24,10 +24,10 @@ namespace {
 
 namespace fs = std::filesystem;
 using namespace foundation::storage::provider;
-using testing::HasSubstr;
-using testing::StartsWith;
 using ovl_test::OvlFixture;
 using ovl_test::Result;
+using testing::HasSubstr;
+using testing::StartsWith;
 
 class OvlTest : public OvlFixture {
  protected:

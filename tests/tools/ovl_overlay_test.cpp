@@ -31,10 +31,10 @@ namespace {
 
 namespace fs = std::filesystem;
 namespace fsp = foundation::storage::provider;
-using testing::HasSubstr;
-using testing::StartsWith;
 using ovl_test::OvlFixture;
 using ovl_test::Result;
+using testing::HasSubstr;
+using testing::StartsWith;
 
 class OvlOverlay : public OvlFixture {
  protected:

@@ -58,12 +58,12 @@ using fsp::ErrorCode;
 using fsp::ReplacementPolicy;
 using fsp::StorageIRI;
 using fsp::StorageItem;
+using overlay_test::FakeExecutor;
 using providers::mem::MemoryProvider;
 using providers::mem::Operation;
 using storage::overlayprovider::BackendExecutor;
 using storage::overlayprovider::ContentCache;
 using storage::overlayprovider::IExecutor;
-using overlay_test::FakeExecutor;
 using storage::overlayprovider::ObservableTransactionType;
 using storage::overlayprovider::OverlayProvider;
 

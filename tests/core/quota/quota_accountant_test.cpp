@@ -20,9 +20,9 @@
 namespace fsp = foundation::storage::provider;
 using fsp::StorageIRI;
 using fsp::StorageItem;
+using overlay_test::FakeExecutor;
 using providers::mem::MemoryProvider;
 using providers::mem::Operation;
-using overlay_test::FakeExecutor;
 using storage::overlayprovider::MetadataCache;
 using storage::overlayprovider::ObservableTransactionType;
 using storage::overlayprovider::QuotaAccountant;
