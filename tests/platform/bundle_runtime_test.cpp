@@ -4,6 +4,7 @@
 #include <foundation/storage/provider/ProviderRegistry.hpp>
 
 #include <support/StubProvider.hpp>
+#include <support/TempFolder.hpp>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -49,19 +50,6 @@ bool isOpen(std::filesystem::path const& path) {
   if (handle) dlclose(handle);
   return handle != nullptr;
 }
-
-// A fresh file in a private temporary folder.
-class TempFolder {
- public:
-  TempFolder() : path_(std::filesystem::temp_directory_path() / ("bundle_runtime_test." + std::to_string(::getpid()))) {
-    std::filesystem::create_directories(path_);
-  }
-  ~TempFolder() { std::filesystem::remove_all(path_); }
-  std::filesystem::path const& path() const { return path_; }
-
- private:
-  std::filesystem::path path_;
-};
 
 class BundleRuntimeTest : public ::testing::Test {
  protected:
@@ -176,7 +164,7 @@ TEST_F(BundleRuntimeTest, DestroyingTheRuntimeUnloadsEveryBundle) {
 }
 
 TEST_F(BundleRuntimeTest, EachBrokenModuleGivesOneClearErrorAndLeavesNothingBehind) {
-  TempFolder temp;
+  support::TempFolder temp("bundle_runtime_test");
   auto const text = temp.path() / "notes.txt";
   std::ofstream(text) << "just some text, long enough to hold an ELF header if it were one...................\n";
 

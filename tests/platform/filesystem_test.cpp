@@ -2,6 +2,9 @@
 
 #include "fl/i18n.hpp"
 
+#include <support/ScopedEnv.hpp>
+#include <support/TempFolder.hpp>
+
 #include <boost/date_time/posix_time/posix_time.hpp>
 #include <gtest/gtest.h>
 
@@ -20,24 +23,14 @@ using fs::path;
 
 class FilesystemTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    std::string pattern = (fs::temp_directory_name() / "fl_filesystem_test-XXXXXX").string();
-    ASSERT_NE(nullptr, ::mkdtemp(pattern.data()));
-    dir_ = pattern;
-  }
-  void TearDown() override { std::filesystem::remove_all(dir_); }
-
   path write(std::string const& name, std::string const& content) {
-    path const p = dir_ / name;
-    std::ofstream(p, std::ios::binary) << content;
-    return p;
+    scratch_.write(name, content);
+    return dir_ / name;
   }
-  static std::string read(path const& p) {
-    std::ifstream in(p, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-  }
+  static std::string read(path const& p) { return support::readFile(p); }
 
-  path dir_;
+  support::TempFolder const scratch_{"fl_filesystem_test"};
+  path const dir_ = scratch_.path();
 };
 
 TEST_F(FilesystemTest, StatusReportsTypeSizeAndUtcWriteTime) {
@@ -124,14 +117,10 @@ TEST_F(FilesystemTest, RemoveAndCreateDirectories) {
 }
 
 TEST_F(FilesystemTest, TempDirectoryHonoursTmpdir) {
-  char const* old = std::getenv("TMPDIR");
-  std::optional<std::string> const saved = old ? std::optional<std::string>(old) : std::nullopt;
-  ::setenv("TMPDIR", dir_.c_str(), 1);
-  path const temp = fs::temp_directory_name();
-  if (saved) {
-    ::setenv("TMPDIR", saved->c_str(), 1);
-  } else {
-    ::unsetenv("TMPDIR");
+  path temp;
+  {
+    support::ScopedEnv const env("TMPDIR", dir_.c_str());
+    temp = fs::temp_directory_name();
   }
   EXPECT_EQ(dir_, temp);
 }

@@ -9,6 +9,10 @@
 
 #include "fl/filesystem.hpp"
 
+#include <support/LogRecords.hpp>
+#include <support/ScopedEnv.hpp>
+#include <support/TempFolder.hpp>
+
 #include <boost/property_tree/json_parser.hpp>
 #include <boost/property_tree/ptree.hpp>
 #include <gmock/gmock.h>
@@ -27,32 +31,14 @@ namespace {
 
 namespace lg = foundation::log;
 using lg::MemorySink;
+using support::messagesContaining;
+using support::readFile;
+using support::ScopedEnv;
+using support::TempFolder;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::MatchesRegex;
 using ::testing::Not;
-
-std::vector<std::string> messages(MemorySink const& sink) {
-  std::vector<std::string> out;
-  for (auto const& r : sink.records()) out.push_back(r.message);
-  return out;
-}
-
-std::string readFile(fl::filesystem::path const& p) {
-  std::ifstream in(p);
-  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-}
-
-// A fresh directory under the temp directory, removed with the object.
-struct TempDir {
-  TempDir() {
-    std::string pattern = (fl::filesystem::temp_directory_name() / "fl_log_test-XXXXXX").string();
-    if (::mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
-    path = pattern;
-  }
-  ~TempDir() { std::filesystem::remove_all(path); }
-  fl::filesystem::path path;
-};
 
 // Every test starts and ends with the default set-up: failures only, to stderr.
 class LogTest : public ::testing::Test {
@@ -74,7 +60,7 @@ TEST_F(LogTest, RecordsBelowTheThresholdAreDropped) {
                               lg::Warning, lg::Error}) {
       logger_.log(severity, "at " + lg::severityName(severity));
     }
-    EXPECT_THAT(messages(sink), ElementsAre("at info", "at diagnostic", "at notice",
+    EXPECT_THAT(messagesContaining(sink), ElementsAre("at info", "at diagnostic", "at notice",
                                             "at warning", "at error"));
     EXPECT_EQ(1u, sink.count(lg::Error));
     EXPECT_EQ(0u, sink.count(lg::Debug));
@@ -111,10 +97,10 @@ TEST_F(LogTest, MemorySinksKeepTheirOwnThresholds) {
     MemorySink failures(lg::Error);
     logger_.log(lg::Trace, "trace");
     logger_.log(lg::Error, "failure");
-    EXPECT_THAT(messages(failures), ElementsAre("failure"));
+    EXPECT_THAT(messagesContaining(failures), ElementsAre("failure"));
   }
   logger_.log(lg::Debug, "after");
-  EXPECT_THAT(messages(everything), ElementsAre("trace", "failure", "after"));
+  EXPECT_THAT(messagesContaining(everything), ElementsAre("trace", "failure", "after"));
 }
 
 TEST_F(LogTest, ScopedTraceWritesEntryAndExit) {
@@ -125,7 +111,7 @@ TEST_F(LogTest, ScopedTraceWritesEntryAndExit) {
     logger_.log(lg::Debug, "inside");
   }
   { lg::ScopedTrace trace(logger_, "void g()", "g.cpp", 7); }
-  EXPECT_THAT(messages(sink),
+  EXPECT_THAT(messagesContaining(sink),
               ElementsAre("void f(int) src/core/OverlayProvider.cpp:42 iri=overlay://x/",
                           "inside", "void f(int)", "void g() g.cpp:7", "void g()"));
   for (auto const& r : sink.records()) {
@@ -154,7 +140,7 @@ TEST_F(LogTest, ScopedTraceMarksAnExitByException) {
     throw std::runtime_error("unwinding");
   } catch (std::runtime_error const&) {
   }
-  EXPECT_THAT(messages(sink), ElementsAre("void h() h.cpp:1", "void h() [throw]",
+  EXPECT_THAT(messagesContaining(sink), ElementsAre("void h() h.cpp:1", "void h() [throw]",
                                           "cleanup() c.cpp:2", "cleanup()"));
 }
 
@@ -191,8 +177,8 @@ TEST_F(LogTest, JsonRecordsAreOneLineAndParseBack) {
 }
 
 TEST_F(LogTest, MainSinkWritesToAFileAtItsThreshold) {
-  TempDir dir;
-  auto const file = dir.path / "overlay.log";
+  TempFolder dir("fl_log_test");
+  auto const file = dir.path() / "overlay.log";
   lg::configure(file.string(), lg::Info);
   EXPECT_EQ(lg::Info, lg::threshold());
 
@@ -216,44 +202,13 @@ TEST_F(LogTest, MainSinkWritesToAFileAtItsThreshold) {
   EXPECT_THAT(content, Not(HasSubstr("too low")));
   EXPECT_THAT(content, Not(HasSubstr("dropped again")));
 
-  EXPECT_THROW(lg::configure((dir.path / "missing" / "x.log").string(), lg::Info),
+  EXPECT_THROW(lg::configure((dir.path() / "missing" / "x.log").string(), lg::Info),
                std::runtime_error);
 }
 
-// Sets environment variables for the life of the object and restores them after.
-class ScopedEnv {
- public:
-  void set(char const* name, char const* value) {
-    char const* old = std::getenv(name);
-    saved_.push_back({name, old != nullptr, old ? old : ""});
-    if (value) {
-      ::setenv(name, value, 1);
-    } else {
-      ::unsetenv(name);
-    }
-  }
-  ~ScopedEnv() {
-    for (auto it = saved_.rbegin(); it != saved_.rend(); ++it) {
-      if (it->existed) {
-        ::setenv(it->name.c_str(), it->value.c_str(), 1);
-      } else {
-        ::unsetenv(it->name.c_str());
-      }
-    }
-  }
-
- private:
-  struct Saved {
-    std::string name;
-    bool existed;
-    std::string value;
-  };
-  std::vector<Saved> saved_;
-};
-
 TEST_F(LogTest, ConfigurationFromTheEnvironment) {
-  TempDir dir;
-  auto const file = dir.path / "env.log";
+  TempFolder dir("fl_log_test");
+  auto const file = dir.path() / "env.log";
   {
     ScopedEnv env;
     env.set("OVERLAY_LOG", file.c_str());
@@ -276,7 +231,7 @@ TEST_F(LogTest, ConfigurationFromTheEnvironment) {
   MemorySink sink;
   {
     ScopedEnv env;
-    env.set("OVERLAY_LOG", (dir.path / "missing" / "x.log").c_str());
+    env.set("OVERLAY_LOG", (dir.path() / "missing" / "x.log").c_str());
     env.set("OVERLAY_LOG_LEVEL", "4");
     lg::configureFromEnvironment();
   }
@@ -289,13 +244,13 @@ TEST(LogFirstUseTest, FirstLoggerSetsUpFromTheEnvironment) {
   // The statement runs in a freshly started copy of this program, where no logger has
   // been used yet. Both processes run this body; the child inherits the file name.
   GTEST_FLAG_SET(death_test_style, "threadsafe");
-  std::optional<TempDir> dir;
+  std::optional<TempFolder> dir;
   std::string target;
   if (char const* inherited = std::getenv("FL_LOG_TEST_TARGET")) {
     target = inherited;
   } else {
-    dir.emplace();
-    target = (dir->path / "first-use.log").string();
+    dir.emplace("fl_log_test");
+    target = (dir->path() / "first-use.log").string();
   }
   ScopedEnv env;
   env.set("FL_LOG_TEST_TARGET", target.c_str());

@@ -186,7 +186,7 @@ TEST_F(FileEventsTest, RecursiveWatchesFollowFoldersMadeAndMovedAway) {
   EXPECT_TRUE(recorder.waitFor(Kind::Modified, scratch.iri("new/a/b/f"))) << dump(recorder.records());
 
   // Moved out of the tree, a folder is no longer watched.
-  ASSERT_EQ(runShell(scratch.path(), "mv new '" + outside.path() + "/new' && echo w > '" + outside.path() +
+  ASSERT_EQ(runShell(scratch.path(), "mv new '" + outside.path().string() + "/new' && echo w > '" + outside.path().string() +
                                          "/new/a/b/late' && touch sentinel"),
             0);
   ASSERT_TRUE(recorder.waitFor(Kind::Added, scratch.iri("sentinel"))) << dump(recorder.records());
@@ -194,7 +194,7 @@ TEST_F(FileEventsTest, RecursiveWatchesFollowFoldersMadeAndMovedAway) {
   EXPECT_GE(find(records, Kind::Removed, scratch.iri("new"), EntryType::Folder), 0) << dump(records);
   for (auto const& r : records) {
     EXPECT_EQ(r.location.toUtf8().find("late"), std::string::npos) << r;
-    EXPECT_EQ(r.location.toUtf8().find(outside.path()), std::string::npos) << r;
+    EXPECT_EQ(r.location.toUtf8().find(outside.path().string()), std::string::npos) << r;
   }
 }
 

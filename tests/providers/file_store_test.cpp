@@ -404,23 +404,15 @@ TEST_F(FileStoreTest, MovesAcrossFileSystemsCopyAndKeepTimes) {
       ::access("/dev/shm", W_OK) != 0) {
     GTEST_SKIP() << "needs a writable /dev/shm on another file system";
   }
-  std::string away = "/dev/shm/filestore-XXXXXX";
-  ASSERT_NE(::mkdtemp(away.data()), nullptr);
-  struct Cleanup {
-    std::string path;
-    ~Cleanup() {
-      std::error_code ec;
-      std::filesystem::remove_all(path, ec);
-    }
-  } cleanup{away};
-  auto const awayIri = StorageIRI(u"file://" + fl::i18n::to_ustring(away));
+  support::TempFolder const away("filestore", "/dev/shm");
+  auto const awayIri = StorageIRI(u"file://" + fl::i18n::to_ustring(away.path().string()));
 
   scratch.write("f.txt", "file content");
   struct timespec times[2] = {{0, UTIME_OMIT}, {1000000000, 5000}};
   ASSERT_EQ(::utimensat(AT_FDCWD, scratch.path("f.txt").c_str(), times, 0), 0);
   provider.doMoveFile(scratch.iri("f.txt"), StorageIRI(awayIri, u"f.txt"), ReplacementPolicy::Never);
   EXPECT_FALSE(scratch.exists("f.txt"));
-  auto const moved = statOf(away + "/f.txt");
+  auto const moved = statOf(away.path("f.txt"));
   EXPECT_EQ(moved.st_mtim.tv_sec, 1000000000);
 
   scratch.mkdir("tree/sub");
@@ -428,8 +420,7 @@ TEST_F(FileStoreTest, MovesAcrossFileSystemsCopyAndKeepTimes) {
   ASSERT_EQ(::symlink("sub/a", scratch.path("tree/link").c_str()), 0);
   provider.doMoveFolder(scratch.iri("tree"), StorageIRI(awayIri, u"tree"), ReplacementPolicy::Never);
   EXPECT_FALSE(scratch.exists("tree"));
-  std::ifstream in(away + "/tree/link");
-  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), "A");
+  EXPECT_EQ(away.read("tree/link"), "A");
 
   // Back again onto an existing file, replacing it.
   scratch.write("f.txt", "old");

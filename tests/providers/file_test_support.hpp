@@ -4,6 +4,7 @@
 
 #include <fl/i18n.hpp>
 #include <foundation/storage/provider/StorageIRI.hpp>
+#include <support/TempFolder.hpp>
 
 #include <gtest/gtest.h>
 
@@ -15,10 +16,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstdlib>
 #include <filesystem>
-#include <fstream>
-#include <stdexcept>
 #include <string>
 
 extern char** environ;
@@ -42,63 +40,29 @@ inline bool setImmutable(std::string const& path, bool on) {
   return ok;
 }
 
-// A fresh folder under the temporary directory, readable by every user, removed with
-// everything in it (whatever permissions or immutable flags a test left) on destruction.
-class ScratchFolder {
+// The shared temporary folder, with IRIs into it; on destruction it first clears the
+// immutable flags a test left on its folders, which would keep them from being removed.
+class ScratchFolder : public support::TempFolder {
  public:
-  ScratchFolder() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "filestore-XXXXXX").string();
-    if (!::mkdtemp(pattern.data())) throw std::runtime_error("mkdtemp failed");
-    path_ = std::filesystem::canonical(pattern).string();
-    ::chmod(path_.c_str(), 0755);
-  }
-  ~ScratchFolder() {
-    std::error_code ec;
-    unlock(path_);
-    std::filesystem::remove_all(path_, ec);
-  }
-  ScratchFolder(ScratchFolder const&) = delete;
-  ScratchFolder& operator=(ScratchFolder const&) = delete;
-
-  std::string const& path() const { return path_; }
-  std::string path(std::string const& relative) const { return path_ + "/" + relative; }
+  ScratchFolder() : TempFolder("filestore") {}
+  ~ScratchFolder() { thaw(path()); }
 
   // file:///<scratch>/<relative>
   sp::StorageIRI iri(std::string const& relative = {}) const {
-    auto text = u"file://" + fl::i18n::to_ustring(path_);
+    auto text = u"file://" + fl::i18n::to_ustring(path().string());
     if (!relative.empty()) text += u"/" + fl::i18n::to_ustring(relative);
     return sp::StorageIRI(text);
   }
 
-  void write(std::string const& relative, std::string const& content) const {
-    std::ofstream out(path(relative), std::ios::binary | std::ios::trunc);
-    out << content;
-    if (!out) throw std::runtime_error("cannot write " + path(relative));
-  }
-  std::string read(std::string const& relative) const {
-    std::ifstream in(path(relative), std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-  }
-  void mkdir(std::string const& relative) const { std::filesystem::create_directories(path(relative)); }
-  bool exists(std::string const& relative) const {
-    struct stat st {};
-    return ::lstat(path(relative).c_str(), &st) == 0;
-  }
-
  private:
-  // Makes everything below `path` removable again (tests make only folders immutable).
-  static void unlock(std::string const& path) {
-    setImmutable(path, false);
-    struct stat st {};
-    if (::lstat(path.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) return;
-    ::chmod(path.c_str(), 0700);
+  static void thaw(std::filesystem::path const& folder) {
+    setImmutable(folder, false);
+    ::chmod(folder.c_str(), 0700);
     std::error_code ec;
-    for (auto const& entry : std::filesystem::directory_iterator(path, ec)) {
-      if (entry.is_directory(ec) && !entry.is_symlink(ec)) unlock(entry.path().string());
+    for (auto const& entry : std::filesystem::directory_iterator(folder, ec)) {
+      if (entry.is_directory(ec) && !entry.is_symlink(ec)) thaw(entry.path());
     }
   }
-
-  std::string path_;
 };
 
 // Runs `/bin/sh -c command` in `folder` in a child process and returns its exit status

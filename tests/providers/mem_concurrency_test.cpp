@@ -6,12 +6,13 @@
 
 #include <foundation/storage/provider/Exception.hpp>
 #include <foundation/storage/provider/StorageItem.hpp>
+#include <support/Counter.hpp>
+#include <support/Signal.hpp>
 
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <map>
-#include <condition_variable>
 #include <mutex>
 #include <set>
 #include <string>
@@ -30,48 +31,8 @@ using foundation::storage::provider::Exception;
 using foundation::storage::provider::ReplacementPolicy;
 using foundation::storage::provider::StorageIRI;
 using foundation::storage::provider::StorageItem;
-
-// A count that threads raise and others wait on.
-class Counter {
- public:
-  void add() {
-    std::lock_guard lock(mutex_);
-    ++value_;
-    changed_.notify_all();
-  }
-  void waitFor(int target) {
-    std::unique_lock lock(mutex_);
-    changed_.wait(lock, [&] { return value_ >= target; });
-  }
-  int value() {
-    std::lock_guard lock(mutex_);
-    return value_;
-  }
-
- private:
-  std::mutex mutex_;  // guards value_
-  std::condition_variable changed_;
-  int value_ = 0;
-};
-
-// A flag that one thread sets once and others wait for.
-class Signal {
- public:
-  void set() {
-    std::lock_guard lock(mutex_);
-    set_ = true;
-    changed_.notify_all();
-  }
-  void wait() {
-    std::unique_lock lock(mutex_);
-    changed_.wait(lock, [&] { return set_; });
-  }
-
- private:
-  std::mutex mutex_;  // guards set_
-  std::condition_variable changed_;
-  bool set_ = false;
-};
+using support::Counter;
+using support::Signal;
 
 class MemConcurrencyTest : public ::testing::Test {
  protected:

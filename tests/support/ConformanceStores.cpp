@@ -1,4 +1,5 @@
 #include <support/ConformanceStores.hpp>
+#include <support/TempFolder.hpp>
 
 #include <providers/file/FileProvider.hpp>
 #include <providers/mem/MemoryProvider.hpp>
@@ -6,13 +7,8 @@
 #include <fl/filesystem.hpp>
 #include <fl/i18n.hpp>
 
-#include <filesystem>
-#include <stdexcept>
-#include <string>
-#include <system_error>
-#include <vector>
+#include <memory>
 
-#include <stdlib.h>
 #include <unistd.h>
 
 namespace ovltest {
@@ -33,42 +29,17 @@ StoreUnderTest memStore(bool caseSensitive) {
           }};
 }
 
-namespace {
-
-// Makes everything below `folder` writable again, so that a test that left a read-only
-// folder behind cannot keep its temporary folder from being removed.
-void makeWritable(std::filesystem::path const& folder) {
-  std::error_code ignored;
-  std::filesystem::permissions(folder, std::filesystem::perms::owner_all, std::filesystem::perm_options::add, ignored);
-  for (auto it = std::filesystem::recursive_directory_iterator(folder, ignored);
-       it != std::filesystem::recursive_directory_iterator(); it.increment(ignored)) {
-    if (it->is_symlink(ignored)) continue;
-    std::filesystem::permissions(it->path(), std::filesystem::perms::owner_all, std::filesystem::perm_options::add,
-                                 ignored);
-  }
-}
-
-}  // namespace
-
 StoreUnderTest fileStore() {
   return {"file", []() -> std::shared_ptr<Harness> {
-            std::string pattern = (fl::filesystem::temp_directory_name() / "ovl-conformance-XXXXXX").string();
-            std::vector<char> buffer(pattern.begin(), pattern.end());
-            buffer.push_back('\0');
-            if (::mkdtemp(buffer.data()) == nullptr) {
-              throw std::system_error(errno, std::generic_category(), "mkdtemp " + pattern);
-            }
-            std::filesystem::path const folder(buffer.data());
+            auto folder = std::make_shared<support::TempFolder>("ovl-conformance");
             auto provider = std::make_shared<providers::file::FileProvider>();
             StoreCapabilities capabilities;
             capabilities.enforcesWritable = ::geteuid() != 0;
             capabilities.caseSensitive = true;
-            sp::StorageItem root(provider, sp::StorageIRI(u"file://" + fl::filesystem::to_ustring(folder)));
-            return std::make_shared<SimpleHarness>(root, capabilities, [provider, folder] {
+            sp::StorageItem root(provider, sp::StorageIRI(u"file://" + fl::filesystem::to_ustring(folder->path())));
+            return std::make_shared<SimpleHarness>(root, capabilities, [provider, folder]() mutable {
               provider->doShutdown();
-              makeWritable(folder);
-              std::error_code ignored;
-              std::filesystem::remove_all(folder, ignored);
+              folder.reset();
             });
           }};
 }

@@ -455,7 +455,7 @@ TEST_P(ConformanceSuite, MoveFileMovesContentAndReplacesOnlyWhenAllowed) {
   EXPECT_EQ(snapshot(u""), (Tree{{u"docs", "<folder>"}, {u"other.txt", "alpha"}}));
 }
 
-TEST_P(ConformanceSuite, MoveFileRefusalsLeaveBothSidesUntouched) {
+void ConformanceSuite::expectFileTransferRefusals(FileTransfer const& transfer, std::u16string const& folderTarget) {
   write(u"src.txt", "source");
   write(u"dst.txt", "destination");
   write(u"folder/inside.txt", "inside");
@@ -463,24 +463,29 @@ TEST_P(ConformanceSuite, MoveFileRefusalsLeaveBothSidesUntouched) {
   Tree const before = snapshot(u"");
 
   EXPECT_STORAGE_ERROR(ErrorCode::AlreadyExists, iri(u"dst.txt"),
-                       item(u"src.txt").moveFile(iri(u"dst.txt"), ReplacementPolicy::Never));
+                       transfer(item(u"src.txt"), iri(u"dst.txt"), ReplacementPolicy::Never));
   // KeepExisting means nothing more for a single file: it refuses like Never.
   EXPECT_STORAGE_ERROR(ErrorCode::AlreadyExists, iri(u"dst.txt"),
-                       item(u"src.txt").moveFile(iri(u"dst.txt"), ReplacementPolicy::KeepExisting));
+                       transfer(item(u"src.txt"), iri(u"dst.txt"), ReplacementPolicy::KeepExisting));
   // A file never replaces a folder, whatever the policy.
   EXPECT_STORAGE_ERROR(ErrorCode::AlreadyExists, iri(u"folder"),
-                       item(u"src.txt").moveFile(iri(u"folder"), ReplacementPolicy::Never));
+                       transfer(item(u"src.txt"), iri(u"folder"), ReplacementPolicy::Never));
   EXPECT_STORAGE_ERROR(ErrorCode::AlreadyExists, iri(u"folder"),
-                       item(u"src.txt").moveFile(iri(u"folder"), ReplacementPolicy::Always));
+                       transfer(item(u"src.txt"), iri(u"folder"), ReplacementPolicy::Always));
   EXPECT_STORAGE_ERROR(ErrorCode::DoesNotExist, iri(u"missing.txt"),
-                       item(u"missing.txt").moveFile(iri(u"new.txt"), ReplacementPolicy::Never));
+                       transfer(item(u"missing.txt"), iri(u"new.txt"), ReplacementPolicy::Never));
   EXPECT_STORAGE_ERROR(ErrorCode::DoesNotExist, iri(u"folder"),
-                       item(u"folder").moveFile(iri(u"moved"), ReplacementPolicy::Never));
+                       transfer(item(u"folder"), iri(folderTarget), ReplacementPolicy::Never));
   // Which of the two a missing destination parent names is left open.
   EXPECT_STORAGE_ERROR(ErrorCode::DoesNotExist, (std::vector<StorageIRI>{iri(u"nowhere"), iri(u"nowhere/new.txt")}),
-                       item(u"src.txt").moveFile(iri(u"nowhere/new.txt"), ReplacementPolicy::Never));
+                       transfer(item(u"src.txt"), iri(u"nowhere/new.txt"), ReplacementPolicy::Never));
   settle();
   EXPECT_EQ(snapshot(u""), before);
+}
+
+TEST_P(ConformanceSuite, MoveFileRefusalsLeaveBothSidesUntouched) {
+  expectFileTransferRefusals(
+      [](StorageItem from, StorageIRI const& to, ReplacementPolicy policy) { from.moveFile(to, policy); }, u"moved");
 }
 
 TEST_P(ConformanceSuite, MoveFolderMovesTheWholeTree) {
@@ -610,28 +615,8 @@ TEST_P(ConformanceSuite, CopyFileMakesAnIndependentCopyAndReplacesOnlyWhenAllowe
 }
 
 TEST_P(ConformanceSuite, CopyFileRefusalsLeaveTheDestinationUntouched) {
-  write(u"src.txt", "source");
-  write(u"dst.txt", "destination");
-  write(u"folder/inside.txt", "inside");
-  settle();
-  Tree const before = snapshot(u"");
-
-  EXPECT_STORAGE_ERROR(ErrorCode::AlreadyExists, iri(u"dst.txt"),
-                       item(u"src.txt").copyFile(iri(u"dst.txt"), ReplacementPolicy::Never));
-  EXPECT_STORAGE_ERROR(ErrorCode::AlreadyExists, iri(u"dst.txt"),
-                       item(u"src.txt").copyFile(iri(u"dst.txt"), ReplacementPolicy::KeepExisting));
-  EXPECT_STORAGE_ERROR(ErrorCode::AlreadyExists, iri(u"folder"),
-                       item(u"src.txt").copyFile(iri(u"folder"), ReplacementPolicy::Never));
-  EXPECT_STORAGE_ERROR(ErrorCode::AlreadyExists, iri(u"folder"),
-                       item(u"src.txt").copyFile(iri(u"folder"), ReplacementPolicy::Always));
-  EXPECT_STORAGE_ERROR(ErrorCode::DoesNotExist, iri(u"missing.txt"),
-                       item(u"missing.txt").copyFile(iri(u"new.txt"), ReplacementPolicy::Never));
-  EXPECT_STORAGE_ERROR(ErrorCode::DoesNotExist, iri(u"folder"),
-                       item(u"folder").copyFile(iri(u"copied"), ReplacementPolicy::Never));
-  EXPECT_STORAGE_ERROR(ErrorCode::DoesNotExist, (std::vector<StorageIRI>{iri(u"nowhere"), iri(u"nowhere/new.txt")}),
-                       item(u"src.txt").copyFile(iri(u"nowhere/new.txt"), ReplacementPolicy::Never));
-  settle();
-  EXPECT_EQ(snapshot(u""), before);
+  expectFileTransferRefusals(
+      [](StorageItem from, StorageIRI const& to, ReplacementPolicy policy) { from.copyFile(to, policy); }, u"copied");
 }
 
 // ---------------------------------------------------------------------------------------

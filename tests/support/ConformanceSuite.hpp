@@ -223,6 +223,14 @@ class ConformanceSuite : public ::testing::TestWithParam<StoreUnderTest> {
   // Opens a write stream on `path`, writes one byte and closes; reports where it failed.
   WriteRefusal tryToWrite(std::u16string const& path) const;
 
+  // Moves or copies the single file `from` to `to`.
+  using FileTransfer =
+      std::function<void(StorageItem from, StorageIRI const& to, foundation::storage::provider::ReplacementPolicy)>;
+  // Expects each transfer that must be refused (onto a file without replacement, onto a
+  // folder, of a missing file or of a folder, into a missing folder; the folder is sent to
+  // `folderTarget`) to fail with its code and IRI, and leaves the tree as it was.
+  void expectFileTransferRefusals(FileTransfer const& transfer, std::u16string const& folderTarget);
+
  private:
   std::shared_ptr<Harness> harness_;
   StoreCapabilities caps_;

@@ -2,6 +2,8 @@
 // file system and on mem stores: what they print, what they change, and how they fail.
 #include <ovl/Ovl.hpp>
 
+#include "ovl_test_support.hpp"
+
 #include <providers/file/FileProviderFactory.hpp>
 #include <providers/mem/MemoryProvider.hpp>
 #include <providers/mem/MemoryProviderFactory.hpp>
@@ -15,7 +17,6 @@
 
 #include <filesystem>
 #include <fstream>
-#include <random>
 #include <regex>
 #include <sstream>
 
@@ -23,34 +24,19 @@ namespace {
 
 namespace fs = std::filesystem;
 using namespace foundation::storage::provider;
+using ovl_test::OvlFixture;
+using ovl_test::Result;
 using testing::HasSubstr;
 using testing::StartsWith;
 
-struct Result {
-  int status;
-  std::string out;
-  std::string err;
-};
-
-std::ostream& operator<<(std::ostream& os, Result const& r) {
-  return os << "status " << r.status << "\n--- out:\n" << r.out << "--- err:\n" << r.err;
-}
-
-class OvlTest : public testing::Test {
+class OvlTest : public OvlFixture {
  protected:
-  OvlTest() {
+  OvlTest() : OvlFixture("ovl_commands_test") {
     providers::file::registerWith(registry_);
     providers::mem::registerWith(registry_);
     providers::throttle::registerWith(registry_);
-    std::random_device random;
-    dir_ = fs::temp_directory_path() / ("ovl_commands_test_" + std::to_string(random()));
-    fs::create_directories(dir_);
   }
-  ~OvlTest() override {
-    registry_.shutdownAll();
-    std::error_code ignored;
-    fs::remove_all(dir_, ignored);
-  }
+  ~OvlTest() override { registry_.shutdownAll(); }
 
   Result run(std::vector<std::string> args) {
     std::ostringstream out, err;
@@ -59,23 +45,7 @@ class OvlTest : public testing::Test {
     int const status = ovl::runOvl(std::move(args), out, err, options);
     return {status, out.str(), err.str()};
   }
-
-  // Succeeds or fails the test with the whole result in the message.
-  Result ok(std::vector<std::string> args) {
-    auto result = run(std::move(args));
-    EXPECT_EQ(result.status, 0) << result;
-    EXPECT_EQ(result.err, "") << result;
-    return result;
-  }
-
-  // Fails with exit status 1 and exactly the line "ovl <cmd>: <subject>: <cause...>".
-  void failsNaming(std::vector<std::string> args, std::string const& subject, std::string const& cause) {
-    auto const command = args[0];
-    auto const result = run(std::move(args));
-    EXPECT_EQ(result.status, 1) << result;
-    EXPECT_THAT(result.err, StartsWith("ovl " + command + ": " + subject + ": " + cause)) << result;
-    EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << result;
-  }
+  Result command(std::vector<std::string> args) override { return run(std::move(args)); }
 
   void badUsage(std::vector<std::string> args, std::string const& problem) {
     auto const result = run(std::move(args));
@@ -88,16 +58,7 @@ class OvlTest : public testing::Test {
   std::string local(std::string const& name) const { return (dir_ / name).string(); }
   std::string fileIri(std::string const& name) const { return "file://" + (dir_ / name).string(); }
 
-  static void writeLocal(std::string const& path, std::string const& content) {
-    std::ofstream(path, std::ios::binary) << content;
-  }
-  static std::string readLocal(std::string const& path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), {});
-  }
-
   ProviderRegistry registry_;
-  fs::path dir_;
 };
 
 std::string allBytes() {

@@ -6,6 +6,9 @@
 #include <ovl/Demo.hpp>
 #include <ovl/Ovl.hpp>
 #include <support/FileSizeCap.hpp>
+#include <support/ScopedEnv.hpp>
+
+#include "ovl_test_support.hpp"
 
 #include <providers/file/FileProviderFactory.hpp>
 #include <providers/mem/MemoryProviderFactory.hpp>
@@ -22,27 +25,18 @@
 #include <fstream>
 #include <map>
 #include <optional>
-#include <random>
 #include <sstream>
 
 namespace {
 
 namespace fs = std::filesystem;
 namespace fsp = foundation::storage::provider;
+using ovl_test::OvlFixture;
+using ovl_test::Result;
 using testing::HasSubstr;
 using testing::StartsWith;
 
-struct Result {
-  int status;
-  std::string out;
-  std::string err;
-};
-
-std::ostream& operator<<(std::ostream& os, Result const& r) {
-  return os << "status " << r.status << "\n--- out:\n" << r.out << "--- err:\n" << r.err;
-}
-
-class OvlOverlay : public testing::Test {
+class OvlOverlay : public OvlFixture {
  protected:
   static void SetUpTestSuite() {
     // The overlay lets the store's events through this long after its own last change;
@@ -50,15 +44,7 @@ class OvlOverlay : public testing::Test {
     ::setenv("QV_OVERLAY_EVENT_ROBUSTNESS_TIMEOUT", "100", 1);
   }
 
-  OvlOverlay() {
-    std::random_device random;
-    dir_ = fs::temp_directory_path() / ("ovl_overlay_test_" + std::to_string(random()));
-    fs::create_directories(dir_ / "store");
-  }
-  ~OvlOverlay() override {
-    std::error_code ignored;
-    fs::remove_all(dir_, ignored);
-  }
+  OvlOverlay() : OvlFixture("ovl_overlay_test") { fs::create_directories(dir_ / "store"); }
 
   // One run of the program, with its own registry.
   static Result run(std::vector<std::string> args) {
@@ -71,31 +57,10 @@ class OvlOverlay : public testing::Test {
     args.insert(args.begin(), {"--overlay-root", store()});
     return run(std::move(args));
   }
-  Result ok(std::vector<std::string> args) const {
-    auto result = overlay(std::move(args));
-    EXPECT_EQ(result.status, 0) << result;
-    EXPECT_EQ(result.err, "") << result;
-    return result;
-  }
-  void failsNaming(std::vector<std::string> args, std::string const& subject, std::string const& cause) const {
-    auto const command = args[0];
-    auto const result = overlay(std::move(args));
-    EXPECT_EQ(result.status, 1) << result;
-    EXPECT_THAT(result.err, StartsWith("ovl " + command + ": " + subject + ": " + cause)) << result;
-    EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << result;
-  }
+  Result command(std::vector<std::string> args) override { return overlay(std::move(args)); }
 
   std::string store() const { return (dir_ / "store").string(); }
   std::string inStore(std::string const& name) const { return (dir_ / "store" / name).string(); }
-  static std::string readLocal(fs::path const& path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), {});
-  }
-  static void writeLocal(fs::path const& path, std::string const& content) {
-    std::ofstream(path, std::ios::binary) << content;
-  }
-
-  fs::path dir_;
 };
 
 // Each command reaches the store through the overlay, which is flushed before the
@@ -378,10 +343,11 @@ TEST_F(OvlOverlay, ASignalEndsTheRunCleanlyAndTheNextRunSweepsWhatAKilledOneLeft
   // A folder whose owner is gone (no such process), and one of this live process.
   fs::create_directories(tmp / "ovl-cache-1-dead");
   writeLocal(tmp / "ovl-cache-1-dead/owner", "999999999 12345\n");
-  ::setenv("TMPDIR", tmp.c_str(), 1);
   std::optional<ovl::CacheRoot> live;
-  live.emplace();
-  ::unsetenv("TMPDIR");
+  {
+    support::ScopedEnv const env("TMPDIR", tmp.c_str());
+    live.emplace();
+  }
   auto const ls = "TMPDIR=" + tmp.string() + " " + OVL_PROGRAM + " --overlay-root " + store() + " ls " + store() +
                   " > /dev/null";
   ASSERT_EQ(std::system(ls.c_str()), 0);

@@ -17,6 +17,7 @@
 #include <fl/i18n.hpp>
 #include <foundation/log/MemorySink.hpp>
 #include <foundation/log/Severity.hpp>
+#include <support/TempFolder.hpp>
 
 #include <boost/date_time/posix_time/posix_time.hpp>
 #include <boost/property_tree/json_parser.hpp>
@@ -45,6 +46,8 @@ using storage::overlayprovider::IntegrityInfo;
 using storage::overlayprovider::IntegrityStatus;
 using storage::overlayprovider::NOOPCacheResource;
 using storage::overlayprovider::generateUUIDString;
+using support::readFile;
+using support::writeFile;
 using storage::overlayprovider::detail::computeHashForIRI;
 
 namespace {
@@ -53,18 +56,6 @@ using Runs = std::vector<std::pair<std::streamoff, std::streamoff>>;
 
 pt::ptime const kEpoch(boost::gregorian::date(1970, 1, 1));
 pt::ptime atSeconds(long long seconds) { return kEpoch + pt::seconds(static_cast<long>(seconds)); }
-
-std::string readFile(stdfs::path const& p) {
-  std::ifstream in(p, std::ios::binary);
-  std::ostringstream out;
-  out << in.rdbuf();
-  return out.str();
-}
-
-void writeFile(stdfs::path const& p, std::string const& content) {
-  std::ofstream out(p, std::ios::binary | std::ios::trunc);
-  out << content;
-}
 
 void setFileTime(stdfs::path const& p, long long seconds) {
   struct utimbuf times {};
@@ -122,16 +113,7 @@ void expectFailureRecord(FailureRecord const& record, unsigned severity, std::st
 
 class CacheResourceTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    std::u16string const id = generateUUIDString();
-    root_ = stdfs::temp_directory_path() / ("cache_resource_test-" + std::string(id.begin(), id.end()));
-    dataDir_ = root_ / "V1.0";
-    stdfs::create_directories(dataDir_);
-  }
-  void TearDown() override {
-    std::error_code ec;
-    stdfs::remove_all(root_, ec);
-  }
+  void SetUp() override { stdfs::create_directories(dataDir_); }
 
   static std::shared_ptr<FileMetadata> metadata(StorageIRI const& location, pt::ptime lastModified,
                                                 unsigned long size) {
@@ -164,8 +146,9 @@ class CacheResourceTest : public ::testing::Test {
     EXPECT_EQ(std::streamoff(info.missingRange->second), second);
   }
 
-  stdfs::path root_;
-  stdfs::path dataDir_;
+  support::TempFolder const scratch_{"cache_resource_test"};
+  stdfs::path const root_ = scratch_.path();
+  stdfs::path const dataDir_ = root_ / "V1.0";
   StorageIRI const location_{u"overlay:<mem://store/>/docs/report.txt"};
 };
 

@@ -21,6 +21,7 @@
 namespace content_cache_test {
 namespace {
 
+using namespace std::chrono_literals;
 using foundation::log::MemorySink;
 using foundation::log::Severity;
 using ovl::CachingErrorException;
@@ -108,7 +109,7 @@ TEST_F(ContentCacheTest, NoSpaceWithNothingToEvictAndOtherFailuresReachTheCaller
     MemorySink sink;
     EXPECT_EQ(whatOf([&] { retrieve(u"big"); }), "Caching failed due to an unknown error.");
     EXPECT_EQ(figures.asked, std::vector<unsigned long>{12345}) << "asked once for the file's size";
-    EXPECT_EQ(messages(sink, {Severity::Error, Severity::Diagnostic}),
+    EXPECT_EQ(messagesAt(sink, {Severity::Error, Severity::Diagnostic}),
               (std::vector<std::string>{"Content caching failure (no space).", "Content caching failure.",
                                         "Exception caught: Caching failed due to a lack of filespace."}));
     EXPECT_FALSE(cache.hasEntry(iri(u"big")));
@@ -118,7 +119,7 @@ TEST_F(ContentCacheTest, NoSpaceWithNothingToEvictAndOtherFailuresReachTheCaller
     MemorySink sink;
     installArbitrator().failing("volume gone");
     EXPECT_EQ(whatOf([&] { retrieve(u"big"); }), "Caching failed due to an unknown error.");
-    EXPECT_EQ(messages(sink, {Severity::Error, Severity::Diagnostic}),
+    EXPECT_EQ(messagesAt(sink, {Severity::Error, Severity::Diagnostic}),
               (std::vector<std::string>{"Content caching failure.", "Exception caught: volume gone"}));
   }
   {
@@ -141,9 +142,9 @@ TEST_F(ContentCacheTest, EvictsTheLeastRecentlyAccessedEntryFirstInLocationOrder
     store->elsewhere().writeFile(u"/" + std::u16string(1, static_cast<char16_t>(name[0])), std::string("/") + name);
   }
   auto& arbitrator = installArbitrator();
-  clock.set(5);
+  clock.set(5ms);
   retrieve(u"a");
-  clock.set(3);
+  clock.set(3ms);
   retrieve(u"c");  // made before "b", yet "b" comes first in location order
   auto b = retrieve(u"b");
   EXPECT_EQ(readThrough(*b, 0, 10), "/b");  // a read at time 3 gives "b" a cache file
@@ -153,7 +154,7 @@ TEST_F(ContentCacheTest, EvictsTheLeastRecentlyAccessedEntryFirstInLocationOrder
 
   MemorySink sink;
   arbitrator.then(false);
-  clock.set(10);
+  clock.set(10ms);
   retrieve(u"d");
   EXPECT_EQ(cache.entryLocations(), (std::vector<fsp::StorageIRI>{iri(u"a"), iri(u"c"), iri(u"d")}));
   EXPECT_FALSE(std::filesystem::exists(bFile)) << "the evicted entry's cache file is deleted";
@@ -162,11 +163,11 @@ TEST_F(ContentCacheTest, EvictsTheLeastRecentlyAccessedEntryFirstInLocationOrder
             1u);
 
   // A read moves an entry's access time: "c" read at 20 is now the youngest but one.
-  clock.set(20);
+  clock.set(20ms);
   auto c = retrieve(u"c");
   EXPECT_EQ(readThrough(*c, 0, 10), "/c");
   arbitrator.then(false).then(false);
-  clock.set(30);
+  clock.set(30ms);
   retrieve(u"e");
   EXPECT_EQ(cache.entryLocations(), (std::vector<fsp::StorageIRI>{iri(u"c"), iri(u"e")})) << "a (5), then d (10)";
   EXPECT_EQ(figures.removals, 3);
@@ -210,7 +211,7 @@ TEST_F(ContentCacheTest, InvalidationsDropWhatChangedAndKeepTheRest) {
   EXPECT_TRUE(std::filesystem::exists(file));
   cache.invalidateOldEntry(iri(u"missing"), "1", true);  // nothing registered: nothing happens
 
-  clock.set(4242);
+  clock.set(4242ms);
   cache.invalidateOldEntry(iri(u"w"), "8", true);
   EXPECT_FALSE(cache.hasEntry(iri(u"w")));
   EXPECT_FALSE(std::filesystem::exists(file)) << "old content is deleted";
@@ -335,7 +336,7 @@ TEST_F(ContentCacheTest, ARootThatCannotBeMadeFailsEveryCallUntilItCan) {
     EXPECT_EQ(whatOf([&] { retrieve(u"a"); }), "Problem initializing cache root.");
     EXPECT_EQ(whatOf([&] { cache.hasEntry(iri(u"a")); }), "Problem initializing cache root.");
     EXPECT_EQ(countRecords(sink, "Problem checking or creating cache root", Severity::Error), 2u);
-    auto const all = messages(sink, {Severity::Diagnostic});
+    auto const all = messagesAt(sink, {Severity::Diagnostic});
     ASSERT_FALSE(all.empty());
     EXPECT_EQ(all.front().rfind("Exception caught: ", 0), 0u);
     EXPECT_NE(all.front().find("blocker"), std::string::npos) << "the failure names the path: " << all.front();
@@ -346,7 +347,7 @@ TEST_F(ContentCacheTest, ARootThatCannotBeMadeFailsEveryCallUntilItCan) {
 
   // The arbitrator made at initialization: a failed measurement is tried again as well.
   int measurements = 0;
-  ContentCache measured(clock.timing(), [&](fl::filesystem::path const&) {
+  ContentCache measured(overlay_test::timingOn(clock), [&](fl::filesystem::path const&) {
     if (++measurements == 1) throw std::runtime_error("statvfs failed");
     return ovl::LocalFSCacheSpaceArbitrator::VolumeSpace{1000, 1000};
   });
@@ -371,7 +372,7 @@ TEST_F(ContentCacheTest, ARootThatCannotBeMadeFailsEveryCallUntilItCan) {
 
   // An arbitrator installed before the first call replaces the measured one.
   int unused = 0;
-  ContentCache installed(clock.timing(), [&](fl::filesystem::path const&) {
+  ContentCache installed(overlay_test::timingOn(clock), [&](fl::filesystem::path const&) {
     ++unused;
     return ovl::LocalFSCacheSpaceArbitrator::VolumeSpace{};
   });

@@ -1,7 +1,6 @@
-// Helpers for the content cache tests: an arbitrator whose answers the test decides, a
-// hand-driven steady clock for the entries' access times, and a fixture that retrieves
-// entries for files of a `mem` store through a ContentCache rooted in a temporary
-// directory.
+// Helpers for the content cache tests: an arbitrator whose answers the test decides, and
+// a fixture that retrieves entries for files of a `mem` store through a ContentCache
+// rooted in a temporary directory, with access times from a clock the test moves.
 #pragma once
 
 #include "content/working_file_test_support.hpp"
@@ -10,6 +9,7 @@
 #include <core/content/ICacheSpaceArbitrator.hpp>
 
 #include <foundation/log/MemorySink.hpp>
+#include <support/LogRecords.hpp>
 
 #include <boost/date_time/posix_time/posix_time_types.hpp>
 
@@ -28,7 +28,9 @@ namespace content_cache_test {
 namespace ovl = storage::overlayprovider;
 namespace fsp = foundation::storage::provider;
 using overlay_test::RecordingExecutor;
-using overlay_test::TempDir;
+using support::countRecords;
+using support::ManualClock;
+using support::messagesAt;
 
 // Answers from a script: the queued answers first, then `otherwise`. Keeps its figures
 // in plain fields: the cache promises to call it only under its own lock, so two calls
@@ -69,23 +71,6 @@ class ScriptedArbitrator final : public ovl::ICacheSpaceArbitrator {
   bool const otherwise_;
   mutable std::deque<bool> script_;
   std::string failure_;
-};
-
-// A steady clock that moves only when the test says.
-class ManualClock {
- public:
-  void set(long long milliseconds) { now_.store(milliseconds); }
-  std::chrono::steady_clock::time_point now() const {
-    return std::chrono::steady_clock::time_point(std::chrono::milliseconds(now_.load()));
-  }
-  ovl::EntryTiming timing() const {
-    ovl::EntryTiming timing;
-    timing.now = [this] { return now(); };
-    return timing;
-  }
-
- private:
-  std::atomic<long long> now_{1000};
 };
 
 // A ContentCache over files of a `mem` store. Locations are inner-most IRIs
@@ -134,34 +119,13 @@ class ContentCacheFixture : public ::testing::Test {
     return buffer;
   }
 
-  TempDir root;
+  support::TempFolder root{"content-cache-test"};
   ManualClock clock;
   std::shared_ptr<providers::mem::MemoryProvider> store = std::make_shared<providers::mem::MemoryProvider>();
   std::shared_ptr<RecordingExecutor> executor = std::make_shared<RecordingExecutor>(/*runInline=*/true);
   std::atomic<bool> shutdownFlag{false};
   ScriptedArbitrator::Figures figures;
-  ovl::ContentCache cache{clock.timing()};
+  ovl::ContentCache cache{overlay_test::timingOn(clock)};
 };
-
-// Captured records with exactly this text and severity.
-inline std::size_t countRecords(foundation::log::MemorySink const& sink, std::string const& message,
-                                unsigned severity) {
-  std::size_t count = 0;
-  for (auto const& record : sink.records()) {
-    if (record.message == message && record.severity == severity) ++count;
-  }
-  return count;
-}
-
-// The captured messages, in order, of the given severities.
-inline std::vector<std::string> messages(foundation::log::MemorySink const& sink, std::vector<unsigned> severities) {
-  std::vector<std::string> out;
-  for (auto const& record : sink.records()) {
-    for (auto severity : severities) {
-      if (record.severity == severity) out.push_back(record.message);
-    }
-  }
-  return out;
-}
 
 }  // namespace content_cache_test

@@ -54,8 +54,7 @@ class WorkingFileEntryConcurrencyTest : public EntryFixture {
 TEST_F(WorkingFileEntryConcurrencyTest, AReadThatNeedsTheStoreWaitsForPendingWrites) {
   Signal waiting;
   std::vector<std::chrono::steady_clock::time_point> deadlines;
-  ovl::EntryTiming timing;
-  timing.now = clock.source();
+  auto timing = timingOn(clock);
   // Waits for a real notification only; the hand clock never reaches the deadline.
   timing.waitUntil = [&](std::unique_lock<std::mutex>& lock, std::condition_variable& cv,
                          std::chrono::steady_clock::time_point deadline) {
@@ -80,8 +79,7 @@ TEST_F(WorkingFileEntryConcurrencyTest, AReadThatNeedsTheStoreWaitsForPendingWri
 TEST_F(WorkingFileEntryConcurrencyTest, AReadWaitsNoLongerThanThePeriod) {
   int waits = 0;
   std::chrono::steady_clock::time_point lastDeadline;
-  ovl::EntryTiming timing;
-  timing.now = clock.source();
+  auto timing = timingOn(clock);
   // Time passes while the read waits: the deadline arrives without a notification.
   timing.waitUntil = [&](std::unique_lock<std::mutex>&, std::condition_variable&,
                          std::chrono::steady_clock::time_point deadline) {
@@ -121,8 +119,7 @@ TEST_F(WorkingFileEntryConcurrencyTest, AnAbortReleasesAWaitForTheOpen) {
   auto& gate = store->gate(providers::mem::Operation::OpenReadOnlyStream);
   gate.close();
   auto backend = std::make_shared<ovl::BackendExecutor>([] {}, 0.0);
-  ovl::EntryTiming timing;
-  timing.now = clock.source();  // standing still: the abort is never earlier than the wait
+  auto timing = timingOn(clock);  // standing still: the abort is never earlier than the wait
   timing.abortPollInterval = 1ms;
   auto entry = makeEntry(u"/o", WorkingFileEntryParams(64, 64), backend, timing);
   entry->openReadOnly();
@@ -319,7 +316,7 @@ TEST_F(WorkingFileEntryConcurrencyTest, AReaderGoingThroughALargeFileGetsPayload
     EXPECT_EQ(got == content, true) << "the bytes read through differ from the store's";
     EXPECT_EQ(store->calls(Operation::Read), 12u);
     entry->flushContentCache();
-    EXPECT_EQ(readWholeFile(entry->getCheckoutPath()) == content, true);
+    EXPECT_EQ(readFile(entry->getCheckoutPath()) == content, true);
   }
 
   // A reader that stops early leaves at most one payload fetched ahead; a writer that

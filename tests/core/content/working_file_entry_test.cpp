@@ -66,7 +66,7 @@ TEST_F(WorkingFileEntryTest, ReadsThroughOnceThenFromTheCache) {
   EXPECT_EQ(readAt(*entry, 100, 3000), content.substr(100, 3000));
   EXPECT_EQ(readAt(*entry, 0, 100), content.substr(0, 100));
   EXPECT_EQ(store->calls(Operation::Read), 1u);
-  EXPECT_EQ(readWholeFile(entry->getCheckoutPath()).substr(0, 4096), content.substr(0, 4096));
+  EXPECT_EQ(readFile(entry->getCheckoutPath()).substr(0, 4096), content.substr(0, 4096));
 
   // Crossing the end returns only the bytes up to the size; at or after it, -1.
   EXPECT_EQ(readAt(*entry, 9990, 100), content.substr(9990));
@@ -116,7 +116,7 @@ TEST_F(WorkingFileEntryTest, FetchedPayloadsNeverOverwriteBytesWrittenLocally) {
   std::string expected = content.substr(0, 50);
   expected.replace(20, 10, "XXXXXXXXXX");
   EXPECT_EQ(readAt(*entry, 0, 50), expected);
-  EXPECT_EQ(readWholeFile(entry->getCheckoutPath()).substr(0, 50), expected);
+  EXPECT_EQ(readFile(entry->getCheckoutPath()).substr(0, 50), expected);
   EXPECT_EQ(readAt(*entry, 0, 50), expected);
 }
 
@@ -147,7 +147,7 @@ TEST_F(WorkingFileEntryTest, TenSequentialMegabytesBecomeThreePayloadsWhileWriti
   EXPECT_EQ(storeContent(u"/big"), data);
   EXPECT_FALSE(entry->hasPendingBackgroundIO());
   EXPECT_FALSE(entry->isOpen());
-  EXPECT_EQ(readWholeFile(entry->getCheckoutPath()), data);
+  EXPECT_EQ(readFile(entry->getCheckoutPath()), data);
 }
 
 TEST_F(WorkingFileEntryTest, ClosingStampsTheCacheFileBeforeTheCloseTransactionRuns) {
@@ -184,7 +184,7 @@ TEST_F(WorkingFileEntryTest, ClosingStampsTheCacheFileBeforeTheCloseTransactionR
 
   executor->runAll();
   EXPECT_EQ(storeContent(u"/stamped"), "hello world");
-  EXPECT_EQ(readWholeFile(entry->getCheckoutPath()), "hello world");
+  EXPECT_EQ(readFile(entry->getCheckoutPath()), "hello world");
   EXPECT_EQ(cacheFileSeconds(), seconds(later));
   EXPECT_FALSE(entry->isOpen());
 }
@@ -278,7 +278,7 @@ TEST_F(WorkingFileEntryTest, WriteBeyondTheEndFillsTheGapWithZeros) {
   entry->write(10, "xyz", 3);
   std::string const expected = std::string("abc") + std::string(7, '\0') + "xyz";
   EXPECT_EQ(entry->getProviderFileSize(), 13u);
-  EXPECT_EQ(readWholeFile(entry->getCheckoutPath()), expected);
+  EXPECT_EQ(readFile(entry->getCheckoutPath()), expected);
   EXPECT_EQ(readAt(*entry, 0, 13), expected);
   EXPECT_EQ(store->calls(Operation::Read), 0u);
   entry->flushContentCache();
@@ -341,10 +341,10 @@ TEST_F(WorkingFileEntryTest, AFailedPayloadAbortsTheEntryForGood) {
 
   // Later writes are accepted and store nothing; the close path only gives back the
   // stream's share.
-  auto const cached = readWholeFile(entry->getCheckoutPath());
+  auto const cached = readFile(entry->getCheckoutPath());
   EXPECT_EQ(entry->write(5, "second", 6), 6);
   EXPECT_EQ(entry->getProviderFileSize(), 5u);
-  EXPECT_EQ(readWholeFile(entry->getCheckoutPath()), cached);
+  EXPECT_EQ(readFile(entry->getCheckoutPath()), cached);
   auto const queuedBefore = executor->records().size();
   entry->flushContentCache();
   EXPECT_EQ(executor->records().size(), queuedBefore);
@@ -470,8 +470,7 @@ TEST_F(WorkingFileEntryTest, OpenFailureSurfacesAtTheFirstUseOfTheInnerStream) {
 
 TEST_F(WorkingFileEntryTest, AbortStateAndWatermark) {
   ManualClock clock;
-  ovl::EntryTiming timing;
-  timing.now = [&clock] { return clock.now(); };
+  auto const timing = timingOn(clock);
   auto executor = std::make_shared<RecordingExecutor>();
   auto metadata = metadataFor(u"/m");
   metadata->withExtendedAttributes([] {
@@ -525,7 +524,7 @@ TEST_F(WorkingFileEntryTest, MovesTakeTheCachedBytesAlong) {
   EXPECT_EQ(store->calls(Operation::Read), reads);
 
   entry->withNewLocation(iriOf(u"/other"));
-  EXPECT_EQ(readWholeFile(entry->getCheckoutPath()), content);
+  EXPECT_EQ(readFile(entry->getCheckoutPath()), content);
   auto replaced = metadataFor(u"/from");
   EXPECT_EQ(&entry->withNewMetadata(replaced), entry.get());
   EXPECT_EQ(entry->getMetadata(), replaced);

@@ -51,7 +51,7 @@ Caught expectFailure(std::function<void()> const& call) {
 
 // Runs open transactions inline; refuses every other transaction with NotWritable, as an
 // executor that fails to take a payload would.
-class RefusingExecutor final : public ovl::IExecutor {
+class RefusingExecutor final : public FakeExecutor {
  public:
   void execute(Task task, ovl::ObservableTransactionType type, double) override {
     if (type == ovl::ObservableTransactionType::FILE_OPEN_READWRITE ||
@@ -61,14 +61,6 @@ class RefusingExecutor final : public ovl::IExecutor {
     }
     throw fsp::Exception(fsp::ErrorCode::NotWritable, fsp::StorageIRI(u"mem://s1/refused"));
   }
-  void shutdown(bool) override {}
-  void join() override {}
-  bool isShutdown() const override { return false; }
-  std::chrono::steady_clock::time_point getLastActivityTime() const override { return {}; }
-  bool isQueueEmpty() const override { return true; }
-  void waitForPendingToFinish() override {}
-  void setMaxQueueWeight(double) override {}
-  void logQueueStatistics() override {}
 };
 
 class WorkingFileStreamTest : public EntryFixture {

@@ -1,8 +1,9 @@
-// Helpers shared by the working file entry and stream tests: a temporary cache
-// directory, an executor that records what it is given and runs it when the test says,
-// a quota accountant with a settable figure, and a fixture that builds entries over a
-// `mem` store.
+// Helpers shared by the working file entry and stream tests: a quota accountant with a
+// settable figure, and a fixture that builds entries over a `mem` store, with their cache
+// files in a temporary folder.
 #pragma once
+
+#include "exec/executor_test_support.hpp"
 
 #include <core/metadata/FileMetadata.hpp>
 #include <core/exec/IExecutor.hpp>
@@ -13,6 +14,8 @@
 #include <foundation/storage/provider/StorageItem.hpp>
 #include <providers/mem/MemoryProvider.hpp>
 #include <providers/mem/SideDoor.hpp>
+#include <support/ManualClock.hpp>
+#include <support/TempFolder.hpp>
 
 #include <gtest/gtest.h>
 
@@ -36,35 +39,14 @@ namespace overlay_test {
 namespace ovl = storage::overlayprovider;
 namespace fsp = foundation::storage::provider;
 using ovl::ObservableTransactionType;
+using support::ManualClock;
+using support::readFile;
 
-// A directory of its own below the system's temporary directory, removed with its
-// content at destruction.
-class TempDir {
- public:
-  TempDir() {
-    static std::atomic<int> counter{0};
-    path_ = std::filesystem::temp_directory_path() /
-            ("overlay-entry-test-" + std::to_string(::getpid()) + "-" + std::to_string(counter++));
-    std::filesystem::remove_all(path_);
-    std::filesystem::create_directories(path_);
-  }
-  ~TempDir() {
-    std::error_code ignored;
-    std::filesystem::remove_all(path_, ignored);
-  }
-  TempDir(TempDir const&) = delete;
-  TempDir& operator=(TempDir const&) = delete;
-  std::filesystem::path const& path() const { return path_; }
-
- private:
-  std::filesystem::path path_;
-};
-
-inline std::string readWholeFile(std::filesystem::path const& p) {
-  std::ifstream in(p, std::ios::binary);
-  std::ostringstream out;
-  out << in.rdbuf();
-  return out.str();
+// Entry times read from `clock`; the rest as the entries' defaults.
+inline ovl::EntryTiming timingOn(support::ManualClock const& clock) {
+  ovl::EntryTiming timing;
+  timing.now = clock.source();
+  return timing;
 }
 
 // Bytes that differ from position to position (and from seed to seed), so that a byte
@@ -78,90 +60,6 @@ inline std::string patternBytes(std::size_t size, unsigned seed = 1) {
   }
   return out;
 }
-
-// An executor that records every task it is given (kind, weight) and queues it; the
-// test runs the queue on its own thread with runAll(), or, in inline mode, every task
-// runs inside execute() as with a synchronous executor. Thread-safe.
-class RecordingExecutor final : public ovl::IExecutor {
- public:
-  struct Record {
-    ObservableTransactionType type;
-    double weight;
-  };
-
-  explicit RecordingExecutor(bool runInline = false) : inline_(runInline) {}
-
-  void execute(Task task, ObservableTransactionType type, double weight) override {
-    {
-      std::lock_guard lock(mutex_);
-      if (shutdown_) return;  // dropped unrun
-      records_.push_back({type, weight});
-      if (!inline_) {
-        queue_.push_back(std::move(task));
-        return;
-      }
-    }
-    task();
-  }
-  void shutdown(bool cancelOutstanding) override {
-    std::deque<Task> dropped;
-    {
-      std::lock_guard lock(mutex_);
-      shutdown_ = true;
-      if (cancelOutstanding) dropped.swap(queue_);
-    }
-  }
-  void join() override {}
-  bool isShutdown() const override {
-    std::lock_guard lock(mutex_);
-    return shutdown_;
-  }
-  std::chrono::steady_clock::time_point getLastActivityTime() const override { return {}; }
-  bool isQueueEmpty() const override {
-    std::lock_guard lock(mutex_);
-    return queue_.empty();
-  }
-  void waitForPendingToFinish() override { runAll(); }
-  void setMaxQueueWeight(double) override {}
-  void logQueueStatistics() override {}
-
-  // Runs queued tasks, oldest first, until the queue is empty (tasks queued meanwhile
-  // included). Returns how many ran.
-  int runAll() {
-    int ran = 0;
-    while (runNext()) ++ran;
-    return ran;
-  }
-  // Runs the oldest queued task, if any.
-  bool runNext() {
-    Task task;
-    {
-      std::lock_guard lock(mutex_);
-      if (queue_.empty()) return false;
-      task = std::move(queue_.front());
-      queue_.pop_front();
-    }
-    task();
-    return true;
-  }
-  std::vector<Record> records() const {
-    std::lock_guard lock(mutex_);
-    return records_;
-  }
-  std::vector<Record> recordsOf(ObservableTransactionType type) const {
-    std::vector<Record> out;
-    for (auto const& r : records())
-      if (r.type == type) out.push_back(r);
-    return out;
-  }
-
- private:
-  bool const inline_;
-  mutable std::mutex mutex_;  // guards records_, queue_, shutdown_
-  std::vector<Record> records_;
-  std::deque<Task> queue_;
-  bool shutdown_ = false;
-};
 
 // A quota accountant whose figure the test sets; counts the calls the entry makes.
 class TestQuota final : public ovl::IQuotaAccountant {
@@ -235,7 +133,7 @@ class EntryFixture : public ::testing::Test {
   std::string storeContent(std::u16string const& path) const { return store->contentOf(path).value_or("<absent>"); }
 
   std::shared_ptr<providers::mem::MemoryProvider> store;
-  TempDir cache;
+  support::TempFolder cache{"overlay-entry-test"};
   std::shared_ptr<TestQuota> quota = std::make_shared<TestQuota>();
   std::atomic<bool> shutdownFlag{false};
 };

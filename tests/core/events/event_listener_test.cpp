@@ -4,6 +4,8 @@
 #include <core/events/EventListener.hpp>
 #include <core/metadata/MetadataCache.hpp>
 
+#include "exec/executor_test_support.hpp"
+
 #include <foundation/log/MemorySink.hpp>
 #include <foundation/storage/provider/StorageItem.hpp>
 #include <providers/mem/MemoryProvider.hpp>
@@ -13,7 +15,6 @@
 
 #include <filesystem>
 
-#include <deque>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -23,69 +24,16 @@ using fsp::StorageIRI;
 using fsp::StorageItem;
 using Kind = foundation::storage::events::Kind;
 using EntryType = foundation::storage::events::EntryType;
+using overlay_test::RecordingExecutor;
 using providers::mem::MemoryProvider;
 using providers::mem::Operation;
 using storage::overlayprovider::ContentCache;
 using storage::overlayprovider::EventListener;
-using storage::overlayprovider::IExecutor;
 using storage::overlayprovider::IQuotaAccountant;
 using storage::overlayprovider::MetadataCache;
 using storage::overlayprovider::ObservableTransactionType;
 
 namespace {
-
-// Keeps the queued tasks until the test runs them, so the test decides what has run.
-class HeldQueue final : public IExecutor {
- public:
-  void execute(Task task, ObservableTransactionType type, double weight) override {
-    std::lock_guard lock(mutex_);
-    types_.push_back(type);
-    weights_.push_back(weight);
-    tasks_.push_back(std::move(task));
-  }
-  void shutdown(bool) override {}
-  void join() override {}
-  bool isShutdown() const override { return false; }
-  std::chrono::steady_clock::time_point getLastActivityTime() const override { return {}; }
-  bool isQueueEmpty() const override {
-    std::lock_guard lock(mutex_);
-    return tasks_.empty();
-  }
-  void waitForPendingToFinish() override { runAll(); }
-  void setMaxQueueWeight(double) override {}
-  void logQueueStatistics() override {}
-
-  void runAll() {
-    for (;;) {
-      Task task;
-      {
-        std::lock_guard lock(mutex_);
-        if (tasks_.empty()) return;
-        task = std::move(tasks_.front());
-        tasks_.pop_front();
-      }
-      task();
-    }
-  }
-  std::size_t queued() const {
-    std::lock_guard lock(mutex_);
-    return tasks_.size();
-  }
-  std::vector<ObservableTransactionType> types() const {
-    std::lock_guard lock(mutex_);
-    return types_;
-  }
-  std::vector<double> weights() const {
-    std::lock_guard lock(mutex_);
-    return weights_;
-  }
-
- private:
-  mutable std::mutex mutex_;  // guards everything below
-  std::deque<Task> tasks_;
-  std::vector<ObservableTransactionType> types_;
-  std::vector<double> weights_;
-};
 
 // Records what the listener gives back, as "file <iri>" or "tree <iri>".
 class RecordingQuota final : public IQuotaAccountant {
@@ -131,7 +79,8 @@ class EventListenerTest : public ::testing::Test {
   std::shared_ptr<StorageItem> inner = std::make_shared<StorageItem>(store, store->root());
   MetadataCache metadata{inner, true};
   ContentCache content;
-  std::shared_ptr<HeldQueue> queue = std::make_shared<HeldQueue>();
+  // Keeps the queued tasks until the test runs them, so the test decides what has run.
+  std::shared_ptr<RecordingExecutor> queue = std::make_shared<RecordingExecutor>();
   std::shared_ptr<RecordingQuota> quota = std::make_shared<RecordingQuota>();
 };
 
@@ -144,8 +93,10 @@ TEST_F(EventListenerTest, EachEventQueuesItsInvalidation) {
   listener->handle(Kind::Added, iri(u"/"), iri(u"/e/sub"), EntryType::Folder, {});
   listener->handle(Kind::Removed, iri(u"/"), iri(u"/f"), EntryType::Folder, {});
   EXPECT_EQ(queue->queued(), 5u) << "a file refresh queues nothing";
-  for (auto type : queue->types()) EXPECT_EQ(type, ObservableTransactionType::EXTERNAL_EVENT);
-  for (double weight : queue->weights()) EXPECT_EQ(weight, 0.0);
+  for (auto const& record : queue->records()) {
+    EXPECT_EQ(record.type, ObservableTransactionType::EXTERNAL_EVENT);
+    EXPECT_EQ(record.weight, 0.0);
+  }
   EXPECT_TRUE(quota->calls().empty()) << "nothing runs on the event thread";
 
   queue->runAll();
@@ -230,10 +181,10 @@ TEST_F(EventListenerTest, ChangesMadeElsewhereArriveThroughTheSubscription) {
 
   // Once the listener is gone, the store's copy of the callback drops events.
   listener.reset();
-  auto const before = queue->types().size();
+  auto const before = queue->records().size();
   store->elsewhere().writeFile(u"/d/b.txt", "b");
   store->waitForEventsDelivered();
-  EXPECT_EQ(queue->types().size(), before);
+  EXPECT_EQ(queue->records().size(), before);
 }
 
 TEST_F(EventListenerTest, AFailedSubscriptionIsLoggedAndSurvived) {

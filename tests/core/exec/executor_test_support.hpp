@@ -1,12 +1,17 @@
-// Helpers shared by the executor tests: a clock moved by hand, a gate that holds a task
-// until the test opens it, and reading the queue statistics back from the log.
+// Helpers shared by the executor tests and the tests of the executor's users: the base of
+// hand-made executors and one that records and holds what it is given, a gate that holds
+// a task until the test opens it, and reading the queue statistics back from the log.
 #pragma once
 
 #include <core/exec/BackendExecutor.hpp>
+#include <core/exec/IExecutor.hpp>
 #include <core/util/SteadyClock.hpp>
 
 #include <foundation/log/MemorySink.hpp>
 #include <foundation/log/Severity.hpp>
+#include <support/LogRecords.hpp>
+#include <support/ManualClock.hpp>
+#include <support/Signal.hpp>
 
 #include <boost/property_tree/json_parser.hpp>
 #include <boost/property_tree/ptree.hpp>
@@ -16,6 +21,8 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <deque>
+#include <memory>
 #include <mutex>
 #include <sstream>
 #include <string>
@@ -25,20 +32,133 @@
 namespace overlay_test {
 
 using namespace std::chrono_literals;
+using support::ManualClock;
+using support::messagesContaining;
+using support::Signal;
 
-// A steady clock that stands still until the test advances it.
-class ManualClock {
+// The base of the executors tests hand to the overlay. Every call goes to `inner` when
+// there is one; without one, execute() runs the task at once and the rest does nothing,
+// with a queue that is always empty and never shuts down. Subclasses override what their
+// test observes or decides.
+class FakeExecutor : public storage::overlayprovider::IExecutor {
  public:
-  storage::overlayprovider::SteadyClockSource source() {
-    return [this] { return std::chrono::steady_clock::time_point(std::chrono::nanoseconds(now_.load())); };
+  explicit FakeExecutor(std::shared_ptr<IExecutor> inner = nullptr) : inner_(std::move(inner)) {}
+
+  void execute(Task task, storage::overlayprovider::ObservableTransactionType type, double weight) override {
+    if (!inner_) return task();
+    inner_->execute(std::move(task), type, weight);
   }
-  std::chrono::steady_clock::time_point now() const {
-    return std::chrono::steady_clock::time_point(std::chrono::nanoseconds(now_.load()));
+  void shutdown(bool cancelOutstanding) override {
+    if (inner_) inner_->shutdown(cancelOutstanding);
   }
-  void advance(std::chrono::nanoseconds by) { now_ += by.count(); }
+  void join() override {
+    if (inner_) inner_->join();
+  }
+  bool isShutdown() const override { return inner_ && inner_->isShutdown(); }
+  std::chrono::steady_clock::time_point getLastActivityTime() const override {
+    return inner_ ? inner_->getLastActivityTime() : std::chrono::steady_clock::time_point();
+  }
+  bool isQueueEmpty() const override { return !inner_ || inner_->isQueueEmpty(); }
+  void waitForPendingToFinish() override {
+    if (inner_) inner_->waitForPendingToFinish();
+  }
+  void setMaxQueueWeight(double weight) override {
+    if (inner_) inner_->setMaxQueueWeight(weight);
+  }
+  void logQueueStatistics() override {
+    if (inner_) inner_->logQueueStatistics();
+  }
+  foundation::storage::provider::extensions::QueueFigures queueFigures() const override {
+    return inner_ ? inner_->queueFigures() : IExecutor::queueFigures();
+  }
 
  private:
-  std::atomic<long long> now_{1'000'000'000'000};  // any fixed origin
+  std::shared_ptr<IExecutor> const inner_;
+};
+
+// An executor that records every task it is given (kind, weight) and queues it; the
+// test runs the queue on its own thread with runAll(), or, in inline mode, every task
+// runs inside execute() as with a synchronous executor. Thread-safe.
+class RecordingExecutor final : public FakeExecutor {
+ public:
+  struct Record {
+    storage::overlayprovider::ObservableTransactionType type;
+    double weight;
+  };
+
+  explicit RecordingExecutor(bool runInline = false) : inline_(runInline) {}
+
+  void execute(Task task, storage::overlayprovider::ObservableTransactionType type, double weight) override {
+    {
+      std::lock_guard lock(mutex_);
+      if (shutdown_) return;  // dropped unrun
+      records_.push_back({type, weight});
+      if (!inline_) {
+        queue_.push_back(std::move(task));
+        return;
+      }
+    }
+    task();
+  }
+  void shutdown(bool cancelOutstanding) override {
+    std::deque<Task> dropped;
+    {
+      std::lock_guard lock(mutex_);
+      shutdown_ = true;
+      if (cancelOutstanding) dropped.swap(queue_);
+    }
+  }
+  bool isShutdown() const override {
+    std::lock_guard lock(mutex_);
+    return shutdown_;
+  }
+  bool isQueueEmpty() const override {
+    std::lock_guard lock(mutex_);
+    return queue_.empty();
+  }
+  void waitForPendingToFinish() override { runAll(); }
+  // How many tasks wait in the queue.
+  std::size_t queued() const {
+    std::lock_guard lock(mutex_);
+    return queue_.size();
+  }
+
+  // Runs queued tasks, oldest first, until the queue is empty (tasks queued meanwhile
+  // included). Returns how many ran.
+  int runAll() {
+    int ran = 0;
+    while (runNext()) ++ran;
+    return ran;
+  }
+  // Runs the oldest queued task, if any.
+  bool runNext() {
+    Task task;
+    {
+      std::lock_guard lock(mutex_);
+      if (queue_.empty()) return false;
+      task = std::move(queue_.front());
+      queue_.pop_front();
+    }
+    task();
+    return true;
+  }
+  std::vector<Record> records() const {
+    std::lock_guard lock(mutex_);
+    return records_;
+  }
+  std::vector<Record> recordsOf(storage::overlayprovider::ObservableTransactionType type) const {
+    std::vector<Record> out;
+    for (auto const& r : records())
+      if (r.type == type) out.push_back(r);
+    return out;
+  }
+
+ private:
+  bool const inline_;
+  mutable std::mutex mutex_;  // guards records_, queue_, shutdown_
+  std::vector<Record> records_;
+  std::deque<Task> queue_;
+  bool shutdown_ = false;
 };
 
 // Holds the tasks that pass through it until the test opens it.
@@ -67,35 +187,6 @@ class Gate {
   std::condition_variable changed_;
   int arrived_ = 0;
   bool open_ = false;
-};
-
-// A one-shot event a thread can wait for.
-class Signal {
- public:
-  void set() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    set_ = true;
-    changed_.notify_all();
-  }
-  void wait() {
-    std::unique_lock<std::mutex> lock(mutex_);
-    changed_.wait(lock, [this] { return set_; });
-  }
-  bool isSet() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return set_;
-  }
-  // As wait(), but gives up after `timeout`; for tests that would rather fail than hang
-  // when the signal never comes.
-  bool waitFor(std::chrono::milliseconds timeout) {
-    std::unique_lock<std::mutex> lock(mutex_);
-    return changed_.wait_for(lock, timeout, [this] { return set_; });
-  }
-
- private:
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  bool set_ = false;
 };
 
 // Counts the producers the weight bound holds, as reported by the executor, and lets the
@@ -129,15 +220,6 @@ inline boost::property_tree::ptree parseJson(std::string const& text) {
   boost::property_tree::ptree tree;
   boost::property_tree::read_json(in, tree);
   return tree;
-}
-
-// Messages of the captured records that contain `needle`, oldest first.
-inline std::vector<std::string> messagesContaining(foundation::log::MemorySink const& sink, std::string const& needle) {
-  std::vector<std::string> found;
-  for (auto const& record : sink.records()) {
-    if (record.message.find(needle) != std::string::npos) found.push_back(record.message);
-  }
-  return found;
 }
 
 // Asks for the statistics report and returns it parsed. The report is the one record

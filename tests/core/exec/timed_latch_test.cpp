@@ -3,6 +3,7 @@
 #include "exec/executor_test_support.hpp"
 
 #include <core/exec/TimedLatch.hpp>
+#include <support/Counter.hpp>
 
 #include <gtest/gtest.h>
 
@@ -17,6 +18,7 @@ namespace {
 
 using namespace overlay_test;
 using storage::overlayprovider::TimedLatch;
+using support::Counter;
 using foundation::log::MemorySink;
 
 // A waiter whose time-out passes when the test says so. Lock order: the latch's inner
@@ -84,68 +86,43 @@ class ManualWaiter : public TimedLatch::Waiter {
   std::vector<std::chrono::milliseconds> timeouts_;
 };
 
-// Counts calls of a callback and lets the test wait for a number of them.
-class CallCounter {
- public:
-  std::function<void()> callback() {
-    return [this] {
-      std::lock_guard<std::mutex> lock(mutex_);
-      ++calls_;
-      changed_.notify_all();
-    };
-  }
-  void waitFor(int count) {
-    std::unique_lock<std::mutex> lock(mutex_);
-    changed_.wait(lock, [&] { return calls_ >= count; });
-  }
-  int calls() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return calls_;
-  }
-
- private:
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  int calls_ = 0;
-};
-
 TEST(TimedLatchTest, PausesAtOnceAndResumesAFullTimeOutAfterTheLastTrigger) {
-  CallCounter pauses, unpauses;
+  Counter pauses, unpauses;
   auto waiter = std::make_shared<ManualWaiter>();
   TimedLatch latch(pauses.callback(), unpauses.callback(), std::chrono::milliseconds(250), waiter);
   EXPECT_EQ(std::chrono::milliseconds(250), latch.getTimeout());
 
   latch.trigger();
-  EXPECT_EQ(1, pauses.calls()) << "paused on the caller's thread, before trigger returns";
+  EXPECT_EQ(1, pauses.value()) << "paused on the caller's thread, before trigger returns";
   waiter->waitBegun(1);
 
   // Each trigger re-arms the timer: the wait under way ends without resuming anything and
   // a full time-out begins again.
   latch.trigger();
-  EXPECT_EQ(2, pauses.calls());
+  EXPECT_EQ(2, pauses.value());
   waiter->waitBegun(2);
   latch.trigger();
-  EXPECT_EQ(3, pauses.calls());
+  EXPECT_EQ(3, pauses.value());
   waiter->waitBegun(3);
-  EXPECT_EQ(0, unpauses.calls());
+  EXPECT_EQ(0, unpauses.value());
 
   waiter->expire();  // a full time-out after the last trigger
   unpauses.waitFor(1);
-  EXPECT_EQ(1, unpauses.calls());
+  EXPECT_EQ(1, unpauses.value());
   EXPECT_EQ(3, waiter->begun()) << "one wait per trigger";
   for (auto timeout : waiter->timeouts()) EXPECT_EQ(std::chrono::milliseconds(250), timeout);
 
   // The latch is one-shot per trigger and can be triggered again.
   latch.trigger();
-  EXPECT_EQ(4, pauses.calls());
+  EXPECT_EQ(4, pauses.value());
   waiter->waitBegun(4);
   waiter->expire();
   unpauses.waitFor(2);
-  EXPECT_EQ(2, unpauses.calls());
+  EXPECT_EQ(2, unpauses.value());
 }
 
 TEST(TimedLatchTest, HoldsTheResumptionBackWhileItsConditionHolds) {
-  CallCounter pauses, unpauses;
+  Counter pauses, unpauses;
   auto waiter = std::make_shared<ManualWaiter>();
   std::atomic<bool> busy{true};
   TimedLatch latch(pauses.callback(), unpauses.callback(), std::chrono::milliseconds(40), waiter,
@@ -155,10 +132,10 @@ TEST(TimedLatchTest, HoldsTheResumptionBackWhileItsConditionHolds) {
   waiter->expire();
   // Still busy at the time-out: a further full time-out, no resumption.
   waiter->waitBegun(2);
-  EXPECT_EQ(0, unpauses.calls());
+  EXPECT_EQ(0, unpauses.value());
   waiter->expire();
   waiter->waitBegun(3);
-  EXPECT_EQ(0, unpauses.calls());
+  EXPECT_EQ(0, unpauses.value());
 
   busy = false;
   waiter->expire();
@@ -173,11 +150,11 @@ TEST(TimedLatchTest, HoldsTheResumptionBackWhileItsConditionHolds) {
   waiter->expire();
   waiter->waitBegun(5);
   latch.close();
-  EXPECT_EQ(1, unpauses.calls());
+  EXPECT_EQ(1, unpauses.value());
 }
 
 TEST(TimedLatchTest, CloseStopsThePendingTimerAndSwitchesTriggersOff) {
-  CallCounter pauses, unpauses;
+  Counter pauses, unpauses;
   auto waiter = std::make_shared<ManualWaiter>();
   TimedLatch latch(pauses.callback(), unpauses.callback(), TimedLatch::kDefaultTimeout, waiter);
   latch.trigger();
@@ -187,30 +164,30 @@ TEST(TimedLatchTest, CloseStopsThePendingTimerAndSwitchesTriggersOff) {
   EXPECT_FALSE(latch.isClosed());
   latch.close();  // joins the timer thread: afterwards nothing can resume the listener
   EXPECT_TRUE(latch.isClosed());
-  EXPECT_EQ(0, unpauses.calls());
+  EXPECT_EQ(0, unpauses.value());
 
   latch.trigger();
-  EXPECT_EQ(1, pauses.calls()) << "a closed latch does not pause";
+  EXPECT_EQ(1, pauses.value()) << "a closed latch does not pause";
   EXPECT_EQ(1, waiter->begun()) << "and starts no timer";
   latch.close();
-  EXPECT_EQ(0, unpauses.calls());
+  EXPECT_EQ(0, unpauses.value());
 }
 
 TEST(TimedLatchTest, DestroyingALatchWithAPendingTimerDoesNotResume) {
-  CallCounter pauses, unpauses;
+  Counter pauses, unpauses;
   auto waiter = std::make_shared<ManualWaiter>();
   {
     TimedLatch latch(pauses.callback(), unpauses.callback(), std::chrono::milliseconds(10), waiter);
     latch.trigger();
     waiter->waitBegun(1);
   }
-  EXPECT_EQ(0, unpauses.calls());
+  EXPECT_EQ(0, unpauses.value());
 }
 
 TEST(TimedLatchTest, CallbackFailures) {
   MemorySink sink;
   auto waiter = std::make_shared<ManualWaiter>();
-  CallCounter unpauses;
+  Counter unpauses;
   bool failPause = true;
   auto resumed = std::make_shared<Signal>();
   TimedLatch latch(
@@ -238,11 +215,11 @@ TEST(TimedLatchTest, CallbackFailures) {
 }
 
 TEST(TimedLatchTest, DefaultWaiterResumesOnceTheTimeOutHasPassed) {
-  CallCounter pauses, unpauses;
+  Counter pauses, unpauses;
   TimedLatch latch(pauses.callback(), unpauses.callback(), std::chrono::milliseconds(1));
   latch.trigger();
   unpauses.waitFor(1);  // whenever the real clock gets there
-  EXPECT_EQ(1, pauses.calls());
+  EXPECT_EQ(1, pauses.value());
 }
 
 }  // namespace

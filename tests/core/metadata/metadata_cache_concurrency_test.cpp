@@ -24,6 +24,7 @@
 namespace fsp = foundation::storage::provider;
 using fsp::StorageIRI;
 using fsp::StorageItem;
+using metadata_test::iri;
 using metadata_test::MemStore;
 using providers::mem::Operation;
 using storage::overlayprovider::FileMetadata;
@@ -31,7 +32,6 @@ using storage::overlayprovider::MetadataCache;
 
 namespace {
 
-StorageIRI iri(std::u16string const& path) { return StorageIRI(u"mem:///" + path); }
 std::u16string u16(std::string const& text) { return std::u16string(text.begin(), text.end()); }
 
 TEST(MetadataCacheConcurrencyTest, AHeldListingHoldsUpNoOneElse) {

@@ -18,6 +18,8 @@
 namespace fsp = foundation::storage::provider;
 using fsp::StorageIRI;
 using fsp::StorageItem;
+using metadata_test::contains;
+using metadata_test::iri;
 using metadata_test::MemStore;
 using providers::mem::Operation;
 using storage::overlayprovider::FileMetadata;
@@ -30,13 +32,7 @@ namespace {
 boost::posix_time::ptime at(char const* text) { return boost::posix_time::time_from_string(text); }
 boost::posix_time::ptime now() { return boost::posix_time::microsec_clock::universal_time(); }
 
-StorageIRI iri(std::u16string const& path) { return StorageIRI(u"mem:///" + path); }
-
-bool contains(std::vector<StorageIRI> const& keys, StorageIRI const& key) {
-  return std::find(keys.begin(), keys.end(), key) != keys.end();
-}
-
-class MetadataCacheTest : public ::testing::Test {
+class MetadataCacheTest : public metadata_test::CacheFixture {
  protected:
   void SetUp() override {
     auto& side = store->elsewhere();
@@ -49,10 +45,6 @@ class MetadataCacheTest : public ::testing::Test {
     side.setLastModified(u"/e", at("2000-01-01 00:00:00"));
     side.writeFile(u"/top.txt", "t");
   }
-
-  std::shared_ptr<MemStore> store = std::make_shared<MemStore>();
-  std::shared_ptr<StorageItem> inner = std::make_shared<StorageItem>(store, store->root());
-  MetadataCache cache{inner, true};
 };
 
 TEST_F(MetadataCacheTest, LookupsLoadEachFolderOnceAndMapEveryIRIToTheInnerMostForm) {

@@ -16,19 +16,15 @@
 namespace fsp = foundation::storage::provider;
 using fsp::StorageIRI;
 using fsp::StorageItem;
+using metadata_test::contains;
+using metadata_test::iri;
 using metadata_test::MemStore;
 using providers::mem::Operation;
 using storage::overlayprovider::MetadataCache;
 
 namespace {
 
-StorageIRI iri(std::u16string const& path) { return StorageIRI(u"mem:///" + path); }
-
-bool contains(std::vector<StorageIRI> const& keys, StorageIRI const& key) {
-  return std::find(keys.begin(), keys.end(), key) != keys.end();
-}
-
-class MetadataInvalidationTest : public ::testing::Test {
+class MetadataInvalidationTest : public metadata_test::CacheFixture {
  protected:
   void SetUp() override {
     auto& side = store->elsewhere();
@@ -42,10 +38,6 @@ class MetadataInvalidationTest : public ::testing::Test {
     cache.getFolderMetadata(iri(u"d"));
     cache.loadAndGetFolderContainer(iri(u"d"));
   }
-
-  std::shared_ptr<MemStore> store = std::make_shared<MemStore>();
-  std::shared_ptr<StorageItem> inner = std::make_shared<StorageItem>(store, store->root());
-  MetadataCache cache{inner, true};
 };
 
 TEST_F(MetadataInvalidationTest, InvalidatingTheRootEmptiesTheTreeButKeepsTheSnapshot) {

@@ -18,19 +18,15 @@ namespace fsp = foundation::storage::provider;
 using fsp::ExtendedFeature;
 using fsp::StorageIRI;
 using fsp::StorageItem;
+using metadata_test::contains;
+using metadata_test::iri;
 using metadata_test::MemStore;
 using providers::mem::Operation;
 using storage::overlayprovider::MetadataCache;
 
 namespace {
 
-StorageIRI iri(std::u16string const& path) { return StorageIRI(u"mem:///" + path); }
-
-bool contains(std::vector<StorageIRI> const& keys, StorageIRI const& key) {
-  return std::find(keys.begin(), keys.end(), key) != keys.end();
-}
-
-class MetadataPopulationTest : public ::testing::Test {
+class MetadataPopulationTest : public metadata_test::CacheFixture {
  protected:
   void SetUp() override {
     auto& side = store->elsewhere();
@@ -42,10 +38,6 @@ class MetadataPopulationTest : public ::testing::Test {
     side.writeFile(u"/e/f.txt", "ffff");
     side.writeFile(u"/top.txt", "t");
   }
-
-  std::shared_ptr<MemStore> store = std::make_shared<MemStore>();
-  std::shared_ptr<StorageItem> inner = std::make_shared<StorageItem>(store, store->root());
-  MetadataCache cache{inner, true};
 };
 
 TEST_F(MetadataPopulationTest, WithoutRecursiveListingNothingIsListedOrLoaded) {

@@ -1,15 +1,21 @@
 // Helpers for the metadata cache tests: an in-memory store whose listings can be made to
-// leave out file sizes (so that the cache asks for each file's attributes), and log
-// lookups.
+// leave out file sizes (so that the cache asks for each file's attributes), a fixture
+// with a metadata cache over it, and the texts of the cache's failure records.
 #pragma once
 
+#include <core/metadata/MetadataCache.hpp>
+
 #include <foundation/log/MemorySink.hpp>
+#include <support/LogRecords.hpp>
 #include <foundation/storage/provider/FolderEntry.hpp>
 #include <foundation/storage/provider/IFolderEntryIterator.hpp>
 #include <foundation/storage/provider/StorageItem.hpp>
 #include <providers/mem/MemoryProvider.hpp>
 #include <providers/mem/SideDoor.hpp>
 
+#include <gtest/gtest.h>
+
+#include <algorithm>
 #include <atomic>
 #include <memory>
 #include <string>
@@ -53,20 +59,28 @@ class MemStore : public providers::mem::MemoryProvider {
   }
 };
 
+// "mem:///<path>": the inner-most form of a location in the store.
+inline fsp::StorageIRI iri(std::u16string const& path) { return fsp::StorageIRI(u"mem:///" + path); }
+
+inline bool contains(std::vector<fsp::StorageIRI> const& keys, fsp::StorageIRI const& key) {
+  return std::find(keys.begin(), keys.end(), key) != keys.end();
+}
+
+// A metadata cache (with recursive listing) over a `mem` store of its own.
+class CacheFixture : public ::testing::Test {
+ protected:
+  std::shared_ptr<MemStore> store = std::make_shared<MemStore>();
+  std::shared_ptr<fsp::StorageItem> inner = std::make_shared<fsp::StorageItem>(store, store->root());
+  storage::overlayprovider::MetadataCache cache{inner, true};
+};
+
 inline providers::mem::MemoryProvider::Options caseInsensitive() {
   providers::mem::MemoryProvider::Options options;
   options.sensitivity = fsp::FilenameSensitivity::CaseInsensitive;
   return options;
 }
 
-// How many captured records have exactly this text and severity.
-inline std::size_t countRecords(foundation::log::MemorySink const& sink, std::string const& message, unsigned severity) {
-  std::size_t count = 0;
-  for (auto const& record : sink.records()) {
-    if (record.message == message && record.severity == severity) ++count;
-  }
-  return count;
-}
+using support::countRecords;
 
 inline std::string const kListingFailureText =
     "Couldn't read file/folder metadata during a backend folder listing operation. This is possibly due to a bad "

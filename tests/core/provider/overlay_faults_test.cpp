@@ -4,8 +4,12 @@
 // beyond the end, seeks before the start), a cache directory that cannot be written, a
 // cache disk that fills up, and changes made elsewhere meeting the real latch timer.
 #include <support/FileSizeCap.hpp>
+#include <support/LogRecords.hpp>
 #include <support/StreamContent.hpp>
+#include <support/TempFolder.hpp>
 #include <core/provider/OverlayProvider.hpp>
+
+#include "provider/overlay_test_support.hpp"
 
 #include <foundation/log/MemorySink.hpp>
 #include <foundation/log/Severity.hpp>
@@ -39,6 +43,7 @@ using storage::overlayprovider::OverlayProvider;
 
 namespace {
 
+using support::messagesContaining;
 using support::readAll;
 
 // Equal byte strings; otherwise the sizes and the first differing offset (the contents
@@ -50,13 +55,6 @@ using support::readAll;
   while (at < actual->size() && at < expected.size() && (*actual)[at] == expected[at]) ++at;
   return ::testing::AssertionFailure() << actual->size() << " bytes instead of " << expected.size()
                                        << ", first difference at offset " << at;
-}
-
-// Records of `sink` whose message contains `text`.
-std::size_t countRecords(foundation::log::MemorySink const& sink, std::string const& text) {
-  std::size_t count = 0;
-  for (auto const& record : sink.records()) count += record.message.find(text) != std::string::npos ? 1 : 0;
-  return count;
 }
 
 // Polls `condition` until it holds or `limit` has passed; the pause between polls only
@@ -71,71 +69,14 @@ bool eventually(Condition&& condition, std::chrono::seconds limit = std::chrono:
   return true;
 }
 
-// A directory of its own under the temporary directory, removed with everything in it.
-class ScratchDirectory {
- public:
-  explicit ScratchDirectory(std::string const& name)
-      : path_(std::filesystem::temp_directory_path() / (name + "-" + std::to_string(::getpid()))) {
-    std::filesystem::remove_all(path_);
-    std::filesystem::create_directories(path_);
-  }
-  ~ScratchDirectory() {
-    std::error_code ignored;
-    std::filesystem::permissions(path_ / "cache", std::filesystem::perms::owner_all,
-                                 std::filesystem::perm_options::add, ignored);
-    std::filesystem::remove_all(path_, ignored);
-  }
-  ScratchDirectory(ScratchDirectory const&) = delete;
-  ScratchDirectory& operator=(ScratchDirectory const&) = delete;
-  std::filesystem::path const& path() const { return path_; }
-
- private:
-  std::filesystem::path const path_;
-};
-
-class OverlayFaultsTest : public ::testing::Test {
+class OverlayFaultsTest : public overlay_test::OverlayFixture {
  protected:
-  StorageIRI at(std::u16string const& path) const { return StorageIRI(u"overlay", store->root(), path); }
-
-  // The code and IRI of the Exception `call` throws.
-  template <class Call>
-  std::pair<ErrorCode, StorageIRI> failure(Call&& call) const {
-    try {
-      call();
-    } catch (fsp::Exception const& e) {
-      return {e.getErrorCode(), e.getIRI()};
-    } catch (std::exception const& e) {
-      ADD_FAILURE() << "not the host's Exception: " << e.what();
-      return {ErrorCode::InvalidName, StorageIRI()};
-    }
-    ADD_FAILURE() << "no Exception thrown";
-    return {ErrorCode::InvalidName, StorageIRI()};
-  }
-
-  void write(std::u16string const& path, std::string const& content) const {
-    fsp::ByteStreamOpenOptions options;
-    options.truncate = true;
-    auto stream = provider->doOpenStream(at(path), options);
-    stream->write(content.data(), static_cast<long>(content.size()));
-    stream->close();
-  }
-
-  std::string read(std::u16string const& path) const {
-    auto stream = provider->doOpenReadOnlyStream(at(path));
-    auto content = readAll(*stream);
-    stream->close();
-    return content;
-  }
-
   // From now on every call of the store fails with code 9.
   void failEveryCall() const {
     for (std::size_t op = 0; op < providers::mem::kOperationCount; ++op) {
       store->failEvery(static_cast<Operation>(op), 1, ErrorCode::TransientFailure, op);
     }
   }
-
-  std::shared_ptr<MemoryProvider> store = std::make_shared<MemoryProvider>();
-  std::unique_ptr<OverlayProvider> provider = std::make_unique<OverlayProvider>(StorageItem(store, store->root()));
 };
 
 TEST_F(OverlayFaultsTest, AStoreThatGoesAwayDuringAFlushCostsTheQueuedChangesButNothingElse) {
@@ -178,10 +119,10 @@ TEST_F(OverlayFaultsTest, AStoreThatGoesAwayDuringAFlushCostsTheQueuedChangesBut
   EXPECT_EQ(store->calls(Operation::CreateFolder), 3u);
   EXPECT_EQ(store->calls(Operation::CreateFile), 3u);
   EXPECT_EQ(store->calls(Operation::MoveFile), 3u);
-  EXPECT_EQ(countRecords(sink, "Exception caught: TransientFailure (9): mem://s1/d: injected fault in CreateFolder"), 3u);
-  EXPECT_EQ(countRecords(sink, "Exception caught: TransientFailure (9): mem://s1/d/a.txt: injected fault in CreateFile"),
-            3u);
-  EXPECT_EQ(countRecords(sink, "injected fault in MoveFile"), 3u);
+  std::string const caught = "Exception caught: TransientFailure (9): mem://s1/d";
+  EXPECT_EQ(messagesContaining(sink, caught + ": injected fault in CreateFolder").size(), 3u);
+  EXPECT_EQ(messagesContaining(sink, caught + "/a.txt: injected fault in CreateFile").size(), 3u);
+  EXPECT_EQ(messagesContaining(sink, "injected fault in MoveFile").size(), 3u);
   // The new file's content has no second attempt: its stream is given up.
   EXPECT_TRUE(sink.contains("Unexpected exception during write operation") ||
               sink.contains("injected fault in OpenStream"));
@@ -255,7 +196,7 @@ TEST_F(OverlayFaultsTest, AStoreBackWithinThreeAttemptsLosesNoChange) {
     // A stream's failures name the stream's file; the store's own name the operation.
     auto const fault = op == Operation::Write ? std::string("Write on mem://s1/d/b.txt failed: injected fault")
                                               : std::string("injected fault in ") + providers::mem::toString(op);
-    EXPECT_EQ(countRecords(sink, fault), 2u) << providers::mem::toString(op);
+    EXPECT_EQ(messagesContaining(sink, fault).size(), 2u) << providers::mem::toString(op);
   }
   EXPECT_EQ(read(u"/d/b.txt"), "written through a stream");
   EXPECT_EQ(read(u"/d/old.txt"), "old");
@@ -417,7 +358,7 @@ TEST_F(OverlayFaultsTest, ASeekBeforeTheStartIsRefusedAndLosesNoWrite) {
 }
 
 TEST_F(OverlayFaultsTest, ACacheDirectoryThatCannotBeWrittenFallsBackWithoutLosingAWrite) {
-  ScratchDirectory scratch("overlay-faults-cache");
+  support::TempFolder scratch("overlay-faults-cache");
   auto const cacheRoot = scratch.path() / "cache";
   boost::property_tree::ptree config;
   config.put("overlay.cacheRoot", cacheRoot.string());
@@ -462,7 +403,7 @@ TEST_F(OverlayFaultsTest, ACacheDirectoryThatCannotBeWrittenFallsBackWithoutLosi
 }
 
 TEST_F(OverlayFaultsTest, ACacheDiskThatFillsUpLosesNoAcknowledgedWrite) {
-  ScratchDirectory scratch("overlay-faults-full");
+  support::TempFolder scratch("overlay-faults-full");
   boost::property_tree::ptree config;
   config.put("overlay.cacheRoot", (scratch.path() / "cache").string());
   provider->doConfigure(config);
@@ -493,8 +434,8 @@ TEST_F(OverlayFaultsTest, ACacheDiskThatFillsUpLosesNoAcknowledgedWrite) {
   EXPECT_EQ(store->elsewhere().contentOf(u"/after.txt"), "written while the disk is full");
   EXPECT_EQ(store->elsewhere().contentOf(u"/before.txt"), "cached before the disk filled up");
   EXPECT_EQ(read(u"/before.txt"), "cached before the disk filled up");
-  EXPECT_GE(countRecords(sink, "Failure in local cache writing"), 1u);
-  EXPECT_EQ(countRecords(sink, "Unexpected exception"), 0u) << "the store got every write";
+  EXPECT_GE(messagesContaining(sink, "Failure in local cache writing").size(), 1u);
+  EXPECT_EQ(messagesContaining(sink, "Unexpected exception").size(), 0u) << "the store got every write";
 }
 
 // The latch pauses event handling while the overlay changes the store and resumes it a

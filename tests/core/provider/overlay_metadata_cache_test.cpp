@@ -19,14 +19,13 @@
 namespace fsp = foundation::storage::provider;
 using fsp::StorageIRI;
 using fsp::StorageItem;
+using metadata_test::iri;
 using metadata_test::MemStore;
 using providers::mem::Operation;
 using storage::overlayprovider::MetadataCache;
 using storage::overlayprovider::OverlayProvider;
 
 namespace {
-
-StorageIRI iri(std::u16string const& path) { return StorageIRI(u"mem:///" + path); }
 
 class OverlayMetadataCacheTest : public ::testing::Test {
  protected:

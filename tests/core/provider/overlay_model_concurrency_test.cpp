@@ -21,11 +21,14 @@
 // under AddressSanitizer or ThreadSanitizer (detected at compile time through
 // __SANITIZE_ADDRESS__ / __SANITIZE_THREAD__, or __has_feature with clang) the default
 // is a third of that, so that a sanitizer run on two loaded cores stays under 20 s.
+#include <support/Problems.hpp>
 #include <support/StreamContent.hpp>
 #include <core/exec/BackendExecutor.hpp>
 #include <core/content/ContentCache.hpp>
 #include <core/exec/IExecutor.hpp>
 #include <core/provider/OverlayProvider.hpp>
+
+#include "exec/executor_test_support.hpp"
 
 #include <foundation/log/MemorySink.hpp>
 #include <foundation/storage/provider/ByteStream.hpp>
@@ -55,6 +58,7 @@ using fsp::ErrorCode;
 using fsp::ReplacementPolicy;
 using fsp::StorageIRI;
 using fsp::StorageItem;
+using overlay_test::FakeExecutor;
 using providers::mem::MemoryProvider;
 using providers::mem::Operation;
 using storage::overlayprovider::BackendExecutor;
@@ -118,18 +122,15 @@ std::optional<Operation> retriedOperation(ObservableTransactionType type) {
 // operation with code 9. The queue runs one change at a time and only its worker calls
 // those operations, so each change meets exactly the failures drawn for it, always fewer
 // than its three attempts.
-class FaultPlanExecutor final : public IExecutor {
+class FaultPlanExecutor final : public FakeExecutor {
  public:
   FaultPlanExecutor(std::shared_ptr<IExecutor> inner, MemoryProvider& store, std::uint64_t seed)
-      : inner_(std::move(inner)), store_(store), random_(seed) {}
+      : FakeExecutor(std::move(inner)), store_(store), random_(seed) {}
 
   void execute(Task task, ObservableTransactionType type, double weight) override {
     auto const op = retriedOperation(type);
-    if (!op) {
-      inner_->execute(std::move(task), type, weight);
-      return;
-    }
-    inner_->execute(
+    if (!op) return FakeExecutor::execute(std::move(task), type, weight);
+    FakeExecutor::execute(
         [this, op = *op, task = std::move(task)] {
           // Only the worker thread draws, one change after the other.
           int const failures = static_cast<int>(random_() % 5) / 2;  // 0, 0, 1, 1, 2
@@ -145,20 +146,11 @@ class FaultPlanExecutor final : public IExecutor {
         },
         type, weight);
   }
-  void shutdown(bool cancelOutstanding) override { inner_->shutdown(cancelOutstanding); }
-  void join() override { inner_->join(); }
-  bool isShutdown() const override { return inner_->isShutdown(); }
-  std::chrono::steady_clock::time_point getLastActivityTime() const override { return inner_->getLastActivityTime(); }
-  bool isQueueEmpty() const override { return inner_->isQueueEmpty(); }
-  void waitForPendingToFinish() override { inner_->waitForPendingToFinish(); }
-  void setMaxQueueWeight(double weight) override { inner_->setMaxQueueWeight(weight); }
-  void logQueueStatistics() override { inner_->logQueueStatistics(); }
 
   // Failures armed so far.
   int injected() const { return injected_.load(); }
 
  private:
-  std::shared_ptr<IExecutor> const inner_;
   MemoryProvider& store_;
   std::mt19937_64 random_;  // used by the worker thread only
   std::atomic<int> injected_{0};
@@ -190,32 +182,6 @@ struct Model {
   }
 };
 
-// Failures seen on worker threads, reported by the test's own thread.
-class Problems {
- public:
-  void add(std::string text) {
-    std::lock_guard lock(mutex_);
-    if (texts_.size() < 20) texts_.push_back(std::move(text));
-    ++count_;
-  }
-  std::size_t count() const {
-    std::lock_guard lock(mutex_);
-    return count_;
-  }
-  std::string describe() const {
-    std::lock_guard lock(mutex_);
-    std::string text;
-    for (auto const& line : texts_) text += "\n  " + line;
-    if (count_ > texts_.size()) text += "\n  ... and " + std::to_string(count_ - texts_.size()) + " more";
-    return text;
-  }
-
- private:
-  mutable std::mutex mutex_;  // guards texts_ and count_
-  std::vector<std::string> texts_;
-  std::size_t count_ = 0;
-};
-
 // "{ a: 12 s0/ }": names with sizes, folders with a slash.
 std::string describe(std::map<std::u16string, std::optional<std::size_t>> const& entries) {
   std::string text = "{";
@@ -223,6 +189,7 @@ std::string describe(std::map<std::u16string, std::optional<std::size_t>> const&
   return text + " }";
 }
 
+using support::Problems;
 using support::readAll;
 
 class OverlayModelTest : public ::testing::Test {

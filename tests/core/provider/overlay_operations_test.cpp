@@ -3,7 +3,10 @@
 // streams through the content cache and the fallback after a caching failure, quota
 // figures and changes made elsewhere.
 #include <support/StreamContent.hpp>
+#include <support/TempFolder.hpp>
 #include <core/provider/OverlayProvider.hpp>
+
+#include "provider/overlay_test_support.hpp"
 #include <core/exec/SynchronousExecutor.hpp>
 
 #include "content/working_file_test_support.hpp"
@@ -36,40 +39,7 @@ namespace {
 
 using support::readAll;
 
-class OverlayOperationsTest : public ::testing::Test {
- protected:
-  StorageIRI at(std::u16string const& path) const { return StorageIRI(u"overlay", store->root(), path); }
-
-  // The code and IRI of the Exception `call` throws.
-  template <class Call>
-  std::pair<ErrorCode, StorageIRI> failure(Call&& call) {
-    try {
-      call();
-    } catch (fsp::Exception const& e) {
-      return {e.getErrorCode(), e.getIRI()};
-    }
-    ADD_FAILURE() << "no Exception thrown";
-    return {ErrorCode::TransientFailure, StorageIRI()};
-  }
-
-  void write(std::u16string const& path, std::string const& content) {
-    fsp::ByteStreamOpenOptions options;
-    options.truncate = true;
-    auto stream = provider->doOpenStream(at(path), options);
-    stream->write(content.data(), static_cast<long>(content.size()));
-    stream->close();
-  }
-
-  std::string read(std::u16string const& path) {
-    auto stream = provider->doOpenReadOnlyStream(at(path));
-    auto content = readAll(*stream);
-    stream->close();
-    return content;
-  }
-
-  std::shared_ptr<MemoryProvider> store = std::make_shared<MemoryProvider>();
-  std::unique_ptr<OverlayProvider> provider = std::make_unique<OverlayProvider>(StorageItem(store, store->root()));
-};
+class OverlayOperationsTest : public overlay_test::OverlayFixture {};
 
 TEST_F(OverlayOperationsTest, ChecksFailWithTheirCodesNamingTheCallersIRI) {
   store->elsewhere().createFolder(u"/d");
@@ -318,7 +288,8 @@ TEST_F(OverlayOperationsTest, AFileOpenForWritingCannotBeRemoved) {
 }
 
 TEST_F(OverlayOperationsTest, ACachingFailureFallsBackToTheStoresOwnStreams) {
-  auto const blocker = std::filesystem::temp_directory_path() / ("overlay-test-blocker-" + std::to_string(::getpid()));
+  support::TempFolder const scratch("overlay-test-blocker");
+  auto const blocker = scratch.path("blocker");
   std::ofstream(blocker) << "a file where the cache root's parent should be";
   boost::property_tree::ptree config;
   config.put("overlay.cacheRoot", (blocker / "cache").string());

@@ -3,11 +3,15 @@
 // overlay reads, and a shutdown in the middle of running operations. Every test ends by
 // comparing what the inner store (or the overlay) holds with a model of what the
 // callers did.
+#include <support/Counter.hpp>
+#include <support/Problems.hpp>
 #include <support/StreamContent.hpp>
 #include <core/exec/BackendExecutor.hpp>
 #include <core/content/ContentCache.hpp>
 #include <core/exec/IExecutor.hpp>
 #include <core/provider/OverlayProvider.hpp>
+
+#include "provider/overlay_test_support.hpp"
 
 #include <foundation/storage/provider/ByteStream.hpp>
 #include <foundation/storage/provider/Exception.hpp>
@@ -55,45 +59,10 @@ std::string describe(std::set<std::u16string> const& names) {
   return text + " }";
 }
 
+using support::Problems;
 using support::readAll;
 
-// Failures seen on worker threads, reported by the test's own thread.
-class Problems {
- public:
-  void add(std::string text) {
-    std::lock_guard lock(mutex_);
-    texts_.push_back(std::move(text));
-  }
-  std::vector<std::string> texts() const {
-    std::lock_guard lock(mutex_);
-    return texts_;
-  }
-
- private:
-  mutable std::mutex mutex_;  // guards texts_
-  std::vector<std::string> texts_;
-};
-
-// Counts events of the test and lets a thread wait until a count is reached.
-class Milestone {
- public:
-  void reach() {
-    std::lock_guard lock(mutex_);
-    ++count_;
-    changed_.notify_all();
-  }
-  void waitFor(int count) {
-    std::unique_lock lock(mutex_);
-    changed_.wait(lock, [&] { return count_ >= count; });
-  }
-
- private:
-  std::mutex mutex_;  // guards count_
-  std::condition_variable changed_;
-  int count_ = 0;
-};
-
-class OverlayConcurrencyTest : public ::testing::Test {
+class OverlayConcurrencyTest : public overlay_test::OverlayFixture {
  protected:
   void SetUp() override {
     // The listener resumes only when the test ends: nothing asserted here may depend on
@@ -107,8 +76,6 @@ class OverlayConcurrencyTest : public ::testing::Test {
     overlay.setEnvironmentOptions(latch);
   }
 
-  StorageIRI at(std::u16string const& path) const { return StorageIRI(u"overlay", store->root(), path); }
-
   void write(std::u16string const& path, std::string const& content) const {
     fsp::ByteStreamOpenOptions options;
     options.truncate = true;
@@ -118,13 +85,6 @@ class OverlayConcurrencyTest : public ::testing::Test {
     stream->write(content.data(), half);
     stream->write(content.data() + half, static_cast<long>(content.size()) - half);
     stream->close();
-  }
-
-  std::string read(std::u16string const& path) const {
-    auto stream = provider->doOpenReadOnlyStream(at(path));
-    auto content = readAll(*stream);
-    stream->close();
-    return content;
   }
 
   std::set<std::u16string> names(std::u16string const& folder) const {
@@ -196,9 +156,6 @@ class OverlayConcurrencyTest : public ::testing::Test {
       }
     }
   }
-
-  std::shared_ptr<MemoryProvider> store = std::make_shared<MemoryProvider>();
-  std::unique_ptr<OverlayProvider> provider = std::make_unique<OverlayProvider>(StorageItem(store, store->root()));
 };
 
 TEST_F(OverlayConcurrencyTest, WorkersInTheirOwnFoldersLeaveTheStoreAsTheirModelsSay) {
@@ -545,7 +502,7 @@ TEST_F(OverlayConcurrencyTest, ShutdownAmidRunningOperationsNeitherCrashesNorHan
   for (int w = 0; w < kWorkers; ++w) provider->doCreateFolder(at(u"/s" + u16(std::to_string(w))));
   provider->doFlushFilesystem();
   Problems problems;
-  Milestone started;
+  support::Counter started;
   std::atomic<bool> shutDown{false};
   // Per worker: the file names of its folder after each of its steps.
   std::vector<std::vector<std::set<std::u16string>>> history(kWorkers);
@@ -560,7 +517,7 @@ TEST_F(OverlayConcurrencyTest, ShutdownAmidRunningOperationsNeitherCrashesNorHan
       history[w].push_back(files);
       int after = 0;
       for (int step = 0; after < kStepsAfter; ++step) {
-        if (step == kStepsBefore) started.reach();
+        if (step == kStepsBefore) started.add();
         if (shutDown.load()) ++after;
         auto const name = u"f" + u16(std::to_string(random() % 5));
         auto const other = u"f" + u16(std::to_string(random() % 5));

@@ -3,6 +3,8 @@
 #include <core/metadata/MetadataCache.hpp>
 #include <core/quota/QuotaAccountant.hpp>
 
+#include "exec/executor_test_support.hpp"
+
 #include <foundation/log/MemorySink.hpp>
 #include <foundation/log/Severity.hpp>
 #include <foundation/storage/provider/StorageItem.hpp>
@@ -18,9 +20,9 @@
 namespace fsp = foundation::storage::provider;
 using fsp::StorageIRI;
 using fsp::StorageItem;
+using overlay_test::FakeExecutor;
 using providers::mem::MemoryProvider;
 using providers::mem::Operation;
-using storage::overlayprovider::IExecutor;
 using storage::overlayprovider::MetadataCache;
 using storage::overlayprovider::ObservableTransactionType;
 using storage::overlayprovider::QuotaAccountant;
@@ -30,23 +32,16 @@ namespace {
 
 // An executor that runs nothing; its queue is empty or not as the test says, and it
 // counts how often the accountant asked.
-class QueueStub final : public IExecutor {
+class QueueStub final : public FakeExecutor {
  public:
   explicit QueueStub(bool empty) : empty_(empty) {}
   void execute(Task, ObservableTransactionType, double) override {}
-  void shutdown(bool) override {}
-  void join() override {}
-  bool isShutdown() const override { return false; }
-  std::chrono::steady_clock::time_point getLastActivityTime() const override { return {}; }
   bool isQueueEmpty() const override {
     std::lock_guard lock(mutex_);
     ++asked_;
     changed_.notify_all();
     return empty_;
   }
-  void waitForPendingToFinish() override {}
-  void setMaxQueueWeight(double) override {}
-  void logQueueStatistics() override {}
 
   int questions() const {
     std::lock_guard lock(mutex_);
