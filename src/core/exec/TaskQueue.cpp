@@ -39,18 +39,12 @@ void TaskQueue::pushIgnoringWeightBound(QueueRecord record) { pushImpl(std::move
 
 void TaskQueue::pushImpl(QueueRecord record, bool honourWeightBound) {
   {
-    std::unique_lock<std::mutex> lock(mutex_);
+    UniqueLock lock(mutex_);
     if (honourWeightBound && maxWeight() > 0) {
-      // A producer is held only while limiting is on; one whose bound is switched off
-      // (maximum set to 0 or less) while it waits goes on at the next pop.
-      auto const overBound = [this] {
-        double const max = maxWeight();
-        return !consumerClosed_ && max > 0 && currentWeight_ > max;
-      };
-      if (overBound()) {
+      if (overWeightBound()) {
         ++blockedProducers_;
         notifyObserver();
-        weightReleased_.wait(lock, [&] { return !overBound(); });
+        while (overWeightBound()) weightReleased_.wait(lock.native());
         --blockedProducers_;
         notifyObserver();
       }
@@ -77,8 +71,8 @@ void TaskQueue::pushImpl(QueueRecord record, bool honourWeightBound) {
 QueueRecord TaskQueue::pop() {
   QueueRecord record;
   {
-    std::unique_lock<std::mutex> lock(mutex_);
-    notEmpty_.wait(lock, [this] { return !records_.empty(); });
+    UniqueLock lock(mutex_);
+    while (records_.empty()) notEmpty_.wait(lock.native());
     record = std::move(records_.front());
     records_.pop_front();
     if (!record.wakeupMarker) {
@@ -101,19 +95,19 @@ QueueRecord TaskQueue::pop() {
 void TaskQueue::clear() {
   Records discarded;
   {
-    std::lock_guard<std::mutex> lock(mutex_);
+    LockGuard lock(mutex_);
     discarded.swap(records_);
   }
 }
 
 void TaskQueue::waitUntilDrained() {
-  std::unique_lock<std::mutex> lock(mutex_);
-  dequeued_.wait(lock, [this] { return records_.empty() || consumerClosed_; });
+  UniqueLock lock(mutex_);
+  while (!records_.empty() && !consumerClosed_) dequeued_.wait(lock.native());
 }
 
 void TaskQueue::closeConsumer() {
   {
-    std::lock_guard<std::mutex> lock(mutex_);
+    LockGuard lock(mutex_);
     consumerClosed_ = true;
   }
   dequeued_.notify_all();
@@ -121,22 +115,22 @@ void TaskQueue::closeConsumer() {
 }
 
 std::size_t TaskQueue::size() const {
-  std::lock_guard<std::mutex> lock(mutex_);
+  LockGuard lock(mutex_);
   return records_.size();
 }
 
 double TaskQueue::currentWeight() const {
-  std::lock_guard<std::mutex> lock(mutex_);
+  LockGuard lock(mutex_);
   return currentWeight_;
 }
 
 void TaskQueue::setBackPressureObserver(BackPressureObserver observer) {
-  std::lock_guard<std::mutex> lock(mutex_);
+  LockGuard lock(mutex_);
   observer_ = std::move(observer);
 }
 
 void TaskQueue::logStatistics() {
-  std::lock_guard<std::mutex> lock(mutex_);
+  LockGuard lock(mutex_);
   try {
     report();
   } catch (...) {
@@ -145,7 +139,7 @@ void TaskQueue::logStatistics() {
 }
 
 foundation::storage::provider::extensions::QueueFigures TaskQueue::figures() const {
-  std::lock_guard<std::mutex> lock(mutex_);
+  LockGuard lock(mutex_);
   foundation::storage::provider::extensions::QueueFigures figures;
   figures.queued = records_.size();
   figures.drains = drains_;
@@ -160,6 +154,13 @@ foundation::storage::provider::extensions::QueueFigures TaskQueue::figures() con
     }
   }
   return figures;
+}
+
+bool TaskQueue::overWeightBound() const {
+  // A producer is held only while limiting is on; one whose bound is switched off
+  // (maximum set to 0 or less) while it waits goes on at the next pop.
+  double const max = maxWeight();
+  return !consumerClosed_ && max > 0 && currentWeight_ > max;
 }
 
 void TaskQueue::notifyObserver() {
