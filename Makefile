@@ -1,13 +1,14 @@
 # The two set-up commands:
 #   make demo   installs what is missing, builds, and runs the main job
 #   make test   installs what is missing, builds, and runs every test: the normal build,
-#               an AddressSanitizer+UndefinedBehaviorSanitizer build, and a
-#               ThreadSanitizer build of the tests labelled "concurrency"
+#               an AddressSanitizer+UndefinedBehaviorSanitizer build, a
+#               ThreadSanitizer build of the tests labelled "concurrency", and a Clang
+#               build that checks the lock annotations and runs the tests labelled "core"
 # Other targets: build, bench, clean.
 JOBS ?= $(shell nproc)
 CMAKE_FLAGS ?=
 
-.PHONY: setup build demo test test-release test-asan test-tsan bench clean
+.PHONY: setup build demo test test-release test-asan test-tsan test-clang bench clean
 
 setup:
 	@scripts/setup.sh
@@ -21,7 +22,7 @@ build: setup build/release/CMakeCache.txt
 demo: build
 	@build/release/tools/ovl demo
 
-test: test-release test-asan test-tsan
+test: test-release test-asan test-tsan test-clang
 	@echo "All test runs passed."
 
 test-release: build
@@ -38,6 +39,14 @@ test-tsan: setup
 	  -DOVL_BUILD_BENCH=OFF -DOVL_BUILD_TOOLS=OFF $(CMAKE_FLAGS) >/dev/null
 	@cmake --build build/tsan -j $(JOBS)
 	@cd build/tsan && TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 ctest --output-on-failure -L concurrency -j $(JOBS)
+
+# Clang with -Wthread-safety as errors (OVL_THREAD_SAFETY_ANALYSIS): a GUARDED_BY member
+# touched without its lock, or a REQUIRES function called without it, fails the build.
+test-clang: setup
+	@cmake -S . -B build/clang -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_BUILD_TYPE=Debug -DOVL_TEST_LABEL=core \
+	  -DOVL_BUILD_BENCH=OFF -DOVL_BUILD_TOOLS=OFF $(CMAKE_FLAGS) >/dev/null
+	@cmake --build build/clang -j $(JOBS)
+	@cd build/clang && ctest --output-on-failure -L core -j $(JOBS)
 
 bench: build
 	@for b in build/release/bench/*_bench; do echo "== $$b"; $$b; done

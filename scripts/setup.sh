@@ -5,7 +5,7 @@
 set -euo pipefail
 
 PACKAGES=(
-  build-essential cmake make pkg-config
+  build-essential cmake make pkg-config clang
   libboost-dev libboost-log-dev libboost-thread-dev libboost-filesystem-dev
   libboost-iostreams-dev libboost-date-time-dev
   libcrypto++-dev libicu-dev
