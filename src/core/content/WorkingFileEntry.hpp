@@ -556,8 +556,8 @@ class WorkingFileEntry : public std::enable_shared_from_this<WorkingFileEntry> {
   std::int64_t initialCachePosition_ GUARDED_BY(mutex_) = 0;
   std::unique_ptr<WritableBuffer> currentBuffer_ GUARDED_BY(mutex_);  // empty until a write
 
-  // Empty until opened. Every use of the inner stream is under providerStreamMutex_, not
-  // only of the pointer (which the analysis checks).
+  // Empty until opened. The analysis checks the pointer; every use of the stream it
+  // points to is under providerStreamMutex_ too.
   ByteStreamPtr providerStream_ GUARDED_BY(providerStreamMutex_);
   bool providerStreamWritable_ GUARDED_BY(providerStreamMutex_) = false;
   mutable Mutex providerStreamMutex_;
