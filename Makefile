@@ -2,13 +2,14 @@
 #   make demo   installs what is missing to build, builds only the ovl program and the
 #               overlay module, and runs the main job
 #   make test   installs what is missing to test, builds everything, and runs every test:
-#               the normal build, an AddressSanitizer+UndefinedBehaviorSanitizer build,
-#               and a ThreadSanitizer build of the tests labelled "concurrency"
+#               the normal build, an AddressSanitizer+UndefinedBehaviorSanitizer build, a
+#               ThreadSanitizer build of the tests labelled "concurrency", and a Clang
+#               build that checks the lock annotations and runs the tests labelled "core"
 # Other targets: build (everything, with tests and benchmarks), bench, clean.
 JOBS ?= $(shell nproc)
 CMAKE_FLAGS ?=
 
-.PHONY: setup setup-test build demo test test-release test-asan test-tsan bench clean
+.PHONY: setup setup-test build demo test test-release test-asan test-tsan test-clang bench clean
 
 setup:
 	@scripts/setup.sh
@@ -32,7 +33,7 @@ demo: setup build/release/CMakeCache.txt
 	@cmake --build build/release -j $(JOBS) --target ovl
 	@build/release/tools/ovl demo
 
-test: test-release test-asan test-tsan
+test: test-release test-asan test-tsan test-clang
 	@echo "All test runs passed."
 
 test-release: build
@@ -49,6 +50,17 @@ test-tsan: setup-test
 	  -DOVL_BUILD_BENCH=OFF -DOVL_BUILD_TOOLS=OFF $(CMAKE_FLAGS) >/dev/null
 	@cmake --build build/tsan -j $(JOBS)
 	@cd build/tsan && TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 ctest --output-on-failure -L concurrency -j $(JOBS)
+
+# Clang with -Wthread-safety as errors (OVL_THREAD_SAFETY_ANALYSIS): a GUARDED_BY member
+# touched without its lock, or a REQUIRES function called without it, fails the build.
+# Every warning is an error here, and each file is compiled on its own includes only (no
+# precompiled headers), so this build also shows a missing include.
+test-clang: setup-test
+	@cmake -S . -B build/clang -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_BUILD_TYPE=Debug -DOVL_TEST_LABEL=core \
+	  -DCMAKE_CXX_FLAGS=-Werror -DOVL_PRECOMPILED_HEADERS=OFF \
+	  -DOVL_BUILD_BENCH=OFF -DOVL_BUILD_TOOLS=OFF $(CMAKE_FLAGS) >/dev/null
+	@cmake --build build/clang -j $(JOBS)
+	@cd build/clang && ctest --output-on-failure -L core -j $(JOBS)
 
 bench: build
 	@for b in build/release/bench/*_bench; do echo "== $$b"; $$b; done

@@ -12,7 +12,7 @@ PACKAGES=(
   libcrypto++-dev libicu-dev
 )
 if [ "${1:-}" = "--test" ]; then
-  PACKAGES+=(libgtest-dev libgmock-dev libbenchmark-dev)
+  PACKAGES+=(libgtest-dev libgmock-dev libbenchmark-dev clang)
 fi
 
 missing=()

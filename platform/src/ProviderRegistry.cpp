@@ -205,7 +205,8 @@ void ProviderRegistry::shutdownAll() {
   }
   std::vector<std::pair<std::size_t, std::shared_ptr<IProvider>>> order;
   for (auto& [key, provider] : providers) {
-    bool const seen = std::any_of(order.begin(), order.end(), [&](auto const& p) { return p.second == provider; });
+    auto const& current = provider;  // clang 14 cannot capture a structured binding
+    bool const seen = std::any_of(order.begin(), order.end(), [&](auto const& p) { return p.second == current; });
     if (!seen) order.emplace_back(nestingDepth(key), provider);
   }
   std::stable_sort(order.begin(), order.end(), [](auto const& a, auto const& b) { return a.first > b.first; });

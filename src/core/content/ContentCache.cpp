@@ -57,7 +57,7 @@ ContentCache::ContentCache(EntryTiming entryTiming, LocalFSCacheSpaceArbitrator:
 ContentCache::~ContentCache() = default;
 
 ContentCache& ContentCache::withCacheRoot(fl::filesystem::path cacheRoot) {
-  std::lock_guard lock(mutex_);
+  LockGuard lock(mutex_);
   cacheRoot_ = std::move(cacheRoot);
   if (initialized_ && arbitratorIsOwn_) {
     // The arbitrator measured the old root's volume; the next operation measures anew.
@@ -69,23 +69,23 @@ ContentCache& ContentCache::withCacheRoot(fl::filesystem::path cacheRoot) {
 }
 
 void ContentCache::setCacheSpaceArbitrator(std::unique_ptr<ICacheSpaceArbitrator> arbitrator) {
-  std::lock_guard lock(mutex_);
+  LockGuard lock(mutex_);
   spaceArbitrator_ = std::move(arbitrator);
   arbitratorIsOwn_ = false;
 }
 
 void ContentCache::setFlushAttributeReads(std::shared_ptr<FlushAttributeReads> reads) {
-  std::lock_guard lock(mutex_);
+  LockGuard lock(mutex_);
   flushReads_ = std::move(reads);
 }
 
 void ContentCache::setThawWritten(WorkingFileEntry::ThawWritten thaw) {
-  std::lock_guard lock(mutex_);
+  LockGuard lock(mutex_);
   thawWritten_ = std::move(thaw);
 }
 
 void ContentCache::setDeliveryReport(std::shared_ptr<DeliveryReport> report) {
-  std::lock_guard lock(mutex_);
+  LockGuard lock(mutex_);
   deliveryReport_ = std::move(report);
 }
 
@@ -125,20 +125,20 @@ void ContentCache::doLazyInitialize() const {
 }
 
 void ContentCache::lazyInitialize() const {
-  std::lock_guard lock(mutex_);
+  LockGuard lock(mutex_);
   doLazyInitialize();
 }
 
 // ---- queries --------------------------------------------------------------------------------
 
 bool ContentCache::hasEntry(StorageIRI const& location) const {
-  std::lock_guard lock(mutex_);
+  LockGuard lock(mutex_);
   doLazyInitialize();
   return entries_.count(location) != 0;
 }
 
 bool ContentCache::hasAliveEntry(StorageIRI const& location, bool forWriting) const {
-  std::lock_guard lock(mutex_);
+  LockGuard lock(mutex_);
   doLazyInitialize();
   auto it = entries_.find(location);
   if (it == entries_.end() || it->second->getRefCount() < 1) return false;
@@ -146,7 +146,7 @@ bool ContentCache::hasAliveEntry(StorageIRI const& location, bool forWriting) co
 }
 
 bool ContentCache::hasEntryOpenForWriting() const {
-  std::lock_guard lock(mutex_);
+  LockGuard lock(mutex_);
   doLazyInitialize();
   for (auto const& [location, entry] : entries_) {
     if (entry->getRefCount() >= 1 && !entry->isReadOnly()) return true;
@@ -160,7 +160,7 @@ std::shared_ptr<WorkingFileEntry> ContentCache::retrieveEntry(
     StorageIRI const& location, std::shared_ptr<fsp::StorageItem> innerItem, std::shared_ptr<FileMetadata> metadata,
     std::shared_ptr<IExecutor> executor, std::shared_ptr<IQuotaAccountant> quota, std::shared_ptr<TimedLatch> latch,
     WorkingFileEntryParams params, std::atomic<bool>& shutdownFlag) const {
-  std::lock_guard lock(mutex_);
+  LockGuard lock(mutex_);
   doLazyInitialize();
 
   if (auto it = entries_.find(location); it != entries_.end()) {
@@ -281,7 +281,7 @@ void ContentCache::doInvalidate(StorageIRI const& location, bool abort) const {
 }
 
 void ContentCache::invalidate(StorageIRI const& location, bool abort) const {
-  std::lock_guard lock(mutex_);
+  LockGuard lock(mutex_);
   doLazyInitialize();
   doInvalidate(location, abort);
 }
@@ -299,7 +299,7 @@ void ContentCache::invalidateOldEntry(StorageIRI const& location, FileMetadata c
 template <class Stale>
 void ContentCache::invalidateOldEntryIf(StorageIRI const& location, Stale const& isStale, bool abort) const {
   if (beforeStalenessCheck_) beforeStalenessCheck_(location);
-  std::lock_guard lock(mutex_);
+  LockGuard lock(mutex_);
   doLazyInitialize();
   auto it = entries_.find(location);
   if (it == entries_.end() || !isStale(*it->second)) return;
@@ -321,7 +321,7 @@ std::shared_ptr<WorkingFileEntry> ContentCache::currentEntry(StorageIRI const& l
 
 template <class Stale>
 std::shared_ptr<WorkingFileEntry> ContentCache::currentEntryIf(StorageIRI const& location, Stale const& isStale) const {
-  std::lock_guard lock(mutex_);
+  LockGuard lock(mutex_);
   auto it = entries_.find(location);
   if (it == entries_.end()) return nullptr;
   if (!isStale(*it->second)) return it->second;
@@ -332,7 +332,7 @@ std::shared_ptr<WorkingFileEntry> ContentCache::currentEntryIf(StorageIRI const&
 }
 
 void ContentCache::invalidateAllDescendantsOf(StorageIRI const& folder, bool abort) const {
-  std::lock_guard lock(mutex_);
+  LockGuard lock(mutex_);
   doLazyInitialize();
   for (auto it = entries_.begin(); it != entries_.end();) {
     if (!folder.isAncestorOf(it->first)) {
@@ -348,7 +348,7 @@ void ContentCache::invalidateAllDescendantsOf(StorageIRI const& folder, bool abo
 // ---- following mutations ------------------------------------------------------------------------
 
 void ContentCache::moveFile(StorageIRI const& from, StorageIRI const& to, std::shared_ptr<FileMetadata> newMetadata) const {
-  std::lock_guard lock(mutex_);
+  LockGuard lock(mutex_);
   doLazyInitialize();
   EntryPtr entry = takeSettledEntry(from);
   if (!entry) return;
@@ -358,7 +358,7 @@ void ContentCache::moveFile(StorageIRI const& from, StorageIRI const& to, std::s
 }
 
 void ContentCache::copyFile(StorageIRI const& from, StorageIRI const& to, std::shared_ptr<FileMetadata> newMetadata) const {
-  std::lock_guard lock(mutex_);
+  LockGuard lock(mutex_);
   doLazyInitialize();
   auto it = entries_.find(from);
   if (it == entries_.end()) return;
@@ -377,7 +377,7 @@ void ContentCache::copyFile(StorageIRI const& from, StorageIRI const& to, std::s
 void ContentCache::moveFolder(StorageIRI const& from, StorageIRI const& to,
                               foundation::storage::provider::ReplacementPolicy policy,
                               MetadataCache const& metadataCache) const {
-  std::lock_guard lock(mutex_);
+  LockGuard lock(mutex_);
   doLazyInitialize();
   // The moves are decided first and made afterwards, so that no entry is met twice, even
   // when the destination lies below the source.
@@ -423,7 +423,7 @@ void ContentCache::emptyRecycleBin() const { recycleBinEmptyRequested_.store(tru
 
 void ContentCache::invalidateAll() const {
   {
-    std::lock_guard lock(mutex_);
+    LockGuard lock(mutex_);
     doLazyInitialize();
   }
   releaseAll();
@@ -433,7 +433,7 @@ void ContentCache::releaseAll() const {
   std::vector<EntryPtr> bin;
   std::map<StorageIRI, EntryPtr> entries;
   {
-    std::lock_guard lock(mutex_);
+    LockGuard lock(mutex_);
     recycleBinEmptyRequested_.store(false);
     bin.swap(recycleBin_);
     entries.swap(entries_);
@@ -446,22 +446,22 @@ void ContentCache::releaseAll() const {
 // ---- inspection -------------------------------------------------------------------------------
 
 fl::filesystem::path ContentCache::getCacheRoot() const {
-  std::lock_guard lock(mutex_);
+  LockGuard lock(mutex_);
   return cacheRoot_;
 }
 
 fl::filesystem::path ContentCache::getDataDirectory() const {
-  std::lock_guard lock(mutex_);
+  LockGuard lock(mutex_);
   return doGetDataDirectory();
 }
 
 std::size_t ContentCache::recycleBinSize() const {
-  std::lock_guard lock(mutex_);
+  LockGuard lock(mutex_);
   return recycleBin_.size();
 }
 
 std::vector<fsp::StorageIRI> ContentCache::entryLocations() const {
-  std::lock_guard lock(mutex_);
+  LockGuard lock(mutex_);
   std::vector<StorageIRI> locations;
   for (auto const& [location, entry] : entries_) locations.push_back(location);
   return locations;

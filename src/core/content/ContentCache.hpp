@@ -54,6 +54,7 @@
 #include <core/quota/IQuotaAccountant.hpp>
 #include <core/content/LocalFSCacheSpaceArbitrator.hpp>
 #include <core/exec/TimedLatch.hpp>
+#include <core/util/Mutex.hpp>
 #include <core/content/WorkingFileEntry.hpp>
 #include <core/content/WorkingFileEntryParams.hpp>
 
@@ -67,7 +68,6 @@
 #include <functional>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <set>
 #include <string>
 #include <vector>
@@ -94,26 +94,25 @@ class ContentCache {
   // Replaces the cache root; returns this cache. Meant to be called before first use.
   // Called later, entries made afterwards live under the new root, and an arbitrator
   // this cache made for itself is made anew for the new root at the next operation
-  // (one installed with setCacheSpaceArbitrator stays). Takes `mutex_`.
-  ContentCache& withCacheRoot(fl::filesystem::path cacheRoot);
+  // (one installed with setCacheSpaceArbitrator stays).
+  ContentCache& withCacheRoot(fl::filesystem::path cacheRoot) EXCLUDES(mutex_);
   // Installs `arbitrator`, replacing any present one; with one installed before the first
-  // operation, no LocalFSCacheSpaceArbitrator is made. Takes `mutex_`.
-  void setCacheSpaceArbitrator(std::unique_ptr<ICacheSpaceArbitrator> arbitrator);
+  // operation, no LocalFSCacheSpaceArbitrator is made.
+  void setCacheSpaceArbitrator(std::unique_ptr<ICacheSpaceArbitrator> arbitrator) EXCLUDES(mutex_);
   // The provider's FlushAttributeReads, handed to every entry made from now on
-  // (WorkingFileEntry::setFlushAttributeReads). Takes `mutex_`.
-  void setFlushAttributeReads(std::shared_ptr<FlushAttributeReads> reads);
+  // (WorkingFileEntry::setFlushAttributeReads).
+  void setFlushAttributeReads(std::shared_ptr<FlushAttributeReads> reads) EXCLUDES(mutex_);
   // The provider's way of thawing a written file's record, handed to every entry made from
-  // now on (WorkingFileEntry::setThawWritten). Takes `mutex_`.
-  void setThawWritten(WorkingFileEntry::ThawWritten thaw);
+  // now on (WorkingFileEntry::setThawWritten).
+  void setThawWritten(WorkingFileEntry::ThawWritten thaw) EXCLUDES(mutex_);
   // The provider's delivery report, handed to every entry made from now on
-  // (WorkingFileEntry::setDeliveryReport); the cache's own failures go there too. Takes
-  // `mutex_`.
-  void setDeliveryReport(std::shared_ptr<DeliveryReport> report);
+  // (WorkingFileEntry::setDeliveryReport); the cache's own failures go there too.
+  void setDeliveryReport(std::shared_ptr<DeliveryReport> report) EXCLUDES(mutex_);
 
   // Empties the recycle bin and releases every entry, as invalidateAll does, without the
   // lazy initialization: for an owner going away, which must not make the data directory
-  // again after its root was removed from outside. Takes `mutex_`.
-  void releaseAll() const;
+  // again after its root was removed from outside.
+  void releaseAll() const EXCLUDES(mutex_);
 
   // A test's seam: `hook` runs at the start of every staleness check (invalidateOldEntry),
   // on the caller's thread with no lock held, and is given the location. A test acts there
@@ -122,8 +121,8 @@ class ContentCache {
   void setBeforeStalenessCheck(std::function<void(StorageIRI const&)> hook);
 
   // Makes sure the data directory exists and the arbitrator is installed (see above).
-  // Takes `mutex_`. Throws CachingErrorException("Problem initializing cache root.").
-  void lazyInitialize() const;
+  // Throws CachingErrorException("Problem initializing cache root.").
+  void lazyInitialize() const EXCLUDES(mutex_);
 
   // Each operation below takes `mutex_` for its whole duration and first runs the
   // initialization, whose failure (CachingErrorException) it passes on.
@@ -225,44 +224,44 @@ class ContentCache {
 
   // currentEntry with `isStale(entry)` asked only when an entry is found.
   template <class Stale>
-  EntryPtr currentEntryIf(StorageIRI const& location, Stale const& isStale) const;
+  EntryPtr currentEntryIf(StorageIRI const& location, Stale const& isStale) const EXCLUDES(mutex_);
   // invalidateOldEntry with `isStale(entry)` deciding.
   template <class Stale>
-  void invalidateOldEntryIf(StorageIRI const& location, Stale const& isStale, bool abort) const;
+  void invalidateOldEntryIf(StorageIRI const& location, Stale const& isStale, bool abort) const EXCLUDES(mutex_);
 
-  // ---- `mutex_` held by the caller -----------------------------------------------------
-  void doLazyInitialize() const;
-  fl::filesystem::path doGetDataDirectory() const;
+  void doLazyInitialize() const REQUIRES(mutex_);
+  fl::filesystem::path doGetDataDirectory() const REQUIRES(mutex_);
   // Moves `entry` into the recycle bin, first emptying the bin if that was asked for.
-  void dispose(EntryPtr entry) const;
+  void dispose(EntryPtr entry) const REQUIRES(mutex_);
   // Evicts the entry with the oldest last access time (the first in location order among
   // equal times): deletes its cache file, disposes it, tells the arbitrator.
-  void removeLeastRecentlyUsedItem() const;
-  void doInvalidate(StorageIRI const& location, bool abort) const;
+  void removeLeastRecentlyUsedItem() const REQUIRES(mutex_);
+  void doInvalidate(StorageIRI const& location, bool abort) const REQUIRES(mutex_);
   // Takes the entry of `location` out of the map (null when there is none) after its
-  // pending open completed (a failed open is logged by the entry). Caller holds mutex_.
-  EntryPtr takeSettledEntry(StorageIRI const& location) const;
+  // pending open completed (a failed open is logged by the entry).
+  EntryPtr takeSettledEntry(StorageIRI const& location) const REQUIRES(mutex_);
   // Registers `entry` at `location`, disposing an entry registered there before.
-  void replaceEntry(StorageIRI const& location, EntryPtr entry) const;
+  void replaceEntry(StorageIRI const& location, EntryPtr entry) const REQUIRES(mutex_);
   // Records the file `entry` now uses among the files this cache's entries used.
-  void noteCheckoutPath(WorkingFileEntry const& entry) const;
+  void noteCheckoutPath(WorkingFileEntry const& entry) const REQUIRES(mutex_);
 
   EntryTiming const entryTiming_;
   LocalFSCacheSpaceArbitrator::SpaceQuery const spaceQuery_;
 
-  mutable std::mutex mutex_;  // guards every member below except recycleBinEmptyRequested_
-  fl::filesystem::path cacheRoot_;
-  mutable std::map<StorageIRI, EntryPtr> entries_;  // never holds an empty owner
-  mutable std::vector<EntryPtr> recycleBin_;
-  mutable std::unique_ptr<ICacheSpaceArbitrator> spaceArbitrator_;
-  mutable bool arbitratorIsOwn_ = false;  // spaceArbitrator_ was made by initialization, not installed
-  mutable bool initialized_ = false;
+  mutable Mutex mutex_;
+  fl::filesystem::path cacheRoot_ GUARDED_BY(mutex_);
+  mutable std::map<StorageIRI, EntryPtr> entries_ GUARDED_BY(mutex_);  // never holds an empty owner
+  mutable std::vector<EntryPtr> recycleBin_ GUARDED_BY(mutex_);
+  mutable std::unique_ptr<ICacheSpaceArbitrator> spaceArbitrator_ GUARDED_BY(mutex_);
+  // spaceArbitrator_ was made by initialization, not installed
+  mutable bool arbitratorIsOwn_ GUARDED_BY(mutex_) = false;
+  mutable bool initialized_ GUARDED_BY(mutex_) = false;
   // The cache files of every entry this cache made with disk caching. A later entry for
   // the same file does not take over what is on disk there (see "Cache files" above).
-  mutable std::set<fl::filesystem::path> madePaths_;
-  std::shared_ptr<FlushAttributeReads> flushReads_;  // handed to new entries; may be null
-  WorkingFileEntry::ThawWritten thawWritten_;        // handed to new entries; may be empty
-  std::shared_ptr<DeliveryReport> deliveryReport_;   // handed to new entries; may be null
+  mutable std::set<fl::filesystem::path> madePaths_ GUARDED_BY(mutex_);
+  std::shared_ptr<FlushAttributeReads> flushReads_ GUARDED_BY(mutex_);  // handed to new entries; may be null
+  WorkingFileEntry::ThawWritten thawWritten_ GUARDED_BY(mutex_);        // handed to new entries; may be empty
+  std::shared_ptr<DeliveryReport> deliveryReport_ GUARDED_BY(mutex_);   // handed to new entries; may be null
   std::function<void(StorageIRI const&)> beforeStalenessCheck_;  // set before sharing; may be empty
   // Set by emptyRecycleBin(), taken (exchanged with false) by the next disposal.
   mutable std::atomic<bool> recycleBinEmptyRequested_{false};

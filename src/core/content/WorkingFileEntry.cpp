@@ -115,13 +115,13 @@ WorkingFileEntry::WorkingFileEntry(fl::filesystem::path cacheDirectory, std::sha
   if (!executor_) throw std::invalid_argument("WorkingFileEntry: no executor");
   location_ = metadata_->getLocation();
   lastAccessTime_.store(timing_.now());
-  cacheResource_ = buildCacheResource(sourceCheckoutPath.empty() ? nullptr : &sourceCheckoutPath);
+  cacheResource_ = buildCacheResource(metadata_, sourceCheckoutPath.empty() ? nullptr : &sourceCheckoutPath);
 }
 
 WorkingFileEntry::~WorkingFileEntry() {
   takePrefetch();  // its thread refers to this entry
   {
-    std::lock_guard lock(syncMutex_);
+    LockGuard lock(syncMutex_);
     if (syncThread_.joinable()) syncThread_.join();
   }
   try {
@@ -130,11 +130,12 @@ WorkingFileEntry::~WorkingFileEntry() {
   }
 }
 
-std::shared_ptr<CacheResource> WorkingFileEntry::buildCacheResource(fl::filesystem::path const* sourceCheckoutPath) const {
+std::shared_ptr<CacheResource> WorkingFileEntry::buildCacheResource(
+    std::shared_ptr<FileMetadata> const& metadata, fl::filesystem::path const* sourceCheckoutPath) const {
   if (!params_.usesDiskCaching()) return std::make_shared<NOOPCacheResource>();
   if (sourceCheckoutPath != nullptr)
-    return std::make_shared<FilesystemCacheResource>(metadata_, cacheDirectory_, *sourceCheckoutPath);
-  return std::make_shared<FilesystemCacheResource>(metadata_, cacheDirectory_);
+    return std::make_shared<FilesystemCacheResource>(metadata, cacheDirectory_, *sourceCheckoutPath);
+  return std::make_shared<FilesystemCacheResource>(metadata, cacheDirectory_);
 }
 
 fsp::StorageItem WorkingFileEntry::innerItemFor(fsp::StorageIRI const& location) const {
@@ -144,59 +145,59 @@ fsp::StorageItem WorkingFileEntry::innerItemFor(fsp::StorageIRI const& location)
 // ---- accessors ------------------------------------------------------------------------
 
 std::shared_ptr<FileMetadata> WorkingFileEntry::getMetadata() const {
-  std::lock_guard lock(mutex_);
+  LockGuard lock(mutex_);
   return metadata_;
 }
 
 fsp::StorageIRI WorkingFileEntry::getLocation() const {
-  std::lock_guard lock(mutex_);
+  LockGuard lock(mutex_);
   return location_;
 }
 
 unsigned long WorkingFileEntry::getProviderFileSize() const {
-  std::lock_guard lock(mutex_);
+  LockGuard lock(mutex_);
   return metadata_->getFileSize();
 }
 
 Clock::time_point WorkingFileEntry::getLastAccessTime() const { return lastAccessTime_.load(); }
 
 bool WorkingFileEntry::isOpen() const {
-  std::lock_guard lock(mutex_);
+  LockGuard lock(mutex_);
   return openMode_ != kNotOpened;
 }
 
 bool WorkingFileEntry::hasPendingBackgroundIO() const {
-  std::lock_guard lock(pendingMutex_);
+  LockGuard lock(pendingMutex_);
   return pendingCounter_ > 0;
 }
 
 bool WorkingFileEntry::isReadOnly() const {
-  std::lock_guard lock(mutex_);
+  LockGuard lock(mutex_);
   return openMode_ == kOpenedReadOnly;
 }
 
 std::int64_t WorkingFileEntry::getRefCount() const {
-  std::lock_guard lock(mutex_);
+  LockGuard lock(mutex_);
   return refCount_;
 }
 
 fl::filesystem::path WorkingFileEntry::getCheckoutPath() const {
-  std::lock_guard lock(mutex_);
+  LockGuard lock(mutex_);
   return cacheResource_->getCheckoutPath();
 }
 
 void WorkingFileEntry::incrementRefCount() {
-  std::lock_guard lock(mutex_);
+  LockGuard lock(mutex_);
   ++refCount_;
 }
 
 void WorkingFileEntry::decrementRefCount() {
-  std::lock_guard lock(mutex_);
+  LockGuard lock(mutex_);
   if (refCount_ > 0) --refCount_;
 }
 
 WorkingFileEntry& WorkingFileEntry::withNewLocation(fsp::StorageIRI location) {
-  std::lock_guard lock(mutex_);
+  LockGuard lock(mutex_);
   location_ = location;
   cacheResource_->setLocation(std::move(location));
   return *this;
@@ -204,7 +205,7 @@ WorkingFileEntry& WorkingFileEntry::withNewLocation(fsp::StorageIRI location) {
 
 WorkingFileEntry& WorkingFileEntry::withNewMetadata(std::shared_ptr<FileMetadata> metadata) {
   if (!metadata) throw std::invalid_argument("WorkingFileEntry::withNewMetadata: no metadata record");
-  std::lock_guard lock(mutex_);
+  LockGuard lock(mutex_);
   metadata_ = std::move(metadata);
   return *this;
 }
@@ -214,18 +215,18 @@ void WorkingFileEntry::setInvalidationWasTriggered() { invalidationWasTriggered_
 bool WorkingFileEntry::wasInvalidationTriggered() const { return invalidationWasTriggered_.load(); }
 
 void WorkingFileEntry::removeCachedEntry() {
-  std::lock_guard lock(mutex_);
+  LockGuard lock(mutex_);
   cacheResource_->remove();
 }
 
 bool WorkingFileEntry::hasDifferentWatermark(std::string const& watermark) const {
-  std::lock_guard lock(mutex_);
+  LockGuard lock(mutex_);
   return metadata_->getWatermark() != watermark;
 }
 
 bool WorkingFileEntry::hasDifferentWatermark(FileMetadata const& record) const {
   {
-    std::lock_guard lock(mutex_);
+    LockGuard lock(mutex_);
     if (&record == metadata_.get()) return false;
   }
   // Another record's attributes may still have to be fetched from the store: read
@@ -237,13 +238,13 @@ bool WorkingFileEntry::hasDifferentWatermark(FileMetadata const& record) const {
 
 void WorkingFileEntry::setAbort() {
   auto const now = timing_.now();
-  std::lock_guard lock(abortMutex_);
+  LockGuard lock(abortMutex_);
   abortTime_ = now;
   if (abortState_ == 0) abortState_ = 1;
 }
 
 std::optional<Clock::time_point> WorkingFileEntry::getAbortTime() const {
-  std::lock_guard lock(abortMutex_);
+  LockGuard lock(abortMutex_);
   if (abortState_ == 0) return std::nullopt;
   return abortTime_;
 }
@@ -252,7 +253,7 @@ bool WorkingFileEntry::wasAbortedDueToWriteProblem() const { return abortedDueTo
 
 bool WorkingFileEntry::canReturnEarlyWhenAbortIsSet(Clock::time_point since) const {
   {
-    std::lock_guard lock(abortMutex_);
+    LockGuard lock(abortMutex_);
     if (abortState_ != 0 && abortTime_ >= since) return true;
   }
   return abortedDueToWriteProblem_.load();
@@ -304,7 +305,7 @@ void WorkingFileEntry::enqueueOpenOperation(ObservableTransactionType type, fsp:
 WorkingFileEntry::ByteStreamPtr WorkingFileEntry::openProviderStream(fsp::StorageIRI const& location, bool forWriting,
                                                                      fsp::ByteStreamOpenOptions const& options,
                                                                      std::uint64_t generation) {
-  std::unique_lock lock(providerStreamMutex_);
+  UniqueLock lock(providerStreamMutex_);
   // Opened and closed again before this transaction ran: nobody is left to use it.
   if (generation <= closedGeneration_) return providerStream_;
   bool const reusable = providerStream_ && (!forWriting || (providerStreamWritable_ && !options.truncate));
@@ -357,7 +358,7 @@ void WorkingFileEntry::closeProviderStreamQuietly() {
 }
 
 WorkingFileEntry::OpenOperation WorkingFileEntry::currentOpenOperation() const {
-  std::lock_guard lock(mutex_);
+  LockGuard lock(mutex_);
   return openOperation_;
 }
 
@@ -369,7 +370,7 @@ WorkingFileEntry::ByteStreamPtr WorkingFileEntry::awaitOpen(OpenOperation const&
 void WorkingFileEntry::openReadOnly() {
   OpenOperation toAwait;
   {
-    std::lock_guard lock(mutex_);
+    LockGuard lock(mutex_);
     ++refCount_;
     if (openMode_ == kNotOpened) {
       openMode_ = kOpenedReadOnly;
@@ -381,7 +382,7 @@ void WorkingFileEntry::openReadOnly() {
 }
 
 void WorkingFileEntry::openReadWrite(fsp::ByteStreamOpenOptions const& options) {
-  std::unique_lock lock(mutex_);
+  UniqueLock lock(mutex_);
   ++refCount_;
   bool const wasReadOnly = openMode_ == kOpenedReadOnly;
   bool const othersHoldIt = refCount_ > 1;
@@ -420,7 +421,7 @@ void WorkingFileEntry::openReadWrite(fsp::ByteStreamOpenOptions const& options) 
 void WorkingFileEntry::checkAndOpenIfNecessary() {
   OpenOperation openOperation;
   {
-    std::lock_guard lock(mutex_);
+    LockGuard lock(mutex_);
     if (refCount_ < 1) return;
     openOperation = openOperation_;
   }
@@ -438,7 +439,7 @@ std::streamsize WorkingFileEntry::readFromProviderStream(std::streampos position
   OpenOperation openOperation;
   fsp::StorageIRI location;
   {
-    std::lock_guard lock(mutex_);
+    LockGuard lock(mutex_);
     openOperation = openOperation_;
     location = location_;
   }
@@ -449,7 +450,7 @@ std::streamsize WorkingFileEntry::readFromProviderStreamWith(OpenOperation const
                                                              fsp::StorageIRI const& location, std::streampos position,
                                                              char* buffer, std::streamsize count) {
   awaitOpen(openOperation);
-  std::lock_guard lock(providerStreamMutex_);
+  LockGuard lock(providerStreamMutex_);
   if (!providerStream_)
     throw fsp::Exception(fsp::ErrorCode::TransientFailure, location, "the inner stream is closed");
   providerStream_->seek(static_cast<long>(offsetOf(position)), std::ios_base::beg);
@@ -469,7 +470,7 @@ std::streamsize WorkingFileEntry::mergePayloadWithCache(std::streamoff position,
   std::int64_t const payloadEnd = position + payloadSize;
   std::int64_t cursor = position;  // bytes before it are stored or known to be cached
   std::int64_t known = fetchedEnd;
-  auto storeFetched = [&](std::int64_t from, std::int64_t to) {
+  auto storeFetched = [&](std::int64_t from, std::int64_t to) REQUIRES(mutex_) {
     to = std::min(to, fetchedEnd);
     if (to > from) cacheResource_->write(from, payload + (from - position), to - from);
   };
@@ -497,7 +498,7 @@ std::streamsize WorkingFileEntry::mergePayloadWithCache(std::streamoff position,
 std::unique_ptr<WorkingFileEntry::Prefetch> WorkingFileEntry::takePrefetch() {
   std::unique_ptr<Prefetch> ahead;
   {
-    std::lock_guard lock(prefetchMutex_);
+    LockGuard lock(prefetchMutex_);
     ahead = std::move(prefetch_);
   }
   if (ahead && ahead->thread.joinable()) ahead->thread.join();
@@ -506,7 +507,7 @@ std::unique_ptr<WorkingFileEntry::Prefetch> WorkingFileEntry::takePrefetch() {
 
 void WorkingFileEntry::startPrefetch(std::int64_t position, std::int64_t size, std::uint64_t generation,
                                      OpenOperation const& openOperation, fsp::StorageIRI const& location) {
-  std::lock_guard lock(prefetchMutex_);
+  LockGuard lock(prefetchMutex_);
   if (prefetch_) return;  // another reader's is under way
   auto ahead = std::make_unique<Prefetch>();
   ahead->position = position;
@@ -541,7 +542,7 @@ std::streamsize WorkingFileEntry::readFromProviderAndWriteToCache(std::streampos
   OpenOperation openOperation;
   fsp::StorageIRI location;
   {
-    std::lock_guard lock(mutex_);
+    LockGuard lock(mutex_);
     size = static_cast<std::int64_t>(metadata_->getFileSize());
     readOnly = openMode_ == kOpenedReadOnly;
     generation = openGeneration_;
@@ -589,7 +590,7 @@ std::streamsize WorkingFileEntry::readFromProviderAndWriteToCache(std::streampos
     // fetched while this one is stored in the cache.
     bool sequential = false;
     {
-      std::lock_guard lock(prefetchMutex_);
+      LockGuard lock(prefetchMutex_);
       sequentialRun_ = start == sequentialEnd_ ? sequentialRun_ + n : n;
       sequentialEnd_ = start + n;
       sequential = sequentialRun_ >= kReadAheadAfter;
@@ -600,7 +601,7 @@ std::streamsize WorkingFileEntry::readFromProviderAndWriteToCache(std::streampos
   }
 
   if (params_.usesDiskCaching()) {
-    std::lock_guard lock(mutex_);
+    LockGuard lock(mutex_);
     n = mergePayloadWithCache(start, bytes.get(), n, payload);
   }
   std::streamsize const copied = std::min<std::streamsize>(n, count);
@@ -611,7 +612,7 @@ std::streamsize WorkingFileEntry::readFromProviderAndWriteToCache(std::streampos
 void WorkingFileEntry::cacheInitialPartOfFileNotYetCached(std::streampos position) {
   std::int64_t target = 0;
   {
-    std::lock_guard lock(mutex_);
+    LockGuard lock(mutex_);
     target = initialCachePosition_;
   }
   auto const maxRead = static_cast<std::streamsize>(std::max<unsigned long long>(1, params_.getMaxReadPayloadSize()));
@@ -633,7 +634,7 @@ bool WorkingFileEntry::cacheWholeFile() {
     std::int64_t size = 0;
     IntegrityInfo info;
     {
-      std::lock_guard lock(mutex_);
+      LockGuard lock(mutex_);
       size = static_cast<std::int64_t>(metadata_->getFileSize());
       if (size == 0) return true;
       if (cacheResource_->cacheWriteErrored()) return false;
@@ -650,7 +651,7 @@ bool WorkingFileEntry::cacheWholeFile() {
 }
 
 bool WorkingFileEntry::atEOF(unsigned long long position) const {
-  std::lock_guard lock(mutex_);
+  LockGuard lock(mutex_);
   return position >= metadata_->getFileSize();
 }
 
@@ -658,8 +659,8 @@ void WorkingFileEntry::waitForPendingToDrain() {
   auto const period = params_.getWaitForZeroPeriod();
   if (period.count() <= 0) return;
   auto const deadline = timing_.now() + period;
-  std::unique_lock lock(pendingMutex_);
-  while (pendingCounter_ > 0 && timing_.now() < deadline) timing_.waitUntil(lock, pendingDrained_, deadline);
+  UniqueLock lock(pendingMutex_);
+  while (pendingCounter_ > 0 && timing_.now() < deadline) timing_.waitUntil(lock.native(), pendingDrained_, deadline);
 }
 
 std::streamsize WorkingFileEntry::read(std::streampos position, char* buffer, std::streamsize count) {
@@ -672,7 +673,7 @@ std::streamsize WorkingFileEntry::read(std::streampos position, char* buffer, st
   std::streamsize fromCacheTail = 0;
   std::int64_t tailStart = 0;
   {
-    std::lock_guard lock(mutex_);
+    LockGuard lock(mutex_);
     auto const size = static_cast<std::int64_t>(metadata_->getFileSize());
     if (size <= start) return -1;
     if (count == 0) return 0;
@@ -710,7 +711,7 @@ std::streamsize WorkingFileEntry::read(std::streampos position, char* buffer, st
     int retries = 0;
     while (remaining >= 1) {
       {
-        std::lock_guard lock(mutex_);
+        LockGuard lock(mutex_);
         if (static_cast<std::int64_t>(metadata_->getFileSize()) <= next) break;
       }
       std::streamsize const n = readFromProviderAndWriteToCache(next, buffer + total, remaining);
@@ -727,7 +728,7 @@ std::streamsize WorkingFileEntry::read(std::streampos position, char* buffer, st
     }
   } catch (...) {
     if (status != IntegrityStatus::Absent) throw;
-    std::lock_guard lock(mutex_);
+    LockGuard lock(mutex_);
     std::streamsize const got = cacheResource_->read(position, buffer, count);
     return std::min<std::streamsize>(std::max<std::streamsize>(got, 0), count);
   }
@@ -739,13 +740,13 @@ std::streamsize WorkingFileEntry::read(std::streampos position, char* buffer, st
 // ---- writing ------------------------------------------------------------------------------
 
 void WorkingFileEntry::incrementPendingCounter() {
-  std::lock_guard lock(pendingMutex_);
+  LockGuard lock(pendingMutex_);
   ++pendingCounter_;
 }
 
 void WorkingFileEntry::decrementPendingCounter() {
   {
-    std::lock_guard lock(pendingMutex_);
+    LockGuard lock(pendingMutex_);
     if (pendingCounter_ > 0) --pendingCounter_;
   }
   pendingDrained_.notify_all();
@@ -794,7 +795,7 @@ void WorkingFileEntry::runProviderWrite(std::streampos start, std::vector<char> 
   if (shutdownFlag_.load()) return;
   if (abortedDueToWriteProblem_.load()) return;
   {
-    std::lock_guard lock(abortMutex_);
+    LockGuard lock(abortMutex_);
     if (abortState_ != 0 && abortTime_ >= enqueued) return;
   }
   // Up to three attempts, as every other queued change gets: a transient failure of the
@@ -803,7 +804,7 @@ void WorkingFileEntry::runProviderWrite(std::streampos start, std::vector<char> 
   for (int attempt = 1;; ++attempt) {
     try {
       awaitOpen(openOperation);
-      std::lock_guard lock(providerStreamMutex_);
+      LockGuard lock(providerStreamMutex_);
       if (!providerStream_) throw fsp::Exception(fsp::ErrorCode::TransientFailure, location, "the inner stream is closed");
       providerStream_->seek(static_cast<long>(offsetOf(start)), std::ios_base::beg);
       std::size_t written = 0;
@@ -824,7 +825,7 @@ void WorkingFileEntry::runProviderWrite(std::streampos start, std::vector<char> 
     break;
   }
   {
-    std::lock_guard lock(providerStreamMutex_);
+    LockGuard lock(providerStreamMutex_);
     if (providerStream_) {
       try {
         providerStream_->close();
@@ -869,12 +870,12 @@ std::streamsize WorkingFileEntry::write(std::streampos position, char const* dat
 
   auto const cacheSpace = innerItem_->getProviderCacheUsage().getSpaceAvailable();
   if (cacheSpace && end > static_cast<std::int64_t>(*cacheSpace)) {
-    std::lock_guard lock(mutex_);
+    LockGuard lock(mutex_);
     flushBuffered();
     throw fsp::Exception(fsp::ErrorCode::NoCacheSpace, location_);
   }
 
-  std::lock_guard lock(mutex_);
+  LockGuard lock(mutex_);
   if (abortedDueToWriteProblem_.load()) return count;
   auto const size = static_cast<std::uint64_t>(metadata_->getFileSize());
   auto const newSize = std::max<std::uint64_t>(size, static_cast<std::uint64_t>(end));
@@ -907,7 +908,7 @@ std::streamsize WorkingFileEntry::append(char const* data, std::streamsize count
   lastAccessTime_.store(timing_.now());
 
   auto const cacheSpace = innerItem_->getProviderCacheUsage().getSpaceAvailable();
-  std::lock_guard lock(mutex_);
+  LockGuard lock(mutex_);
   auto const size = static_cast<std::uint64_t>(metadata_->getFileSize());
   if (cacheSpace && size + static_cast<std::uint64_t>(count) >= *cacheSpace) {
     flushBuffered();
@@ -944,7 +945,7 @@ void WorkingFileEntry::closeProviderStreamUnlessReclaimed(std::uint64_t generati
 
 void WorkingFileEntry::closeProviderStreamNow(std::shared_ptr<FileMetadata> const& metadata, std::uint64_t generation) {
   {
-    std::lock_guard lock(providerStreamMutex_);
+    LockGuard lock(providerStreamMutex_);
     try {
       closeProviderStreamUnlessReclaimed(generation);
     } catch (...) {
@@ -960,7 +961,7 @@ void WorkingFileEntry::runProviderClose(fsp::StorageIRI const& location, std::sh
   if (durability) durability->run();
   fsp::StorageItem const item = innerItemFor(location);
   {
-    std::lock_guard lock(providerStreamMutex_);
+    LockGuard lock(providerStreamMutex_);
     try {
       closeProviderStreamUnlessReclaimed(generation);
     } catch (...) {
@@ -995,7 +996,7 @@ void WorkingFileEntry::runProviderClose(fsp::StorageIRI const& location, std::sh
 }
 
 void WorkingFileEntry::syncInBackground(std::shared_ptr<DurabilityHandle> durability) {
-  std::lock_guard lock(syncMutex_);
+  LockGuard lock(syncMutex_);
   // One sync at a time per entry; the one before has long finished, as a rule.
   if (syncThread_.joinable()) syncThread_.join();
   try {
@@ -1011,7 +1012,8 @@ void WorkingFileEntry::setFlushAttributeReads(std::shared_ptr<FlushAttributeRead
 
 void WorkingFileEntry::setThawWritten(ThawWritten thaw) { thawWritten_ = std::move(thaw); }
 
-void WorkingFileEntry::setDeliveryReport(std::shared_ptr<DeliveryReport> report) {
+// Runs before the entry is shared (see the header), so cacheResource_ needs no lock yet.
+void WorkingFileEntry::setDeliveryReport(std::shared_ptr<DeliveryReport> report) NO_THREAD_SAFETY_ANALYSIS {
   deliveryReport_ = std::move(report);
   if (auto* const resource = dynamic_cast<FilesystemCacheResource*>(cacheResource_.get())) {
     resource->setDeliveryReport(deliveryReport_);
@@ -1019,19 +1021,19 @@ void WorkingFileEntry::setDeliveryReport(std::shared_ptr<DeliveryReport> report)
 }
 
 void FlushAttributeReads::beginWaiting() {
-  std::lock_guard lock(mutex_);
+  LockGuard lock(mutex_);
   ++waiting_;
 }
 
 bool FlushAttributeReads::defer(Read read) {
-  std::lock_guard lock(mutex_);
+  LockGuard lock(mutex_);
   if (waiting_ <= 0) return false;
   deferred_.push_back(std::move(read));
   return true;
 }
 
 std::vector<FlushAttributeReads::Read> FlushAttributeReads::endWaiting() {
-  std::lock_guard lock(mutex_);
+  LockGuard lock(mutex_);
   if (waiting_ > 0) --waiting_;
   return std::exchange(deferred_, {});
 }
@@ -1046,7 +1048,7 @@ std::shared_ptr<WorkingFileEntry::DurabilityHandle> WorkingFileEntry::stampCache
 }
 
 void WorkingFileEntry::flushContentCache() {
-  std::unique_lock lock(mutex_);
+  UniqueLock lock(mutex_);
   if (refCount_ > 0) --refCount_;
   if (abortedDueToWriteProblem_.load()) return;
   if (openMode_ == kNotOpened) {
@@ -1100,7 +1102,7 @@ std::shared_ptr<WorkingFileEntry> WorkingFileEntry::copy(std::shared_ptr<FileMet
   fl::filesystem::path checkoutPath;
   std::int64_t initialCachePosition = 0;
   {
-    std::lock_guard lock(mutex_);
+    LockGuard lock(mutex_);
     cacheResource_->flush(metadata_->getLastModified());
     enqueueProviderWrite();
     if (complete) checkoutPath = cacheResource_->getCheckoutPath();
@@ -1119,7 +1121,7 @@ std::shared_ptr<WorkingFileEntry> WorkingFileEntry::copy(std::shared_ptr<FileMet
 
 void WorkingFileEntry::moveToNewLocation(fsp::StorageIRI newLocation, std::shared_ptr<FileMetadata> newMetadata) {
   if (!newMetadata) throw std::invalid_argument("WorkingFileEntry::moveToNewLocation: no metadata record");
-  std::lock_guard lock(mutex_);
+  LockGuard lock(mutex_);
   metadata_ = std::move(newMetadata);
   location_ = newLocation;
   cacheResource_->setLocation(std::move(newLocation));

@@ -52,6 +52,7 @@
 #include <core/quota/IQuotaAccountant.hpp>
 #include <core/util/SteadyClock.hpp>
 #include <core/exec/TimedLatch.hpp>
+#include <core/util/Mutex.hpp>
 #include <core/content/WorkingFileEntryParams.hpp>
 #include <core/content/WritableBuffer.hpp>
 
@@ -123,9 +124,9 @@ class FlushAttributeReads {
   std::vector<Read> endWaiting();
 
  private:
-  std::mutex mutex_;  // guards waiting_ and deferred_
-  int waiting_ = 0;
-  std::vector<Read> deferred_;
+  Mutex mutex_;
+  int waiting_ GUARDED_BY(mutex_) = 0;
+  std::vector<Read> deferred_ GUARDED_BY(mutex_);
 };
 
 class WorkingFileEntry : public std::enable_shared_from_this<WorkingFileEntry> {
@@ -249,9 +250,9 @@ class WorkingFileEntry : public std::enable_shared_from_this<WorkingFileEntry> {
   // stores an OpenOperation that waits for it. The transaction reuses an inner stream
   // that is already open, unless it opens for writing and that stream is read-only or
   // `options` ask for truncation; then it closes that stream and opens a new one.
-  // Caller holds mutex_ (the stored OpenOperation is guarded by it).
   void enqueueOpenOperation(ObservableTransactionType type,
-                            foundation::storage::provider::ByteStreamOpenOptions const& options = {});
+                            foundation::storage::provider::ByteStreamOpenOptions const& options = {})
+      REQUIRES(mutex_);
 
   // A caller stream opens the entry for reading (under mutex_): adds one to the
   // reference count and, unless the entry is already open in either mode, queues a
@@ -303,7 +304,8 @@ class WorkingFileEntry : public std::enable_shared_from_this<WorkingFileEntry> {
   // already holds are neither overwritten in the cache nor taken from the payload: the
   // cached bytes (possibly written by a caller and not yet written behind) win.
   // Returns the count copied, 0 for nothing to read, -1 when the inner read failed.
-  std::streamsize readFromProviderAndWriteToCache(std::streampos position, char* buffer, std::streamsize count);
+  std::streamsize readFromProviderAndWriteToCache(std::streampos position, char* buffer, std::streamsize count)
+      EXCLUDES(mutex_);
 
   // A reader that has fetched this many bytes of the file in order from the inner store
   // (two payloads of the default size) has the next payload fetched ahead on a thread of
@@ -312,7 +314,7 @@ class WorkingFileEntry : public std::enable_shared_from_this<WorkingFileEntry> {
 
   // Makes sure the first `initialCachePosition` bytes of the file are cached, fetching
   // payloads from `position` on; stops at the first payload that yields nothing.
-  void cacheInitialPartOfFileNotYetCached(std::streampos position);
+  void cacheInitialPartOfFileNotYetCached(std::streampos position) EXCLUDES(mutex_);
 
   // True when `position` is at or beyond the file's size (under mutex_).
   bool atEOF(unsigned long long position) const;
@@ -386,18 +388,18 @@ class WorkingFileEntry : public std::enable_shared_from_this<WorkingFileEntry> {
  private:
   class PendingToken;
 
-  // Stores caller bytes in the cache unless it is write-errored. Caller holds mutex_.
-  void writeToCache(std::streampos position, char const* data, std::streamsize count);
+  // Stores caller bytes in the cache unless it is write-errored.
+  void writeToCache(std::streampos position, char const* data, std::streamsize count) REQUIRES(mutex_);
   // Puts bytes into the write buffer, queueing payloads as the buffer fills or refuses
-  // them. Caller holds mutex_.
-  void writeToProvider(std::streampos position, char const* data, std::streamsize count);
-  // Queues the buffered bytes as one FILE_WRITE transaction. Caller holds mutex_.
-  void enqueueProviderWrite();
+  // them.
+  void writeToProvider(std::streampos position, char const* data, std::streamsize count) REQUIRES(mutex_);
+  // Queues the buffered bytes as one FILE_WRITE transaction.
+  void enqueueProviderWrite() REQUIRES(mutex_);
   // The body of a FILE_WRITE transaction. Takes providerStreamMutex_, never mutex_.
   void runProviderWrite(std::streampos start, std::vector<char> const& bytes,
                         std::chrono::steady_clock::time_point enqueued, OpenOperation const& openOperation,
                         foundation::storage::provider::StorageIRI const& location,
-                        std::shared_ptr<FileMetadata> const& metadata);
+                        std::shared_ptr<FileMetadata> const& metadata) EXCLUDES(providerStreamMutex_);
   // The body of an open transaction: reuses or (re)opens the inner stream for
   // `location` and marks it as claimed by open number `generation`. Opens nothing when
   // the callers of that open have all closed it already. Takes providerStreamMutex_,
@@ -405,68 +407,70 @@ class WorkingFileEntry : public std::enable_shared_from_this<WorkingFileEntry> {
   // closes what it opened when its callers closed meanwhile or a later open took over).
   ByteStreamPtr openProviderStream(foundation::storage::provider::StorageIRI const& location, bool forWriting,
                                    foundation::storage::provider::ByteStreamOpenOptions const& options,
-                                   std::uint64_t generation);
+                                   std::uint64_t generation) EXCLUDES(providerStreamMutex_);
   // The body of a FILE_CLOSE transaction queued when open number `generation` was the
   // latest: first makes the cache file durable (`durability`, when given), then closes
   // the inner stream and stamps the inner file. Takes providerStreamMutex_, never mutex_.
   void runProviderClose(foundation::storage::provider::StorageIRI const& location,
                         std::shared_ptr<FileMetadata> const& metadata, std::uint64_t generation,
-                        DurabilityHandle* durability);
+                        DurabilityHandle* durability) EXCLUDES(providerStreamMutex_);
   // Closes and drops the inner stream unless an open queued after open number
-  // `generation` has claimed it. Caller holds providerStreamMutex_. Passes on what the
-  // inner close throws (the stream is dropped anyway).
-  void closeProviderStreamUnlessReclaimed(std::uint64_t generation);
+  // `generation` has claimed it. Passes on what the inner close throws (the stream is
+  // dropped anyway).
+  void closeProviderStreamUnlessReclaimed(std::uint64_t generation) REQUIRES(providerStreamMutex_);
   // Closes and drops the inner stream, whoever claimed it; close failures are logged.
-  // Caller holds providerStreamMutex_.
-  void closeProviderStreamQuietly();
+  void closeProviderStreamQuietly() REQUIRES(providerStreamMutex_);
   // Closes and drops the inner stream now (as above), then thaws `metadata`. Caller
   // holds no entry mutex. Close failures are logged.
-  void closeProviderStreamNow(std::shared_ptr<FileMetadata> const& metadata, std::uint64_t generation);
+  void closeProviderStreamNow(std::shared_ptr<FileMetadata> const& metadata, std::uint64_t generation)
+      EXCLUDES(mutex_, providerStreamMutex_);
   // `payload` holds `payloadSize` bytes at `position` of which the inner store
   // delivered the first `fetched`. Stores the fetched bytes in the cache except where the
   // cache already holds bytes, and copies cached bytes over the payload instead, so the
   // payload shows what the overlay's file holds (the cache may hold bytes the inner store
   // does not have yet). Returns how many bytes from the start of the payload are known:
-  // the fetched ones, extended by cached runs that continue them. Caller holds mutex_.
+  // the fetched ones, extended by cached runs that continue them.
   std::streamsize mergePayloadWithCache(std::streamoff position, char* payload, std::streamsize fetched,
-                                        std::streamsize payloadSize);
+                                        std::streamsize payloadSize) REQUIRES(mutex_);
   // Fetches every byte of [0, size) that the cache lacks. Returns whether the whole file
   // is cached afterwards. Takes no lock across inner I/O.
-  bool cacheWholeFile();
-  // Pushes out what is buffered: cache flush, then the buffer's payload. Caller holds
-  // mutex_.
-  void flushBuffered();
+  bool cacheWholeFile() EXCLUDES(mutex_);
+  // Pushes out what is buffered: cache flush, then the buffer's payload.
+  void flushBuffered() REQUIRES(mutex_);
   // The close path's cache flush without the wait for the disk: stamps the cache file
   // with the metadata's last-modified time now and returns its pending sync (null when
-  // there is nothing to make durable, or without disk caching). Caller holds mutex_.
-  std::shared_ptr<DurabilityHandle> stampCacheFile();
+  // there is nothing to make durable, or without disk caching).
+  std::shared_ptr<DurabilityHandle> stampCacheFile() REQUIRES(mutex_);
   // Subtracts one from the pending counter and wakes every waiter.
-  void decrementPendingCounter();
+  void decrementPendingCounter() EXCLUDES(pendingMutex_);
   // Waits until nothing is pending or the wait-for-zero period has passed.
-  void waitForPendingToDrain();
+  void waitForPendingToDrain() EXCLUDES(pendingMutex_);
   // The open transaction's result, waiting for it; an empty callable throws
   // std::bad_function_call. Caller holds no entry mutex.
-  ByteStreamPtr awaitOpen(OpenOperation const& openOperation) const;
-  // The stored OpenOperation (under mutex_).
-  OpenOperation currentOpenOperation() const;
+  ByteStreamPtr awaitOpen(OpenOperation const& openOperation) const EXCLUDES(mutex_, providerStreamMutex_);
+  // The stored OpenOperation.
+  OpenOperation currentOpenOperation() const EXCLUDES(mutex_);
   // readFromProviderStream with the open operation and location already taken. Takes
   // providerStreamMutex_, never mutex_.
   std::streamsize readFromProviderStreamWith(OpenOperation const& openOperation,
                                              foundation::storage::provider::StorageIRI const& location,
-                                             std::streampos position, char* buffer, std::streamsize count);
+                                             std::streampos position, char* buffer, std::streamsize count)
+      EXCLUDES(providerStreamMutex_);
   // Starts fetching `size` bytes at `position` on a thread of its own, for the opening
-  // `generation`, unless a fetch ahead is under way already (under prefetchMutex_).
+  // `generation`, unless a fetch ahead is under way already.
   void startPrefetch(std::int64_t position, std::int64_t size, std::uint64_t generation,
-                     OpenOperation const& openOperation, foundation::storage::provider::StorageIRI const& location);
+                     OpenOperation const& openOperation, foundation::storage::provider::StorageIRI const& location)
+      EXCLUDES(prefetchMutex_);
   // Takes the fetch ahead, if any, out of the entry and waits for its thread (taking
   // prefetchMutex_ only to take it). Caller holds no entry mutex.
   struct Prefetch;
-  std::unique_ptr<Prefetch> takePrefetch();
+  std::unique_ptr<Prefetch> takePrefetch() EXCLUDES(prefetchMutex_);
   // Runs `durability` on a thread of the entry's own (the sync of a read-only close),
-  // after the one before it has finished (under syncMutex_).
-  void syncInBackground(std::shared_ptr<DurabilityHandle> durability);
-  // Builds the cache resource for the constructors.
-  std::shared_ptr<CacheResource> buildCacheResource(fl::filesystem::path const* sourceCheckoutPath) const;
+  // after the one before it has finished.
+  void syncInBackground(std::shared_ptr<DurabilityHandle> durability) EXCLUDES(syncMutex_);
+  // Builds the cache resource of `metadata` for the constructors.
+  std::shared_ptr<CacheResource> buildCacheResource(std::shared_ptr<FileMetadata> const& metadata,
+                                                    fl::filesystem::path const* sourceCheckoutPath) const;
   // An item on the inner store's provider for `location`'s path.
   foundation::storage::provider::StorageItem innerItemFor(
       foundation::storage::provider::StorageIRI const& location) const;
@@ -475,39 +479,41 @@ class WorkingFileEntry : public std::enable_shared_from_this<WorkingFileEntry> {
   void reportUndelivered(foundation::storage::provider::StorageIRI const& location, char const* change) const noexcept;
 
   fl::filesystem::path const cacheDirectory_;
-  std::shared_ptr<FileMetadata> metadata_;                 // guarded by mutex_
-  foundation::storage::provider::StorageIRI location_;     // guarded by mutex_
+  std::shared_ptr<FileMetadata> metadata_ GUARDED_BY(mutex_);
+  foundation::storage::provider::StorageIRI location_ GUARDED_BY(mutex_);
   std::shared_ptr<foundation::storage::provider::StorageItem> const innerItem_;
   std::shared_ptr<IExecutor> const executor_;
   std::shared_ptr<IQuotaAccountant> const quotaAccountant_;  // may be null
   std::shared_ptr<TimedLatch> const latch_;                  // may be null
   WorkingFileEntryParams const params_;
   EntryTiming const timing_;
-  std::shared_ptr<CacheResource> cacheResource_;       // guarded by mutex_
-  std::int64_t initialCachePosition_ = 0;               // guarded by mutex_
-  std::unique_ptr<WritableBuffer> currentBuffer_;       // guarded by mutex_; empty until a write
+  std::shared_ptr<CacheResource> cacheResource_ GUARDED_BY(mutex_);
+  std::int64_t initialCachePosition_ GUARDED_BY(mutex_) = 0;
+  std::unique_ptr<WritableBuffer> currentBuffer_ GUARDED_BY(mutex_);  // empty until a write
 
-  ByteStreamPtr providerStream_;     // guarded by providerStreamMutex_; empty until opened
-  bool providerStreamWritable_ = false;  // guarded by providerStreamMutex_
-  mutable std::mutex providerStreamMutex_;  // guards providerStream_ and every use of it
+  // Empty until opened. The analysis checks the pointer; every use of the stream it
+  // points to is under providerStreamMutex_ too.
+  ByteStreamPtr providerStream_ GUARDED_BY(providerStreamMutex_);
+  bool providerStreamWritable_ GUARDED_BY(providerStreamMutex_) = false;
+  mutable Mutex providerStreamMutex_;
 
-  std::int64_t refCount_ = 0;             // guarded by mutex_
-  std::int32_t openMode_ = kNotOpened;    // guarded by mutex_
-  OpenOperation openOperation_;           // guarded by mutex_; empty until an open is queued
-  std::uint64_t openGeneration_ = 0;      // guarded by mutex_; number of the latest queued open
-  std::uint64_t streamGeneration_ = 0;    // guarded by providerStreamMutex_; the open that last
-                                          // claimed providerStream_
-  std::uint64_t closedGeneration_ = 0;    // guarded by providerStreamMutex_; opens up to this
-                                          // one were closed by their last caller stream
+  std::int64_t refCount_ GUARDED_BY(mutex_) = 0;
+  std::int32_t openMode_ GUARDED_BY(mutex_) = kNotOpened;
+  OpenOperation openOperation_ GUARDED_BY(mutex_);           // empty until an open is queued
+  std::uint64_t openGeneration_ GUARDED_BY(mutex_) = 0;      // number of the latest queued open
+  // The open that last claimed providerStream_.
+  std::uint64_t streamGeneration_ GUARDED_BY(providerStreamMutex_) = 0;
+  // Opens up to this one were closed by their last caller stream.
+  std::uint64_t closedGeneration_ GUARDED_BY(providerStreamMutex_) = 0;
 
-  std::chrono::steady_clock::time_point abortTime_{};  // guarded by abortMutex_
-  std::int32_t abortState_ = 0;                         // guarded by abortMutex_
-  mutable std::mutex abortMutex_;                       // guards abortTime_ and abortState_
+  std::chrono::steady_clock::time_point abortTime_ GUARDED_BY(abortMutex_) = {};
+  std::int32_t abortState_ GUARDED_BY(abortMutex_) = 0;
+  mutable Mutex abortMutex_;
 
   std::atomic<bool> abortedDueToWriteProblem_{false};
 
-  std::int64_t pendingCounter_ = 0;       // guarded by pendingMutex_
-  mutable std::mutex pendingMutex_;       // guards pendingCounter_
+  std::int64_t pendingCounter_ GUARDED_BY(pendingMutex_) = 0;
+  mutable Mutex pendingMutex_;
   std::condition_variable pendingDrained_;  // notified (under pendingMutex_) when the counter drops
 
   // The next payload of a reader going through the file in order, fetched while the
@@ -521,22 +527,21 @@ class WorkingFileEntry : public std::enable_shared_from_this<WorkingFileEntry> {
     std::exception_ptr failure;    // written by the thread; read after it was joined
     std::thread thread;            // joined by whoever takes the fetch out of the entry
   };
-  std::unique_ptr<Prefetch> prefetch_;  // guarded by prefetchMutex_; empty when none is under way
-  std::int64_t sequentialEnd_ = -1;     // guarded by prefetchMutex_; end of the last payload fetched
-  std::int64_t sequentialRun_ = 0;      // guarded by prefetchMutex_; bytes fetched in order up to it
-  mutable std::mutex prefetchMutex_;    // guards the three above; a leaf, held only briefly
+  std::unique_ptr<Prefetch> prefetch_ GUARDED_BY(prefetchMutex_);  // empty when none is under way
+  std::int64_t sequentialEnd_ GUARDED_BY(prefetchMutex_) = -1;     // end of the last payload fetched
+  std::int64_t sequentialRun_ GUARDED_BY(prefetchMutex_) = 0;      // bytes fetched in order up to it
+  mutable Mutex prefetchMutex_;  // a leaf, held only briefly
 
   std::shared_ptr<FlushAttributeReads> flushReads_;  // set before the entry is shared; may be null
   ThawWritten thawWritten_;                          // set before the entry is shared; may be empty
   std::shared_ptr<DeliveryReport> deliveryReport_;   // set before the entry is shared; may be null
-  std::thread syncThread_;           // guarded by syncMutex_; the last read-only close's sync
-  mutable std::mutex syncMutex_;     // guards syncThread_; a leaf
+  std::thread syncThread_ GUARDED_BY(syncMutex_);  // the last read-only close's sync
+  mutable Mutex syncMutex_;                        // a leaf
 
   std::atomic<std::chrono::steady_clock::time_point> lastAccessTime_;
   std::atomic<bool> invalidationWasTriggered_{false};
   std::atomic<bool>& shutdownFlag_;
-  mutable std::mutex mutex_;  // guards the entry's state: metadata, location, cache resource, buffer,
-                              // reference count, open mode, open operation
+  mutable Mutex mutex_;  // the entry's lock (see the lock order above)
 };
 
 }  // namespace storage::overlayprovider

@@ -34,18 +34,12 @@ void TaskQueue::pushIgnoringWeightBound(QueueRecord record) { pushImpl(std::move
 
 void TaskQueue::pushImpl(QueueRecord record, bool honourWeightBound) {
   {
-    std::unique_lock<std::mutex> lock(mutex_);
+    UniqueLock lock(mutex_);
     if (honourWeightBound && maxWeight() > 0) {
-      // A producer is held only while limiting is on; one whose bound is switched off
-      // (maximum set to 0 or less) while it waits goes on at the next pop.
-      auto const overBound = [this] {
-        double const max = maxWeight();
-        return !consumerClosed_ && max > 0 && currentWeight_ > max;
-      };
-      if (overBound()) {
+      if (overWeightBound()) {
         ++blockedProducers_;
         notifyObserver();
-        weightReleased_.wait(lock, [&] { return !overBound(); });
+        while (overWeightBound()) weightReleased_.wait(lock.native());
         --blockedProducers_;
         notifyObserver();
       }
@@ -72,8 +66,8 @@ void TaskQueue::pushImpl(QueueRecord record, bool honourWeightBound) {
 QueueRecord TaskQueue::pop() {
   QueueRecord record;
   {
-    std::unique_lock<std::mutex> lock(mutex_);
-    notEmpty_.wait(lock, [this] { return !records_.empty(); });
+    UniqueLock lock(mutex_);
+    while (records_.empty()) notEmpty_.wait(lock.native());
     record = std::move(records_.front());
     records_.pop_front();
     if (!record.wakeupMarker) {
@@ -96,19 +90,19 @@ QueueRecord TaskQueue::pop() {
 void TaskQueue::clear() {
   Records discarded;
   {
-    std::lock_guard<std::mutex> lock(mutex_);
+    LockGuard lock(mutex_);
     discarded.swap(records_);
   }
 }
 
 void TaskQueue::waitUntilDrained() {
-  std::unique_lock<std::mutex> lock(mutex_);
-  dequeued_.wait(lock, [this] { return records_.empty() || consumerClosed_; });
+  UniqueLock lock(mutex_);
+  while (!records_.empty() && !consumerClosed_) dequeued_.wait(lock.native());
 }
 
 void TaskQueue::closeConsumer() {
   {
-    std::lock_guard<std::mutex> lock(mutex_);
+    LockGuard lock(mutex_);
     consumerClosed_ = true;
   }
   dequeued_.notify_all();
@@ -116,22 +110,22 @@ void TaskQueue::closeConsumer() {
 }
 
 std::size_t TaskQueue::size() const {
-  std::lock_guard<std::mutex> lock(mutex_);
+  LockGuard lock(mutex_);
   return records_.size();
 }
 
 double TaskQueue::currentWeight() const {
-  std::lock_guard<std::mutex> lock(mutex_);
+  LockGuard lock(mutex_);
   return currentWeight_;
 }
 
 void TaskQueue::setBackPressureObserver(BackPressureObserver observer) {
-  std::lock_guard<std::mutex> lock(mutex_);
+  LockGuard lock(mutex_);
   observer_ = std::move(observer);
 }
 
 void TaskQueue::logStatistics() {
-  std::lock_guard<std::mutex> lock(mutex_);
+  LockGuard lock(mutex_);
   try {
     report();
   } catch (...) {
@@ -140,7 +134,7 @@ void TaskQueue::logStatistics() {
 }
 
 foundation::storage::provider::extensions::QueueFigures TaskQueue::figures() const {
-  std::lock_guard<std::mutex> lock(mutex_);
+  LockGuard lock(mutex_);
   foundation::storage::provider::extensions::QueueFigures figures;
   figures.queued = records_.size();
   figures.drains = drains_;
@@ -155,6 +149,13 @@ foundation::storage::provider::extensions::QueueFigures TaskQueue::figures() con
     }
   }
   return figures;
+}
+
+bool TaskQueue::overWeightBound() const {
+  // A producer is held only while limiting is on; one whose bound is switched off
+  // (maximum set to 0 or less) while it waits goes on at the next pop.
+  double const max = maxWeight();
+  return !consumerClosed_ && max > 0 && currentWeight_ > max;
 }
 
 void TaskQueue::notifyObserver() {

@@ -30,6 +30,7 @@
 #pragma once
 
 #include <core/exec/ObservableTransactionType.hpp>
+#include <core/util/Mutex.hpp>
 #include <core/util/SteadyClock.hpp>
 
 #include <foundation/storage/provider/extensions/IWriteBehindStatus.hpp>
@@ -44,7 +45,6 @@
 #include <cstdint>
 #include <functional>
 #include <map>
-#include <mutex>
 #include <utility>
 
 namespace storage::overlayprovider {
@@ -136,39 +136,39 @@ class TaskQueue {
   using Records = boost::container::deque<
       QueueRecord, void, boost::container::deque_options<boost::container::block_size<64u>>::type>;
 
-  void pushImpl(QueueRecord record, bool honourWeightBound);
-  void notifyObserver();                             // Caller holds mutex_.
-  void countPush(ObservableTransactionType type);    // Caller holds mutex_.
-  void countPop(ObservableTransactionType type);     // Caller holds mutex_.
-  void updateQueueTime(QueueRecord const& record);   // Caller holds mutex_.
-  void report();                                     // Caller holds mutex_.
+  void pushImpl(QueueRecord record, bool honourWeightBound) EXCLUDES(mutex_);
+  // Whether a producer waits on the weight bound now.
+  bool overWeightBound() const REQUIRES(mutex_);
+  void notifyObserver() REQUIRES(mutex_);
+  void countPush(ObservableTransactionType type) REQUIRES(mutex_);
+  void countPop(ObservableTransactionType type) REQUIRES(mutex_);
+  void updateQueueTime(QueueRecord const& record) REQUIRES(mutex_);
+  void report() REQUIRES(mutex_);
 
   // Written without mutex_ (see setMaxWeight); read under it.
   std::atomic<double> maxWeight_;
-  // The fields below, down to `records_`, are guarded by mutex_.
-  double currentWeight_ = 0.0;              // may go negative, see BackendExecutor
-  std::int64_t busyQueueTimeMs_ = 0;        // total queue time of the current busy period
-  std::int64_t maxQueueTimeMs_ = 0;         // never reset
-  std::int64_t totalQueueTimeMs_ = 0;       // never reset
-  std::uint64_t poppedTasks_ = 0;           // never reset
-  std::uint64_t drains_ = 0;                // busy periods ended, never reset
-  std::int64_t longestBusyMs_ = 0;          // never reset
-  std::uint64_t busyRecordCount_ = 0;       // records pushed in the busy period, markers too
-  std::chrono::steady_clock::time_point busyStart_;
-  std::chrono::steady_clock::time_point lastReport_;
+  double currentWeight_ GUARDED_BY(mutex_) = 0.0;         // may go negative, see BackendExecutor
+  std::int64_t busyQueueTimeMs_ GUARDED_BY(mutex_) = 0;   // total queue time of the current busy period
+  std::int64_t maxQueueTimeMs_ GUARDED_BY(mutex_) = 0;    // never reset
+  std::int64_t totalQueueTimeMs_ GUARDED_BY(mutex_) = 0;  // never reset
+  std::uint64_t poppedTasks_ GUARDED_BY(mutex_) = 0;      // never reset
+  std::uint64_t drains_ GUARDED_BY(mutex_) = 0;           // busy periods ended, never reset
+  std::int64_t longestBusyMs_ GUARDED_BY(mutex_) = 0;     // never reset
+  std::uint64_t busyRecordCount_ GUARDED_BY(mutex_) = 0;  // records pushed in the busy period, markers too
+  std::chrono::steady_clock::time_point busyStart_ GUARDED_BY(mutex_);
+  std::chrono::steady_clock::time_point lastReport_ GUARDED_BY(mutex_);
   bool const captureMetrics_;
   // Transaction type (as its integer) -> (now counter, total-over-time counter).
-  std::map<int, std::pair<std::uint64_t, std::uint64_t>> counters_;
-  Records records_;
+  std::map<int, std::pair<std::uint64_t, std::uint64_t>> counters_ GUARDED_BY(mutex_);
+  Records records_ GUARDED_BY(mutex_);
 
-  // Guards everything above except maxWeight_, and the three fields below.
-  mutable std::mutex mutex_;
+  mutable Mutex mutex_;
   std::condition_variable notEmpty_;        // signalled after each push
   std::condition_variable dequeued_;        // signalled after each pop and when the consumer goes
   std::condition_variable weightReleased_;  // likewise; waited on by producers over the bound
-  bool consumerClosed_ = false;
-  std::size_t blockedProducers_ = 0;
-  BackPressureObserver observer_;
+  bool consumerClosed_ GUARDED_BY(mutex_) = false;
+  std::size_t blockedProducers_ GUARDED_BY(mutex_) = 0;
+  BackPressureObserver observer_ GUARDED_BY(mutex_);
 
   SteadyClockSource const clock_;
 };

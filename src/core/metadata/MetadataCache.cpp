@@ -133,16 +133,16 @@ class MetadataCache::Key {
 
 // Takes the cache lock; entries retired while it was held are destroyed after it is
 // released (destroying a listing entry waits for its listing).
-class MetadataCache::CacheLock {
+class SCOPED_CAPABILITY MetadataCache::CacheLock {
  public:
-  explicit CacheLock(MetadataCache const& cache) : cache_(cache), lock_(cache.guard_) {}
-  ~CacheLock() { unlock(); }
+  explicit CacheLock(MetadataCache const& cache) ACQUIRE(cache.guard_) : cache_(cache), lock_(cache.guard_) {}
+  ~CacheLock() RELEASE() { unlock(); }
   CacheLock(CacheLock const&) = delete;
   CacheLock& operator=(CacheLock const&) = delete;
 
-  void lock() { lock_.lock(); }
-  void unlock() {
-    if (!lock_.owns_lock()) return;
+  void lock() ACQUIRE() { lock_.lock(); }
+  void unlock() RELEASE() {
+    if (!lock_.native().owns_lock()) return;
     std::vector<std::shared_ptr<IFolderEntry>> retired;
     retired.swap(cache_.retired_);
     lock_.unlock();
@@ -150,14 +150,14 @@ class MetadataCache::CacheLock {
 
  private:
   MetadataCache const& cache_;
-  std::unique_lock<std::mutex> lock_;
+  UniqueLock lock_;
 };
 
 MetadataCache::MetadataCache(std::shared_ptr<fsp::StorageItem> inner, bool caseSensitive)
     : inner_(std::move(inner)), caseSensitive_(caseSensitive) {}
 
 MetadataCache::~MetadataCache() {
-  std::lock_guard lock(populationMutex_);
+  LockGuard lock(populationMutex_);
   if (population_ && population_->valid() &&
       population_->wait_for(std::chrono::seconds(0)) != std::future_status::deferred) {
     try {
@@ -288,7 +288,7 @@ void MetadataCache::awaitSubtree(StorageIRI const& iri, bool create) const {
 }
 
 void MetadataCache::awaitFrozenReAdd() const {
-  awaitEntries([this](std::vector<std::shared_ptr<IFolderEntry>>& entries) {
+  awaitEntries([this](std::vector<std::shared_ptr<IFolderEntry>>& entries) REQUIRES(guard_) {
     if (!frozenReAddPending_) return;
     for (auto const& [key, record] : frozen_) {
       bool const frozen = record.index() == 0 ? std::get<0>(record)->isFrozen() : std::get<1>(record)->isFrozen();
@@ -547,36 +547,26 @@ void MetadataCache::doRemoveFolder(StorageIRI const& iri) const {
 
 // ---- mutations ------------------------------------------------------------------------------
 
-namespace {
-
-// The folders an addition at `key` looks into: the parent (whose entry lists the new
-// record) and the grandparent (whose entry holds the parent's record and its time).
-template <class GetEntry>
-void foldersForAdding(StorageIRI const& key, std::vector<std::shared_ptr<IFolderEntry>>& entries, GetEntry get) {
+void MetadataCache::foldersForAdding(StorageIRI const& key, std::vector<std::shared_ptr<IFolderEntry>>& entries) const {
   if (!key.hasParent()) return;
   auto const parent = key.getParent();
-  entries.push_back(get(parent, true));
-  if (parent.hasParent()) entries.push_back(get(parent.getParent(), true));
+  entries.push_back(doGetFolderContainer(parent, true));
+  if (parent.hasParent()) entries.push_back(doGetFolderContainer(parent.getParent(), true));
 }
 
-// The folders a removal at `key` looks into: the parent if cached, and then the
-// grandparent.
-template <class GetEntry>
-void foldersForRemoving(StorageIRI const& key, std::vector<std::shared_ptr<IFolderEntry>>& entries, GetEntry get) {
+void MetadataCache::foldersForRemoving(StorageIRI const& key,
+                                       std::vector<std::shared_ptr<IFolderEntry>>& entries) const {
   if (!key.hasParent()) return;
   auto const parent = key.getParent();
-  auto entry = get(parent, false);
+  auto entry = doGetFolderContainer(parent, false);
   if (!entry) return;
   entries.push_back(entry);
-  if (parent.hasParent()) entries.push_back(get(parent.getParent(), true));
+  if (parent.hasParent()) entries.push_back(doGetFolderContainer(parent.getParent(), true));
 }
-
-}  // namespace
 
 void MetadataCache::createFileMetadata(StorageIRI const& iri) const {
   auto const key = keyFor(iri);
-  auto get = [this](StorageIRI const& folder, bool create) { return doGetFolderContainer(folder, create); };
-  awaitEntries([&](auto& entries) { foldersForAdding(key, entries, get); });
+  awaitEntries([&](auto& entries) REQUIRES(guard_) { foldersForAdding(key, entries); });
 
   CacheLock lock(*this);
   triggerInvalidationProcess();
@@ -593,8 +583,7 @@ void MetadataCache::createFileMetadata(StorageIRI const& iri) const {
 
 void MetadataCache::createFolderMetadata(StorageIRI const& iri) const {
   auto const key = keyFor(iri);
-  auto get = [this](StorageIRI const& folder, bool create) { return doGetFolderContainer(folder, create); };
-  awaitEntries([&](auto& entries) { foldersForAdding(key, entries, get); });
+  awaitEntries([&](auto& entries) REQUIRES(guard_) { foldersForAdding(key, entries); });
 
   CacheLock lock(*this);
   triggerInvalidationProcess();
@@ -611,8 +600,7 @@ void MetadataCache::createFolderMetadata(StorageIRI const& iri) const {
 
 void MetadataCache::addFileMetadata(std::shared_ptr<FileMetadata> record) const {
   auto const key = record->getLocation();
-  auto get = [this](StorageIRI const& folder, bool create) { return doGetFolderContainer(folder, create); };
-  awaitEntries([&](auto& entries) { foldersForAdding(key, entries, get); });
+  awaitEntries([&](auto& entries) REQUIRES(guard_) { foldersForAdding(key, entries); });
 
   CacheLock lock(*this);
   triggerInvalidationProcess();
@@ -641,8 +629,7 @@ void MetadataCache::putFileMetadata(std::shared_ptr<FileMetadata> const& record)
 
 void MetadataCache::addFolderMetadata(std::shared_ptr<FolderMetadata> record) const {
   auto const key = record->getLocation();
-  auto get = [this](StorageIRI const& folder, bool create) { return doGetFolderContainer(folder, create); };
-  awaitEntries([&](auto& entries) { foldersForAdding(key, entries, get); });
+  awaitEntries([&](auto& entries) REQUIRES(guard_) { foldersForAdding(key, entries); });
 
   CacheLock lock(*this);
   triggerInvalidationProcess();
@@ -651,8 +638,7 @@ void MetadataCache::addFolderMetadata(std::shared_ptr<FolderMetadata> record) co
 
 void MetadataCache::removeFile(StorageIRI const& iri) const {
   auto const key = keyFor(iri);
-  auto get = [this](StorageIRI const& folder, bool create) { return doGetFolderContainer(folder, create); };
-  awaitEntries([&](auto& entries) { foldersForRemoving(key, entries, get); });
+  awaitEntries([&](auto& entries) REQUIRES(guard_) { foldersForRemoving(key, entries); });
 
   CacheLock lock(*this);
   triggerInvalidationProcess();
@@ -662,8 +648,7 @@ void MetadataCache::removeFile(StorageIRI const& iri) const {
 
 void MetadataCache::removeFolder(StorageIRI const& iri) const {
   auto const key = keyFor(iri);
-  auto get = [this](StorageIRI const& folder, bool create) { return doGetFolderContainer(folder, create); };
-  awaitEntries([&](auto& entries) { foldersForRemoving(key, entries, get); });
+  awaitEntries([&](auto& entries) REQUIRES(guard_) { foldersForRemoving(key, entries); });
 
   CacheLock lock(*this);
   triggerInvalidationProcess();
@@ -697,10 +682,9 @@ void MetadataCache::doMoveOrCopyFile(StorageIRI const& src, StorageIRI const& ds
 void MetadataCache::moveFile(StorageIRI const& src, StorageIRI const& dst) const {
   auto const s = keyFor(src);
   auto const d = keyFor(dst);
-  auto get = [this](StorageIRI const& folder, bool create) { return doGetFolderContainer(folder, create); };
-  awaitEntries([&](auto& entries) {
-    foldersForAdding(s, entries, get);
-    foldersForAdding(d, entries, get);
+  awaitEntries([&](auto& entries) REQUIRES(guard_) {
+    foldersForAdding(s, entries);
+    foldersForAdding(d, entries);
   });
 
   CacheLock lock(*this);
@@ -711,10 +695,9 @@ void MetadataCache::moveFile(StorageIRI const& src, StorageIRI const& dst) const
 void MetadataCache::copyFile(StorageIRI const& src, StorageIRI const& dst) const {
   auto const s = keyFor(src);
   auto const d = keyFor(dst);
-  auto get = [this](StorageIRI const& folder, bool create) { return doGetFolderContainer(folder, create); };
-  awaitEntries([&](auto& entries) {
-    if (s.hasParent()) entries.push_back(get(s.getParent(), true));
-    foldersForAdding(d, entries, get);
+  awaitEntries([&](auto& entries) REQUIRES(guard_) {
+    if (s.hasParent()) entries.push_back(doGetFolderContainer(s.getParent(), true));
+    foldersForAdding(d, entries);
   });
 
   CacheLock lock(*this);
@@ -729,22 +712,21 @@ void MetadataCache::moveFolder(StorageIRI const& src, StorageIRI const& dst, fsp
   // cached entries are waited for before the cache lock is taken.
   awaitSubtree(s, true);
   awaitSubtree(d, false);
-  auto get = [this](StorageIRI const& folder, bool create) { return doGetFolderContainer(folder, create); };
-  awaitEntries([&](auto& entries) {
+  awaitEntries([&](auto& entries) REQUIRES(guard_) {
     // A new destination entry is registered with its parent and grandparent; a new
     // sub-folder entry stamps its grandparent, which is the destination's parent at the
     // first level.
     if (folders_.count(d) == 0) {
-      foldersForAdding(d, entries, get);
+      foldersForAdding(d, entries);
     } else if (d.hasParent()) {
       auto source = doGetFolderContainer(s, false);
       bool hasSubFolders = false;
       if (source && !isUnbuiltListing(source)) {
         for (auto const& [location, child] : source->getAllContent()) hasSubFolders |= child.index() == 1;
       }
-      if (hasSubFolders) entries.push_back(get(d.getParent(), true));
+      if (hasSubFolders) entries.push_back(doGetFolderContainer(d.getParent(), true));
     }
-    foldersForRemoving(s, entries, get);
+    foldersForRemoving(s, entries);
   });
 
   CacheLock lock(*this);
@@ -975,7 +957,7 @@ void MetadataCache::thawWritten(std::shared_ptr<FileMetadata> const& record) con
   auto const key = keyFor(record->getLocation());
   for (;;) {
     std::shared_ptr<IFolderEntry> parent;
-    awaitEntries([&](auto& entries) {
+    awaitEntries([&](auto& entries) REQUIRES(guard_) {
       if (!key.hasParent()) return;
       auto it = folderIndex_.findExact(key.getParent());
       if (it != folders_.end()) entries.push_back(parent = it->second);
@@ -1013,7 +995,7 @@ void MetadataCache::thawFolder(StorageIRI const& iri, bool recursive) {
   if (recursive) {
     awaitSubtree(key, false);
   } else {
-    awaitEntries([&](auto& entries) {
+    awaitEntries([&](auto& entries) REQUIRES(guard_) {
       if (auto it = folderIndex_.findExact(key); it != folders_.end()) entries.push_back(it->second);
     });
   }
@@ -1027,7 +1009,7 @@ void MetadataCache::thawFolder(StorageIRI const& iri, bool recursive) {
 void MetadataCache::populateWholeFolderTreeWhenPossible(bool wait) {
   if (!inner_->hasFeature(static_cast<fsp::ExtendedFeature>(1))) return;
   if (!wait) loadAndGetFolderContainer(inner_->getLocation());
-  std::lock_guard lock(populationMutex_);
+  LockGuard lock(populationMutex_);
   population_ = std::make_unique<std::future<void>>(std::async([this, wait] { populate(wait); }));
   if (wait) population_->get();
 }
@@ -1076,7 +1058,7 @@ void MetadataCache::addListedEntry(fsp::FolderEntry const& entry, StorageIRI con
   StorageIRI const location(base, entry.getName());
   auto const record = FutureFolderEntry::recordFor(entry, location, inner_);
   // The entry that receives the record is waited for without the cache lock.
-  awaitEntries([&](auto& entries) {
+  awaitEntries([&](auto& entries) REQUIRES(guard_) {
     if (location.hasParent()) entries.push_back(doGetFolderContainer(location.getParent(), false));
   });
   if (record.index() == 0) {
@@ -1092,14 +1074,14 @@ void MetadataCache::addListedEntry(fsp::FolderEntry const& entry, StorageIRI con
 
 void MetadataCache::waitForFuturePopulationToFinish() {
   if (populationWaited_.load(std::memory_order_acquire)) return;
-  std::lock_guard lock(populationMutex_);
+  LockGuard lock(populationMutex_);
   if (populationWaited_.load(std::memory_order_relaxed)) return;
   if (population_ && population_->valid()) population_->get();  // a failure leaves the next call to wait again
   populationWaited_.store(true, std::memory_order_release);
 }
 
 void MetadataCache::doWaitForFuturePopulationToFinish() {
-  std::lock_guard lock(populationMutex_);
+  LockGuard lock(populationMutex_);
   if (population_ && population_->valid()) population_->get();
 }
 

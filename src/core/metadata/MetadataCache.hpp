@@ -45,6 +45,7 @@
 #include <core/metadata/FileOrFolderMetadata.hpp>
 #include <core/metadata/IFolderEntry.hpp>
 #include <core/util/LocationIndex.hpp>
+#include <core/util/Mutex.hpp>
 
 #include <foundation/storage/provider/StorageIRI.hpp>
 #include <foundation/storage/provider/StorageItem.hpp>
@@ -60,7 +61,6 @@
 #include <future>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <set>
 #include <string_view>
@@ -254,93 +254,101 @@ class MetadataCache {
     fsp::ReplacementPolicy policy;
   };
 
-  // ---- guard_ held by the caller -----------------------------------------------------------
-  FolderMap::iterator getCacheIterator(StorageIRI const& key) const;
+  FolderMap::iterator getCacheIterator(StorageIRI const& key) const REQUIRES(guard_);
   // Every change of folders_ goes through these three, which keep folderIndex_ in step;
   // entries that leave are retired.
-  void emplaceFolder(StorageIRI key, std::shared_ptr<IFolderEntry> const& entry) const;
-  FolderMap::iterator eraseFolder(FolderMap::iterator it) const;
-  void clearFolders() const;
-  std::shared_ptr<IFolderEntry> doGetFolderContainer(StorageIRI const& iri, bool create) const;
-  std::shared_ptr<FileMetadata> doGetFileMetadataFromCache(StorageIRI const& iri) const;
-  std::shared_ptr<FolderMetadata> doGetFolderMetadataFromCache(StorageIRI const& iri) const;
-  void doAddFileMetadata(std::shared_ptr<FileMetadata> const& record, bool updateParent) const;
+  void emplaceFolder(StorageIRI key, std::shared_ptr<IFolderEntry> const& entry) const REQUIRES(guard_);
+  FolderMap::iterator eraseFolder(FolderMap::iterator it) const REQUIRES(guard_);
+  void clearFolders() const REQUIRES(guard_);
+  std::shared_ptr<IFolderEntry> doGetFolderContainer(StorageIRI const& iri, bool create) const REQUIRES(guard_);
+  std::shared_ptr<FileMetadata> doGetFileMetadataFromCache(StorageIRI const& iri) const REQUIRES(guard_);
+  std::shared_ptr<FolderMetadata> doGetFolderMetadataFromCache(StorageIRI const& iri) const REQUIRES(guard_);
+  void doAddFileMetadata(std::shared_ptr<FileMetadata> const& record, bool updateParent) const REQUIRES(guard_);
   void doAddFolderMetadata(std::shared_ptr<FolderMetadata> const& record, bool updateParent,
-                           bool listFromBackend) const;
-  void doRemoveFile(StorageIRI const& iri) const;
-  void doRemoveFolder(StorageIRI const& iri) const;
-  void doMoveOrCopyFile(StorageIRI const& src, StorageIRI const& dst, bool move) const;
-  void updateParentLastModified(StorageIRI const& iri, boost::posix_time::ptime time) const;
-  void addFolderContainer(std::shared_ptr<IFolderEntry> const& entry) const;
-  void insertFolderEntry(StorageIRI const& iri, std::shared_ptr<IFolderEntry> const& entry) const;
+                           bool listFromBackend) const REQUIRES(guard_);
+  void doRemoveFile(StorageIRI const& iri) const REQUIRES(guard_);
+  void doRemoveFolder(StorageIRI const& iri) const REQUIRES(guard_);
+  void doMoveOrCopyFile(StorageIRI const& src, StorageIRI const& dst, bool move) const REQUIRES(guard_);
+  void updateParentLastModified(StorageIRI const& iri, boost::posix_time::ptime time) const REQUIRES(guard_);
+  void addFolderContainer(std::shared_ptr<IFolderEntry> const& entry) const REQUIRES(guard_);
+  void insertFolderEntry(StorageIRI const& iri, std::shared_ptr<IFolderEntry> const& entry) const REQUIRES(guard_);
   // One level of a folder move; sub-folders are queued on `queue`, and the sources to
   // drop once the whole sub-tree has moved are collected in `movedSources`.
   void moveFolderDetail(StorageIRI const& src, StorageIRI const& dst, std::shared_ptr<FolderMetadata> const& record,
                         fsp::ReplacementPolicy policy, std::deque<FolderMove>& queue,
-                        std::vector<StorageIRI>& movedSources) const;
-  void doInvalidateFolder(StorageIRI const& iri) const;
-  void doInvalidateAll() const;
-  void triggerInvalidationProcess() const;
-  void doSnapshotFrozenMetadata() const;
-  void addFrozenEntries() const;
+                        std::vector<StorageIRI>& movedSources) const REQUIRES(guard_);
+  // The folders an addition at `key` looks into: the parent (whose entry lists the new
+  // record) and the grandparent (whose entry holds the parent's record and its time),
+  // their entries created when missing.
+  void foldersForAdding(StorageIRI const& key, std::vector<std::shared_ptr<IFolderEntry>>& entries) const
+      REQUIRES(guard_);
+  // The folders a removal at `key` looks into: the parent if cached, and then the
+  // grandparent.
+  void foldersForRemoving(StorageIRI const& key, std::vector<std::shared_ptr<IFolderEntry>>& entries) const
+      REQUIRES(guard_);
+  void doInvalidateFolder(StorageIRI const& iri) const REQUIRES(guard_);
+  void doInvalidateAll() const REQUIRES(guard_);
+  void triggerInvalidationProcess() const REQUIRES(guard_);
+  void doSnapshotFrozenMetadata() const REQUIRES(guard_);
+  void addFrozenEntries() const REQUIRES(guard_);
   // Forgets the saved record of `iri` and, with `recursive`, every saved record below it,
   // whether or not `iri` itself has one (records saved below a folder that is removed or
   // moved away must not be put back there; with records saved by putFileMetadata this
   // happens whenever a written file's folder is removed while it is being listed again).
-  void removeFrozenMetadata(StorageIRI const& iri, bool recursive) const;
-  void thawFolderImpl(StorageIRI const& iri, bool recursive) const;
-  std::uint64_t doGetSpaceOccupiedByFolder(StorageIRI const& iri) const;
+  void removeFrozenMetadata(StorageIRI const& iri, bool recursive) const REQUIRES(guard_);
+  void thawFolderImpl(StorageIRI const& iri, bool recursive) const REQUIRES(guard_);
+  std::uint64_t doGetSpaceOccupiedByFolder(StorageIRI const& iri) const REQUIRES(guard_);
   // Moves `entry` to the entries destroyed once the cache lock is released.
-  void retire(std::shared_ptr<IFolderEntry> entry) const;
+  void retire(std::shared_ptr<IFolderEntry> entry) const REQUIRES(guard_);
   // The entry cached for the folder whose key has the text `text` (matched as
   // getCacheIterator matches), when it is there and not a listing still in progress;
   // else null.
-  IFolderEntry* builtEntryAt(std::u16string_view text) const;
+  IFolderEntry* builtEntryAt(std::u16string_view text) const REQUIRES(guard_);
   template <class Record>
-  std::optional<std::shared_ptr<Record>> findBelowKnownFolders(StorageIRI const& iri, bool trigger) const;
+  std::optional<std::shared_ptr<Record>> findBelowKnownFolders(StorageIRI const& iri, bool trigger) const
+      EXCLUDES(guard_);
 
-  // ---- guard_ not held ----------------------------------------------------------------------
   class Key;
-  // Loads the folder's entry and waits for its listing; takes and releases guard_.
-  std::shared_ptr<IFolderEntry> doLoadAndGetFolderContainer(StorageIRI const& iri) const;
+  // Loads the folder's entry and waits for its listing.
+  std::shared_ptr<IFolderEntry> doLoadAndGetFolderContainer(StorageIRI const& iri) const EXCLUDES(guard_);
   // doLoadAndGetFolderContainer of the parent of `key` (which has one); a key-form key's
   // parent is found by its text, without building the parent's IRI.
-  std::shared_ptr<IFolderEntry> loadParentEntry(Key const& key) const;
+  std::shared_ptr<IFolderEntry> loadParentEntry(Key const& key) const EXCLUDES(guard_);
   // Lists the folder at `key` (a key) into a fresh entry, waits for it, then inserts it
   // (an entry inserted meanwhile under that key is kept). Passes on the listing's failure.
-  std::shared_ptr<IFolderEntry> loadFolderEntry(StorageIRI const& key) const;
+  std::shared_ptr<IFolderEntry> loadFolderEntry(StorageIRI const& key) const EXCLUDES(guard_);
   // Waits for a cached entry that may still be listing; on error code 4 drops the folder
   // and its cached sub-tree, then passes the failure on.
-  std::shared_ptr<IFolderEntry> awaitCachedEntry(std::shared_ptr<IFolderEntry> const& entry) const;
-  std::shared_ptr<FolderMetadata> doGetFolderMetadata(StorageIRI const& iri) const;
+  std::shared_ptr<IFolderEntry> awaitCachedEntry(std::shared_ptr<IFolderEntry> const& entry) const EXCLUDES(guard_);
+  std::shared_ptr<FolderMetadata> doGetFolderMetadata(StorageIRI const& iri) const EXCLUDES(guard_);
   // Waits for the listings of the entries `resolve` picks under the cache lock.
   template <class Resolve>
-  void awaitEntries(Resolve&& resolve) const;
+  void awaitEntries(Resolve&& resolve) const EXCLUDES(guard_);
   // Waits for the listings of the cached sub-tree of `iri` (entries created for missing
   // sub-folders when `create`), level by level.
-  void awaitSubtree(StorageIRI const& iri, bool create) const;
+  void awaitSubtree(StorageIRI const& iri, bool create) const EXCLUDES(guard_);
   // Before a re-add of the frozen snapshot: waits for the listings of the folders that
   // the re-add looks into (their entries created when missing, as the re-add would).
-  void awaitFrozenReAdd() const;
+  void awaitFrozenReAdd() const EXCLUDES(guard_);
   // The population task, on its own thread.
-  void populate(bool wait);
-  void addListedEntry(fsp::FolderEntry const& entry, StorageIRI const& base);
+  void populate(bool wait) EXCLUDES(guard_);
+  void addListedEntry(fsp::FolderEntry const& entry, StorageIRI const& base) EXCLUDES(guard_);
 
   std::shared_ptr<fsp::StorageItem> const inner_;
   bool const caseSensitive_;
 
-  std::mutex populationMutex_;                    // guards population_ and serialises waits on it
-  std::unique_ptr<std::future<void>> population_;  // null until a population starts
-  std::atomic<bool> populationWaited_{false};     // set (under populationMutex_) by the first successful wait
+  Mutex populationMutex_;  // also serialises waits on the population
+  std::unique_ptr<std::future<void>> population_ GUARDED_BY(populationMutex_);  // null until a population starts
+  std::atomic<bool> populationWaited_{false};  // set (under populationMutex_) by the first successful wait
 
-  mutable std::mutex guard_;  // the cache lock: guards folders_, folderIndex_, frozen_, pending_,
-                              // frozenReAddPending_, retired_
-  mutable FolderMap folders_;
-  mutable LocationIndex<FolderMap> folderIndex_{folders_};  // exact and case-insensitive lookup in folders_
-  mutable Snapshot frozen_;
-  mutable std::set<StorageIRI> pending_;
-  mutable bool frozenReAddPending_ = false;
-  mutable std::vector<std::shared_ptr<IFolderEntry>> retired_;
+  mutable Mutex guard_;  // the cache lock
+  mutable FolderMap folders_ GUARDED_BY(guard_);
+  // Exact and case-insensitive lookup in folders_.
+  mutable LocationIndex<FolderMap> folderIndex_ GUARDED_BY(guard_){folders_};
+  mutable Snapshot frozen_ GUARDED_BY(guard_);
+  mutable std::set<StorageIRI> pending_ GUARDED_BY(guard_);
+  mutable bool frozenReAddPending_ GUARDED_BY(guard_) = false;
+  mutable std::vector<std::shared_ptr<IFolderEntry>> retired_ GUARDED_BY(guard_);
 };
 
 }  // namespace storage::overlayprovider

@@ -68,32 +68,32 @@ bool PathLocks::conflicts(StorageIRI const& iri) const {
 }
 
 PathLocks::Guard PathLocks::acquire(StorageIRI const& iri) {
-  std::unique_lock lock(mutex_);
-  released_.wait(lock, [&] { return !conflicts(iri); });
+  UniqueLock lock(mutex_);
+  while (conflicts(iri)) released_.wait(lock.native());
   return Guard(this, held_.insert(iri));
 }
 
 PathLocks::Guard PathLocks::acquirePair(StorageIRI const& first, StorageIRI const& second) {
-  std::unique_lock lock(mutex_);
-  released_.wait(lock, [&] { return !conflicts(first) && !conflicts(second); });
+  UniqueLock lock(mutex_);
+  while (conflicts(first) || conflicts(second)) released_.wait(lock.native());
   auto const a = held_.insert(first);
   auto const b = held_.insert(second);
   return Guard(this, a, b);
 }
 
 bool PathLocks::isHeld(StorageIRI const& iri) const {
-  std::lock_guard lock(mutex_);
+  LockGuard lock(mutex_);
   return held_.count(iri) != 0;
 }
 
 bool PathLocks::wouldWait(StorageIRI const& iri) const {
-  std::lock_guard lock(mutex_);
+  LockGuard lock(mutex_);
   return conflicts(iri);
 }
 
 void PathLocks::release(Guard& guard) {
   {
-    std::lock_guard lock(mutex_);
+    LockGuard lock(mutex_);
     for (std::size_t i = 0; i < guard.count_; ++i) held_.erase(guard.held_[i]);
   }
   released_.notify_all();

@@ -12,12 +12,13 @@
 // parents; doc/performance.md says why.
 #pragma once
 
+#include <core/util/Mutex.hpp>
+
 #include <foundation/storage/provider/StorageIRI.hpp>
 
 #include <array>
 #include <condition_variable>
 #include <cstddef>
-#include <mutex>
 #include <set>
 
 namespace storage::overlayprovider {
@@ -64,15 +65,15 @@ class PathLocks {
   // wanted IRI are looked up in the set.
   static constexpr std::size_t kScanLimit = 16;
 
-  // True when `iri` or an ancestor of it is held. Caller holds mutex_.
-  bool conflicts(StorageIRI const& iri) const;
-  // The same by walking getParent() and looking each parent up. Caller holds mutex_.
-  bool conflictsByParents(StorageIRI const& iri) const;
-  void release(Guard& guard);
+  // True when `iri` or an ancestor of it is held.
+  bool conflicts(StorageIRI const& iri) const REQUIRES(mutex_);
+  // The same by walking getParent() and looking each parent up.
+  bool conflictsByParents(StorageIRI const& iri) const REQUIRES(mutex_);
+  void release(Guard& guard) EXCLUDES(mutex_);
 
-  mutable std::mutex mutex_;  // guards held_
+  mutable Mutex mutex_;
   std::condition_variable released_;
-  Held held_;
+  Held held_ GUARDED_BY(mutex_);
 };
 
 }  // namespace storage::overlayprovider
