@@ -75,6 +75,13 @@ void writeAll(sp::ByteStream& stream, std::string const& data) {
   }
 }
 
+// Opens a stream on `file` with `openOptions`, writes all of `data` and closes it.
+void writeWith(sp::StorageItem const& file, ByteStreamOpenOptions const& openOptions, std::string const& data) {
+  auto stream = file.openStream(openOptions);
+  writeAll(*stream, data);
+  stream->close();
+}
+
 // Reads from the position to the end of `stream` in chunks of `chunk` bytes.
 std::string readAll(sp::ByteStream& stream, long chunk = 4096) {
   std::string out;
@@ -166,9 +173,7 @@ void ConformanceSuite::write(std::u16string const& path, std::string const& cont
   auto const parent = item(path).getLocation().getParent();
   if (!StorageItem(root_.getProvider(), parent).folderExists())
     StorageItem(root_.getProvider(), parent).createFolderRecursive();
-  auto stream = item(path).openStream(options(ByteStreamOpenOptions::OpenOrCreate, true));
-  writeAll(*stream, content);
-  stream->close();
+  writeWith(item(path), options(ByteStreamOpenOptions::OpenOrCreate, true), content);
 }
 
 std::string ConformanceSuite::read(std::u16string const& path) const {
@@ -634,15 +639,11 @@ TEST_P(ConformanceSuite, FileAttributesFollowTheContent) {
   settle();
   EXPECT_EQ(sizeOf(u"f.bin"), 5u);
 
-  auto stream = item(u"f.bin").openStream(options(ByteStreamOpenOptions::OpenExisting, /*truncate=*/true));
-  writeAll(*stream, "ab");
-  stream->close();
+  writeWith(item(u"f.bin"), options(ByteStreamOpenOptions::OpenExisting, /*truncate=*/true), "ab");
   settle();
   EXPECT_EQ(sizeOf(u"f.bin"), 2u);
 
-  stream = item(u"f.bin").openStream(options(ByteStreamOpenOptions::OpenExisting, false, /*append=*/true));
-  writeAll(*stream, "cde");
-  stream->close();
+  writeWith(item(u"f.bin"), options(ByteStreamOpenOptions::OpenExisting, false, /*append=*/true), "cde");
   settle();
   EXPECT_EQ(sizeOf(u"f.bin"), 5u);
 
@@ -822,9 +823,7 @@ TEST_P(ConformanceSuite, WatermarkChangesWithContentOnly) {
   auto const second = watermark();
   EXPECT_NE(second, first);
 
-  auto stream = item(u"w.txt").openStream(options(ByteStreamOpenOptions::OpenExisting, false, /*append=*/true));
-  writeAll(*stream, "+more");
-  stream->close();
+  writeWith(item(u"w.txt"), options(ByteStreamOpenOptions::OpenExisting, false, /*append=*/true), "+more");
   settle();
   auto const third = watermark();
   EXPECT_NE(third, second);
@@ -969,9 +968,7 @@ TEST_P(ConformanceSuite, OpenStreamCreatesOnlyWhenAskedTo) {
   // Opening an existing file neither truncates it nor moves writes to its end.
   write(u"text.txt", "hello world");
   settle();
-  stream = item(u"text.txt").openStream(options(ByteStreamOpenOptions::OpenExisting));
-  writeAll(*stream, "HE");
-  stream->close();
+  writeWith(item(u"text.txt"), options(ByteStreamOpenOptions::OpenExisting), "HE");
   settle();
   EXPECT_EQ(read(u"text.txt"), "HEllo world");
 }

@@ -111,6 +111,14 @@ void expectFailureRecord(FailureRecord const& record, unsigned severity, std::st
   EXPECT_EQ(record.exceptionSeverity, static_cast<unsigned>(foundation::log::Diagnostic));
 }
 
+// Checks that `sink` holds exactly one failure record, as expectFailureRecord says.
+void expectOneFailureRecord(foundation::log::MemorySink const& sink, unsigned severity, std::string const& word,
+                            std::string const& message, std::string const& location, stdfs::path const& checkoutPath) {
+  auto const records = failureRecords(sink);
+  ASSERT_EQ(records.size(), 1u);
+  expectFailureRecord(records[0], severity, word, message, location, checkoutPath);
+}
+
 class CacheResourceTest : public ::testing::Test {
  protected:
   void SetUp() override { stdfs::create_directories(dataDir_); }
@@ -498,11 +506,9 @@ TEST_F(CacheResourceTest, WriteAndReadFailuresAreLoggedAndSwallowed) {
     foundation::log::MemorySink sink;
     char buffer[4] = {};
     EXPECT_EQ(reader.read(std::streampos(0), buffer, 4), 0);
-    auto const records = failureRecords(sink);
-    ASSERT_EQ(records.size(), 1u);
-    expectFailureRecord(records[0], foundation::log::Error, "error", "Failure in local cache reading",
-                        "overlay:<mem://store/>/d\xc3\xa9j\xc3\xa0 vu/\xe6\x96\x87\xe4\xbb\xb6.txt",
-                        reader.getCheckoutPath());
+    expectOneFailureRecord(sink, foundation::log::Error, "error", "Failure in local cache reading",
+                           "overlay:<mem://store/>/d\xc3\xa9j\xc3\xa0 vu/\xe6\x96\x87\xe4\xbb\xb6.txt",
+                           reader.getCheckoutPath());
     EXPECT_FALSE(reader.cacheWriteErrored());
   }
 }
@@ -545,10 +551,8 @@ TEST_F(CacheResourceTest, ExistenceCheckFailureAtConstruction) {
   FilesystemCacheResource resource(metadata(10), unusable);
   EXPECT_TRUE(resource.getCachedRuns().empty());
   EXPECT_FALSE(resource.exists());
-  auto const records = failureRecords(sink);
-  ASSERT_EQ(records.size(), 1u);
-  expectFailureRecord(records[0], foundation::log::Error, "error", "Failure in checking file existence",
-                      "overlay:<mem://store/>/docs/report.txt", resource.getCheckoutPath());
+  expectOneFailureRecord(sink, foundation::log::Error, "error", "Failure in checking file existence",
+                         "overlay:<mem://store/>/docs/report.txt", resource.getCheckoutPath());
   // Its time reads as now, since the file cannot be queried.
   pt::ptime const before = pt::microsec_clock::universal_time();
   pt::ptime const answer = resource.getCurrentLastModified();
@@ -564,10 +568,8 @@ TEST_F(CacheResourceTest, CopyMoveAndRemoveFailures) {
     foundation::log::MemorySink sink;
     FilesystemCacheResource copy(metadata(7), root_ / "plain-file" / "V1.0", source);
     EXPECT_TRUE(copy.getCachedRuns().empty());
-    auto const records = failureRecords(sink);
-    ASSERT_EQ(records.size(), 1u);
-    expectFailureRecord(records[0], foundation::log::Error, "error", "Failure in local cache writing",
-                        "overlay:<mem://store/>/docs/report.txt", copy.getCheckoutPath());
+    expectOneFailureRecord(sink, foundation::log::Error, "error", "Failure in local cache writing",
+                           "overlay:<mem://store/>/docs/report.txt", copy.getCheckoutPath());
   }
 
   FilesystemCacheResource resource(metadata(7), dataDir_);
@@ -582,10 +584,8 @@ TEST_F(CacheResourceTest, CopyMoveAndRemoveFailures) {
   {
     foundation::log::MemorySink sink;
     resource.setLocation(target);
-    auto const records = failureRecords(sink);
-    ASSERT_EQ(records.size(), 1u);
-    expectFailureRecord(records[0], foundation::log::Error, "error", "Failure in moving cached item",
-                        "overlay:<mem://store/>/docs/report.txt", oldPath);
+    expectOneFailureRecord(sink, foundation::log::Error, "error", "Failure in moving cached item",
+                           "overlay:<mem://store/>/docs/report.txt", oldPath);
   }
   EXPECT_EQ(resource.getLocation(), target);
   EXPECT_EQ(resource.getCheckoutPath(), checkoutPathOf(target));
@@ -596,10 +596,8 @@ TEST_F(CacheResourceTest, CopyMoveAndRemoveFailures) {
   {
     foundation::log::MemorySink sink;
     resource.remove();
-    auto const records = failureRecords(sink);
-    ASSERT_EQ(records.size(), 1u);
-    expectFailureRecord(records[0], foundation::log::Debug, "debug", "Function doRemove failed",
-                        "overlay:<mem://store/>/blocked.txt", checkoutPathOf(target));
+    expectOneFailureRecord(sink, foundation::log::Debug, "debug", "Function doRemove failed",
+                           "overlay:<mem://store/>/blocked.txt", checkoutPathOf(target));
   }
   EXPECT_EQ(resource.getCachedRuns(), (Runs{{0, 7}}));
   EXPECT_EQ(check(resource, 0, 7).status, IntegrityStatus::Complete);
