@@ -97,15 +97,6 @@ TEST_F(FileStoreTest, ExtendedAttributesAreUserXattrsPlusAWatermarkThatFollowsCo
   ASSERT_FALSE(first.empty());
   EXPECT_TRUE(provider.doHasFeature(ExtendedFeature::ExtendedAttributes));
 
-  // Reading does not change the watermark.
-  {
-    auto in = provider.doOpenReadOnlyStream(file);
-    char buffer[16];
-    EXPECT_EQ(in->read(buffer, sizeof buffer), 5);
-    in->close();
-  }
-  EXPECT_EQ(watermark(provider, file), first);
-
   // user. xattrs show up without their prefix, as text; other namespaces do not.
   bool const xattrs = ::setxattr(scratch.path("a.txt").c_str(), "user.color", "blue", 4, 0) == 0;
   if (xattrs) {
@@ -126,33 +117,21 @@ TEST_F(FileStoreTest, ExtendedAttributesAreUserXattrsPlusAWatermarkThatFollowsCo
     EXPECT_FALSE(provider.doGetExtendedAttributes(scratch.iri("docs")).hasAttribute("WATERMARK"));
   }
 
-  // Content changes: a longer file, a same-size rewrite (the modification time moves), and
-  // a replacement by rename with the same size and time (another inode).
-  {
-    ByteStreamOpenOptions append;
-    append.append = true;
-    auto out = provider.doOpenStream(file, append);
-    out->write("!", 1);
-    out->close();
-  }
-  auto const second = watermark(provider, file);
-  EXPECT_NE(second, first);
-
+  // Reading and content changes that change the size are checked by the conformance
+  // suite; here: a same-size rewrite (the modification time moves), and a replacement by
+  // rename with the same size and time (another inode).
   auto const before = statOf(scratch.path("a.txt"));
-  scratch.write("a.txt", "HELLO!");
+  scratch.write("a.txt", "HELLO");
   struct timespec later[2] = {before.st_atim, before.st_mtim};
   later[1].tv_sec += 10;
   ASSERT_EQ(::utimensat(AT_FDCWD, scratch.path("a.txt").c_str(), later, 0), 0);
-  auto const third = watermark(provider, file);
-  EXPECT_NE(third, second);
+  auto const second = watermark(provider, file);
+  EXPECT_NE(second, first);
 
-  scratch.write("b.txt", "hello!");
+  scratch.write("b.txt", "hello");
   ASSERT_EQ(::utimensat(AT_FDCWD, scratch.path("b.txt").c_str(), later, 0), 0);
   ASSERT_EQ(::rename(scratch.path("b.txt").c_str(), scratch.path("a.txt").c_str()), 0);
-  EXPECT_NE(watermark(provider, file), third);
-
-  EXPECT_EQ(failureOf([&] { provider.doGetExtendedAttributes(scratch.iri("missing")); }).getErrorCode(),
-            ErrorCode::DoesNotExist);
+  EXPECT_NE(watermark(provider, file), second);
 }
 
 TEST_F(FileStoreTest, AttributesComeFromModeAndTimeToTheMicrosecond) {
@@ -186,8 +165,6 @@ TEST_F(FileStoreTest, AttributesComeFromModeAndTimeToTheMicrosecond) {
   provider.doSetWritable(scratch.iri("d"), false);
   EXPECT_EQ(statOf(scratch.path("d")).st_mode & 07777, 0555u);
   EXPECT_FALSE(provider.doGetFolderAttributes(scratch.iri("d")).isWritable());
-  EXPECT_EQ(failureOf([&] { provider.doSetWritable(scratch.iri("nothing"), true); }).getErrorCode(),
-            ErrorCode::DoesNotExist);
 }
 
 TEST_F(FileStoreTest, AnImmutableFolderIsNotWritable) {
@@ -379,22 +356,16 @@ TEST_F(FileStoreTest, LinksAreFollowedForReadingButNeverForRemoval) {
   EXPECT_EQ(scratch.read("outside/precious"), "keep me");
 }
 
-TEST_F(FileStoreTest, FolderMergeWithAlwaysLetsTheSourceWin) {
-  scratch.mkdir("src/deep");
-  scratch.write("src/both.txt", "from source");
-  scratch.write("src/deep/only-src", "s");
+// How a merge keeps or replaces files is checked by the conformance suite; the file store
+// also lets a source file replace a folder of the same name when the policy is Always.
+TEST_F(FileStoreTest, FolderMergeWithAlwaysLetsASourceFileReplaceAFolder) {
+  scratch.mkdir("src");
   scratch.write("src/clash", "source file");
-  scratch.mkdir("dst/deep");
-  scratch.write("dst/both.txt", "from destination");
-  scratch.write("dst/deep/only-dst", "d");
   scratch.mkdir("dst/clash");
   scratch.write("dst/clash/x", "destination folder");
 
   provider.doMoveFolder(scratch.iri("src"), scratch.iri("dst"), ReplacementPolicy::Always);
   EXPECT_FALSE(scratch.exists("src"));
-  EXPECT_EQ(scratch.read("dst/both.txt"), "from source");
-  EXPECT_EQ(scratch.read("dst/deep/only-src"), "s");
-  EXPECT_EQ(scratch.read("dst/deep/only-dst"), "d");
   EXPECT_EQ(scratch.read("dst/clash"), "source file");
 }
 

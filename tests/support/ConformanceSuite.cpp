@@ -75,6 +75,13 @@ void writeAll(sp::ByteStream& stream, std::string const& data) {
   }
 }
 
+// Opens a stream on `file` with `openOptions`, writes all of `data` and closes it.
+void writeWith(sp::StorageItem const& file, ByteStreamOpenOptions const& openOptions, std::string const& data) {
+  auto stream = file.openStream(openOptions);
+  writeAll(*stream, data);
+  stream->close();
+}
+
 // Reads from the position to the end of `stream` in chunks of `chunk` bytes.
 std::string readAll(sp::ByteStream& stream, long chunk = 4096) {
   std::string out;
@@ -166,9 +173,7 @@ void ConformanceSuite::write(std::u16string const& path, std::string const& cont
   auto const parent = item(path).getLocation().getParent();
   if (!StorageItem(root_.getProvider(), parent).folderExists())
     StorageItem(root_.getProvider(), parent).createFolderRecursive();
-  auto stream = item(path).openStream(options(ByteStreamOpenOptions::OpenOrCreate, true));
-  writeAll(*stream, content);
-  stream->close();
+  writeWith(item(path), options(ByteStreamOpenOptions::OpenOrCreate, true), content);
 }
 
 std::string ConformanceSuite::read(std::u16string const& path) const {
@@ -630,30 +635,19 @@ TEST_P(ConformanceSuite, FileAttributesFollowTheContent) {
   EXPECT_FALSE(created.getLastModified().is_special());
   EXPECT_TRUE(created.isWritable());
 
+  // (Sizes after truncating and appending streams: TruncateEmptiesAndAppendWritesAtTheEnd.)
   write(u"f.bin", "12345");
-  settle();
-  EXPECT_EQ(sizeOf(u"f.bin"), 5u);
-
-  auto stream = item(u"f.bin").openStream(options(ByteStreamOpenOptions::OpenExisting, /*truncate=*/true));
-  writeAll(*stream, "ab");
-  stream->close();
-  settle();
-  EXPECT_EQ(sizeOf(u"f.bin"), 2u);
-
-  stream = item(u"f.bin").openStream(options(ByteStreamOpenOptions::OpenExisting, false, /*append=*/true));
-  writeAll(*stream, "cde");
-  stream->close();
   settle();
   EXPECT_EQ(sizeOf(u"f.bin"), 5u);
 
   item(u"f.bin").truncateToSize(2);
   settle();
   EXPECT_EQ(sizeOf(u"f.bin"), 2u);
-  EXPECT_EQ(read(u"f.bin"), "ab");
+  EXPECT_EQ(read(u"f.bin"), "12");
   item(u"f.bin").truncateToSize(6);
   settle();
   EXPECT_EQ(sizeOf(u"f.bin"), 6u);
-  EXPECT_EQ(read(u"f.bin"), std::string("ab\0\0\0\0", 6));
+  EXPECT_EQ(read(u"f.bin"), std::string("12\0\0\0\0", 6));
 
   auto const entries = sp::collect(*root().listAll());
   ASSERT_EQ(entries.size(), 1u);
@@ -822,9 +816,7 @@ TEST_P(ConformanceSuite, WatermarkChangesWithContentOnly) {
   auto const second = watermark();
   EXPECT_NE(second, first);
 
-  auto stream = item(u"w.txt").openStream(options(ByteStreamOpenOptions::OpenExisting, false, /*append=*/true));
-  writeAll(*stream, "+more");
-  stream->close();
+  writeWith(item(u"w.txt"), options(ByteStreamOpenOptions::OpenExisting, false, /*append=*/true), "+more");
   settle();
   auto const third = watermark();
   EXPECT_NE(third, second);
@@ -969,9 +961,7 @@ TEST_P(ConformanceSuite, OpenStreamCreatesOnlyWhenAskedTo) {
   // Opening an existing file neither truncates it nor moves writes to its end.
   write(u"text.txt", "hello world");
   settle();
-  stream = item(u"text.txt").openStream(options(ByteStreamOpenOptions::OpenExisting));
-  writeAll(*stream, "HE");
-  stream->close();
+  writeWith(item(u"text.txt"), options(ByteStreamOpenOptions::OpenExisting), "HE");
   settle();
   EXPECT_EQ(read(u"text.txt"), "HEllo world");
 }

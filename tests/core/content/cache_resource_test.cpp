@@ -15,6 +15,7 @@
 #include <core/content/NOOPCacheResource.hpp>
 
 #include <fl/i18n.hpp>
+#include <foundation/crypto/utils/Base64URL.hpp>
 #include <foundation/log/MemorySink.hpp>
 #include <foundation/log/Severity.hpp>
 #include <support/TempFolder.hpp>
@@ -109,6 +110,14 @@ void expectFailureRecord(FailureRecord const& record, unsigned severity, std::st
   EXPECT_EQ(body.get<std::string>("checkoutPath"), checkoutPath.string());
   EXPECT_EQ(record.exceptionRecord.rfind("Exception caught: ", 0), 0u) << record.exceptionRecord;
   EXPECT_EQ(record.exceptionSeverity, static_cast<unsigned>(foundation::log::Diagnostic));
+}
+
+// Checks that `sink` holds exactly one failure record, as expectFailureRecord says.
+void expectOneFailureRecord(foundation::log::MemorySink const& sink, unsigned severity, std::string const& word,
+                            std::string const& message, std::string const& location, stdfs::path const& checkoutPath) {
+  auto const records = failureRecords(sink);
+  ASSERT_EQ(records.size(), 1u);
+  expectFailureRecord(records[0], severity, word, message, location, checkoutPath);
 }
 
 class CacheResourceTest : public ::testing::Test {
@@ -498,11 +507,9 @@ TEST_F(CacheResourceTest, WriteAndReadFailuresAreLoggedAndSwallowed) {
     foundation::log::MemorySink sink;
     char buffer[4] = {};
     EXPECT_EQ(reader.read(std::streampos(0), buffer, 4), 0);
-    auto const records = failureRecords(sink);
-    ASSERT_EQ(records.size(), 1u);
-    expectFailureRecord(records[0], foundation::log::Error, "error", "Failure in local cache reading",
-                        "overlay:<mem://store/>/d\xc3\xa9j\xc3\xa0 vu/\xe6\x96\x87\xe4\xbb\xb6.txt",
-                        reader.getCheckoutPath());
+    expectOneFailureRecord(sink, foundation::log::Error, "error", "Failure in local cache reading",
+                           "overlay:<mem://store/>/d\xc3\xa9j\xc3\xa0 vu/\xe6\x96\x87\xe4\xbb\xb6.txt",
+                           reader.getCheckoutPath());
     EXPECT_FALSE(reader.cacheWriteErrored());
   }
 }
@@ -545,10 +552,8 @@ TEST_F(CacheResourceTest, ExistenceCheckFailureAtConstruction) {
   FilesystemCacheResource resource(metadata(10), unusable);
   EXPECT_TRUE(resource.getCachedRuns().empty());
   EXPECT_FALSE(resource.exists());
-  auto const records = failureRecords(sink);
-  ASSERT_EQ(records.size(), 1u);
-  expectFailureRecord(records[0], foundation::log::Error, "error", "Failure in checking file existence",
-                      "overlay:<mem://store/>/docs/report.txt", resource.getCheckoutPath());
+  expectOneFailureRecord(sink, foundation::log::Error, "error", "Failure in checking file existence",
+                         "overlay:<mem://store/>/docs/report.txt", resource.getCheckoutPath());
   // Its time reads as now, since the file cannot be queried.
   pt::ptime const before = pt::microsec_clock::universal_time();
   pt::ptime const answer = resource.getCurrentLastModified();
@@ -564,10 +569,8 @@ TEST_F(CacheResourceTest, CopyMoveAndRemoveFailures) {
     foundation::log::MemorySink sink;
     FilesystemCacheResource copy(metadata(7), root_ / "plain-file" / "V1.0", source);
     EXPECT_TRUE(copy.getCachedRuns().empty());
-    auto const records = failureRecords(sink);
-    ASSERT_EQ(records.size(), 1u);
-    expectFailureRecord(records[0], foundation::log::Error, "error", "Failure in local cache writing",
-                        "overlay:<mem://store/>/docs/report.txt", copy.getCheckoutPath());
+    expectOneFailureRecord(sink, foundation::log::Error, "error", "Failure in local cache writing",
+                           "overlay:<mem://store/>/docs/report.txt", copy.getCheckoutPath());
   }
 
   FilesystemCacheResource resource(metadata(7), dataDir_);
@@ -582,10 +585,8 @@ TEST_F(CacheResourceTest, CopyMoveAndRemoveFailures) {
   {
     foundation::log::MemorySink sink;
     resource.setLocation(target);
-    auto const records = failureRecords(sink);
-    ASSERT_EQ(records.size(), 1u);
-    expectFailureRecord(records[0], foundation::log::Error, "error", "Failure in moving cached item",
-                        "overlay:<mem://store/>/docs/report.txt", oldPath);
+    expectOneFailureRecord(sink, foundation::log::Error, "error", "Failure in moving cached item",
+                           "overlay:<mem://store/>/docs/report.txt", oldPath);
   }
   EXPECT_EQ(resource.getLocation(), target);
   EXPECT_EQ(resource.getCheckoutPath(), checkoutPathOf(target));
@@ -596,10 +597,8 @@ TEST_F(CacheResourceTest, CopyMoveAndRemoveFailures) {
   {
     foundation::log::MemorySink sink;
     resource.remove();
-    auto const records = failureRecords(sink);
-    ASSERT_EQ(records.size(), 1u);
-    expectFailureRecord(records[0], foundation::log::Debug, "debug", "Function doRemove failed",
-                        "overlay:<mem://store/>/blocked.txt", checkoutPathOf(target));
+    expectOneFailureRecord(sink, foundation::log::Debug, "debug", "Function doRemove failed",
+                           "overlay:<mem://store/>/blocked.txt", checkoutPathOf(target));
   }
   EXPECT_EQ(resource.getCachedRuns(), (Runs{{0, 7}}));
   EXPECT_EQ(check(resource, 0, 7).status, IntegrityStatus::Complete);
@@ -656,25 +655,6 @@ TEST(NOOPCacheResource, KeepsNothing) {
   EXPECT_LE(now, pt::second_clock::local_time());
 }
 
-// Unpadded Base64 with the URL-safe alphabet, written out here to check the host's
-// encoder independently.
-std::string base64Url(std::vector<unsigned char> const& bytes) {
-  static char const alphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-_";
-  std::string out;
-  unsigned buffer = 0;
-  int bits = 0;
-  for (unsigned char b : bytes) {
-    buffer = (buffer << 8) | b;
-    bits += 8;
-    while (bits >= 6) {
-      bits -= 6;
-      out += alphabet[(buffer >> bits) & 0x3F];
-    }
-  }
-  if (bits > 0) out += alphabet[(buffer << (6 - bits)) & 0x3F];
-  return out;
-}
-
 TEST(CacheFileNaming, HashIsStableFilenameSafeAndDistinct) {
   StorageIRI const a(u"overlay:<mem://store/>/docs/report.txt");
   std::u16string const name = computeHashForIRI(a);
@@ -686,7 +666,9 @@ TEST(CacheFileNaming, HashIsStableFilenameSafeAndDistinct) {
     EXPECT_TRUE(safe) << static_cast<int>(c);
   }
 
-  // Against BLAKE2b-512 of the UTF-8 text computed with Crypto++ directly.
+  // Against BLAKE2b-512 of the UTF-8 text computed with Crypto++ directly, in the
+  // platform's unpadded URL-safe Base64 (checked against the RFC 4648 vectors in
+  // crypto_test).
   std::u16string const text = u"overlay:<file:///srv/data/>/r\u00e9sum\u00e9 \U0001F600.txt";
   ASSERT_EQ(StorageIRI(text).toString(), text);
   std::string const utf8 = "overlay:<file:///srv/data/>/r\xc3\xa9sum\xc3\xa9 \xf0\x9f\x98\x80.txt";
@@ -694,7 +676,7 @@ TEST(CacheFileNaming, HashIsStableFilenameSafeAndDistinct) {
   std::vector<unsigned char> digest(blake.DigestSize());
   ASSERT_EQ(digest.size(), 64u);
   blake.CalculateDigest(digest.data(), reinterpret_cast<unsigned char const*>(utf8.data()), utf8.size());
-  std::string const expected = base64Url(digest);
+  std::string const expected = foundation::crypto::utils::base64URLEncode(digest);
   EXPECT_EQ(computeHashForIRI(StorageIRI(text)), std::u16string(expected.begin(), expected.end()));
 
   // Different locations, even close ones, get different names.

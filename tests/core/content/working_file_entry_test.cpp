@@ -498,9 +498,6 @@ TEST_F(WorkingFileEntryTest, AbortStateAndWatermark) {
   EXPECT_TRUE(entry->hasDifferentWatermark("8"));
   EXPECT_TRUE(entry->hasDifferentWatermark("77"));
   EXPECT_TRUE(entry->hasDifferentWatermark(""));
-  EXPECT_FALSE(entry->wasInvalidationTriggered());
-  entry->setInvalidationWasTriggered();
-  EXPECT_TRUE(entry->wasInvalidationTriggered());
 }
 
 TEST_F(WorkingFileEntryTest, MovesTakeTheCachedBytesAlong) {
@@ -525,9 +522,6 @@ TEST_F(WorkingFileEntryTest, MovesTakeTheCachedBytesAlong) {
 
   entry->withNewLocation(iriOf(u"/other"));
   EXPECT_EQ(readFile(entry->getCheckoutPath()), content);
-  auto replaced = metadataFor(u"/from");
-  EXPECT_EQ(&entry->withNewMetadata(replaced), entry.get());
-  EXPECT_EQ(entry->getMetadata(), replaced);
   EXPECT_THROW(entry->withNewMetadata(nullptr), std::invalid_argument);
 
   entry->removeCachedEntry();

@@ -1,5 +1,5 @@
-// File and folder metadata records: fluent setters, lazily produced extended attributes,
-// the watermark rule and re-parenting.
+// File and folder metadata records: their fresh state, lazily produced extended
+// attributes, the watermark rule, re-parenting and the visitors.
 #include <core/metadata/FileMetadata.hpp>
 #include <core/metadata/FileOrFolderMetadata.hpp>
 #include <core/metadata/FolderMetadata.hpp>
@@ -26,7 +26,6 @@ using storage::overlayprovider::SetParentVisitor;
 namespace {
 
 boost::posix_time::ptime now() { return boost::posix_time::microsec_clock::universal_time(); }
-boost::posix_time::ptime at(char const* text) { return boost::posix_time::time_from_string(text); }
 
 ExtendedAttributes attributes(std::string const& name, boost::any value) {
   ExtendedAttributes result;
@@ -97,48 +96,20 @@ void expectLazyAttributes() {
   EXPECT_EQ(attempts, 3);
 }
 
-TEST(MetadataRecordsTest, FreshRecordsHoldTheirLocationNowAndNoAttributes) {
+TEST(MetadataRecordsTest, FreshRecordsAreNamedAfterTheirLocationStampedNowAndHoldNoAttributes) {
   auto const before = now();
   FileMetadata file(StorageIRI(u"mem:///docs/a.txt"), true);
   FolderMetadata folder(StorageIRI(u"mem:///docs"), false);
   auto const after = now();
 
-  EXPECT_EQ(file.getLocation(), StorageIRI(u"mem:///docs/a.txt"));
   EXPECT_EQ(file.getName(), u"a.txt");
-  EXPECT_TRUE(file.isFrozen());
-  EXPECT_GE(file.getLastModified(), before);
-  EXPECT_LE(file.getLastModified(), after);
-  EXPECT_TRUE(file.getExtendedAttributes().empty());
-
   EXPECT_EQ(folder.getName(), u"docs");
-  EXPECT_FALSE(folder.isFrozen());
-  EXPECT_GE(folder.getLastModified(), before);
-  EXPECT_LE(folder.getLastModified(), after);
+  for (auto const time : {file.getLastModified(), folder.getLastModified()}) {
+    EXPECT_GE(time, before);
+    EXPECT_LE(time, after);
+  }
+  EXPECT_TRUE(file.getExtendedAttributes().empty());
   EXPECT_TRUE(folder.getExtendedAttributes().empty());
-
-  file.thaw();
-  folder.freeze();
-  EXPECT_FALSE(file.isFrozen());
-  EXPECT_TRUE(folder.isFrozen());
-}
-
-TEST(MetadataRecordsTest, SettersChainAndKeepEveryValue) {
-  FileMetadata file(StorageIRI(u"mem:///a"), false);
-  FileMetadata& same = file.withSize(4096).withWritable(true).withLastModified(at("2020-01-02 03:04:05"));
-  EXPECT_EQ(&same, &file);
-  EXPECT_EQ(file.getFileSize(), 4096u);
-  EXPECT_TRUE(file.isWritable());
-  EXPECT_EQ(file.getLastModified(), at("2020-01-02 03:04:05"));
-  file.withWritable(false).withSize(0);
-  EXPECT_FALSE(file.isWritable());
-  EXPECT_EQ(file.getFileSize(), 0u);
-  EXPECT_EQ(file.getLastModified(), at("2020-01-02 03:04:05"));
-
-  FolderMetadata folder(StorageIRI(u"mem:///f"), false);
-  FolderMetadata& sameFolder = folder.withWritable(true).withLastModified(at("2021-05-06 07:08:09"));
-  EXPECT_EQ(&sameFolder, &folder);
-  EXPECT_TRUE(folder.isWritable());
-  EXPECT_EQ(folder.getLastModified(), at("2021-05-06 07:08:09"));
 }
 
 TEST(MetadataRecordsTest, WatermarkIsTheSentinelOrTheStoredTextAndRefusesOtherTypes) {
