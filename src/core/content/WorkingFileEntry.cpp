@@ -801,24 +801,6 @@ void WorkingFileEntry::setDeliveryReport(std::shared_ptr<DeliveryReport> report)
   }
 }
 
-void FlushAttributeReads::beginWaiting() {
-  LockGuard lock(mutex_);
-  ++waiting_;
-}
-
-bool FlushAttributeReads::defer(Read read) {
-  LockGuard lock(mutex_);
-  if (waiting_ <= 0) return false;
-  deferred_.push_back(std::move(read));
-  return true;
-}
-
-std::vector<FlushAttributeReads::Read> FlushAttributeReads::endWaiting() {
-  LockGuard lock(mutex_);
-  if (waiting_ > 0) --waiting_;
-  return std::exchange(deferred_, {});
-}
-
 std::shared_ptr<WorkingFileEntry::DurabilityHandle> WorkingFileEntry::stampCacheFile() {
   auto* const filesystemResource = dynamic_cast<FilesystemCacheResource*>(cacheResource_.get());
   if (filesystemResource == nullptr) {
