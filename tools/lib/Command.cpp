@@ -181,7 +181,7 @@ std::string Session::nameOf(StorageIRI const& iri) const {
 }
 
 std::string Session::plainIRI(StorageIRI const& given) const {
-  auto const iri = OverlayHost::innerIRI(given);
+  auto const iri = OverlayHost::unwrapOverlayIRI(given);
   if (iri.hasInnerIRI() && iri.getScheme() == providers::throttle::kScheme) {
     if (auto it = throttles_.find(iri.getInnerIRI().toString()); it != throttles_.end()) {
       return it->second->toInner(iri).toUtf8();

@@ -134,7 +134,7 @@ void OverlayHost::finish() {
   if (first) std::rethrow_exception(first);
 }
 
-StorageIRI OverlayHost::innerIRI(StorageIRI const& iri) {
+StorageIRI OverlayHost::unwrapOverlayIRI(StorageIRI const& iri) {
   if (iri.hasInnerIRI() && iri.getScheme() == kOverlayScheme) return StorageIRI(iri.getInnerIRI(), iri.getPath());
   return iri;
 }

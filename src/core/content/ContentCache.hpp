@@ -211,7 +211,7 @@ class ContentCache {
   // no cache file is deleted.
   void invalidateAll() const;
 
-  // ---- inspection, for tests and tools (each takes `mutex_`, no initialization) ----------
+  // ---- for tests only (each takes `mutex_`, no initialization) ---------------------------
   fl::filesystem::path getCacheRoot() const;
   // The cache root joined with the version text.
   fl::filesystem::path getDataDirectory() const;

@@ -46,7 +46,7 @@ WorkingFileByteStream::WorkingFileByteStream(std::shared_ptr<WorkingFileEntry> e
     entry_->decrementRefCount();
     throw;
   }
-  if (appendMode_) position_ = static_cast<std::streamoff>(entry_->getProviderFileSize());
+  if (appendMode_) position_ = static_cast<std::streamoff>(entry_->getFileSize());
 }
 
 std::unique_ptr<WorkingFileByteStream> WorkingFileByteStream::openReadOnly(std::shared_ptr<WorkingFileEntry> entry) {
@@ -76,7 +76,7 @@ long WorkingFileByteStream::write(char const* data, long count) {
       throw fsp::Exception(fsp::ErrorCode::NotWritable, entry_->getLocation(), "the stream was opened read-only");
     if (appendMode_) {
       entry_->append(data, count);
-      position_ = static_cast<std::streamoff>(entry_->getProviderFileSize());
+      position_ = static_cast<std::streamoff>(entry_->getFileSize());
     } else {
       entry_->write(position_, data, count);
       position_ += count;
@@ -90,7 +90,7 @@ long WorkingFileByteStream::seek(long offset, std::ios_base::seekdir whence) {
     requireOpen(closed_);
     std::streamoff base = 0;
     if (whence == std::ios_base::end)
-      base = static_cast<std::streamoff>(entry_->getProviderFileSize());
+      base = static_cast<std::streamoff>(entry_->getFileSize());
     else if (whence == std::ios_base::cur)
       base = std::streamoff(position_);
     std::streamoff target = 0;

@@ -1,7 +1,7 @@
 #include <core/content/WorkingFileEntry.hpp>
 
+#include <core/content/EntryLogging.hpp>
 #include <core/content/FilesystemCacheResource.hpp>
-#include <core/util/Logger.hpp>
 #include <core/content/NOOPCacheResource.hpp>
 
 #include <foundation/storage/provider/Exception.hpp>
@@ -10,30 +10,17 @@
 #include <cstring>
 #include <future>
 #include <stdexcept>
-#include <thread>
 #include <utility>
 
 namespace storage::overlayprovider {
 
 namespace fsp = foundation::storage::provider;
-using Severity = foundation::log::Severity;
 using Clock = std::chrono::steady_clock;
 
 namespace {
 
 // The largest run of zeros handed to the write buffer at once while filling a gap.
 constexpr std::streamsize kGapChunk = 1 << 20;
-
-// Logs `message` as a failure and the exception being handled as its detail. Call only
-// from a catch block.
-void logFailure(char const* message) noexcept {
-  try {
-    std::string const description = describeCurrentException();
-    getLogger().log(Severity::Error, message);
-    getLogger().log(Severity::Diagnostic, "Exception caught: " + description);
-  } catch (...) {
-  }
-}
 
 // Whether a failed payload write is worth another attempt: a transient failure of the
 // store, or an error that is not the store's answer at all.
@@ -46,14 +33,6 @@ bool worthRetrying(std::exception_ptr const& error) {
     return e.getErrorCode() == fsp::ErrorCode::TransientFailure;
   } catch (...) {
     return true;
-  }
-}
-
-// Logs only the detail of the exception being handled. Call only from a catch block.
-void logCaught() noexcept {
-  try {
-    getLogger().log(Severity::Diagnostic, "Exception caught: " + describeCurrentException());
-  } catch (...) {
   }
 }
 
@@ -73,19 +52,13 @@ class WorkingFileEntry::PendingToken {
 
   WorkingFileEntry& entry() const { return *entry_; }
   void release() {
-    if (!released_.exchange(true)) entry_->decrementPendingCounter();
+    if (!released_.exchange(true)) entry_->pending_.remove();
   }
 
  private:
   std::shared_ptr<WorkingFileEntry> const entry_;
   std::atomic<bool> released_{false};
 };
-
-void EntryTiming::realSleep(std::chrono::milliseconds duration) { std::this_thread::sleep_for(duration); }
-
-void EntryTiming::realWaitUntil(std::unique_lock<std::mutex>& lock, std::condition_variable& cv, TimePoint deadline) {
-  cv.wait_until(lock, deadline);
-}
 
 WorkingFileEntry::WorkingFileEntry(fl::filesystem::path cacheDirectory, std::shared_ptr<FileMetadata> metadata,
                                    std::shared_ptr<fsp::StorageItem> innerItem, std::shared_ptr<IExecutor> executor,
@@ -119,11 +92,8 @@ WorkingFileEntry::WorkingFileEntry(fl::filesystem::path cacheDirectory, std::sha
 }
 
 WorkingFileEntry::~WorkingFileEntry() {
-  takePrefetch();  // its thread refers to this entry
-  {
-    LockGuard lock(syncMutex_);
-    if (syncThread_.joinable()) syncThread_.join();
-  }
+  readAhead_.take();  // its thread refers to this entry
+  backgroundSync_.join();
   try {
     if (cacheResource_) cacheResource_->close();
   } catch (...) {
@@ -154,7 +124,7 @@ fsp::StorageIRI WorkingFileEntry::getLocation() const {
   return location_;
 }
 
-unsigned long WorkingFileEntry::getProviderFileSize() const {
+unsigned long WorkingFileEntry::getFileSize() const {
   LockGuard lock(mutex_);
   return metadata_->getFileSize();
 }
@@ -166,10 +136,7 @@ bool WorkingFileEntry::isOpen() const {
   return openMode_ != kNotOpened;
 }
 
-bool WorkingFileEntry::hasPendingBackgroundIO() const {
-  LockGuard lock(pendingMutex_);
-  return pendingCounter_ > 0;
-}
+bool WorkingFileEntry::hasPendingBackgroundIO() const { return pending_.any(); }
 
 bool WorkingFileEntry::isReadOnly() const {
   LockGuard lock(mutex_);
@@ -236,27 +203,14 @@ bool WorkingFileEntry::hasDifferentWatermark(FileMetadata const& record) const {
 
 // ---- abort state ------------------------------------------------------------------------
 
-void WorkingFileEntry::setAbort() {
-  auto const now = timing_.now();
-  LockGuard lock(abortMutex_);
-  abortTime_ = now;
-  if (abortState_ == 0) abortState_ = 1;
-}
+void WorkingFileEntry::setAbort() { abort_.set(timing_.now()); }
 
-std::optional<Clock::time_point> WorkingFileEntry::getAbortTime() const {
-  LockGuard lock(abortMutex_);
-  if (abortState_ == 0) return std::nullopt;
-  return abortTime_;
-}
+std::optional<Clock::time_point> WorkingFileEntry::getAbortTime() const { return abort_.time(); }
 
-bool WorkingFileEntry::wasAbortedDueToWriteProblem() const { return abortedDueToWriteProblem_.load(); }
+bool WorkingFileEntry::wasAbortedDueToWriteProblem() const { return abort_.hasWriteProblem(); }
 
 bool WorkingFileEntry::canReturnEarlyWhenAbortIsSet(Clock::time_point since) const {
-  {
-    LockGuard lock(abortMutex_);
-    if (abortState_ != 0 && abortTime_ >= since) return true;
-  }
-  return abortedDueToWriteProblem_.load();
+  return abort_.abortedSince(since) || abort_.hasWriteProblem();
 }
 
 // ---- opening ------------------------------------------------------------------------------
@@ -286,13 +240,13 @@ void WorkingFileEntry::enqueueOpenOperation(ObservableTransactionType type, fsp:
   // broken-promise error instead of leaving them waiting.
   executor_->execute(
       [self = shared_from_this(), promise, location, forWriting, innerOptions, generation]() {
-        // Up to three attempts, as for every queued change (see runProviderWrite).
+        // Up to three attempts, as for every queued change (see runInnerWrite).
         for (int attempt = 1;; ++attempt) {
           try {
-            promise->set_value(self->openProviderStream(location, forWriting, innerOptions, generation));
+            promise->set_value(self->innerStream_.open(*self->innerItem_, location, forWriting, innerOptions, generation));
             return;
           } catch (...) {
-            logCaught();
+            entrylog::caught();
             if (attempt < 3 && worthRetrying(std::current_exception())) continue;
             promise->set_exception(std::current_exception());
             return;
@@ -300,61 +254,6 @@ void WorkingFileEntry::enqueueOpenOperation(ObservableTransactionType type, fsp:
         }
       },
       type, params_.getMinItemWeight());
-}
-
-WorkingFileEntry::ByteStreamPtr WorkingFileEntry::openProviderStream(fsp::StorageIRI const& location, bool forWriting,
-                                                                     fsp::ByteStreamOpenOptions const& options,
-                                                                     std::uint64_t generation) {
-  UniqueLock lock(providerStreamMutex_);
-  // Opened and closed again before this transaction ran: nobody is left to use it.
-  if (generation <= closedGeneration_) return providerStream_;
-  bool const reusable = providerStream_ && (!forWriting || (providerStreamWritable_ && !options.truncate));
-  if (reusable) {
-    streamGeneration_ = std::max(streamGeneration_, generation);
-    return providerStream_;
-  }
-  closeProviderStreamQuietly();
-  fsp::StorageItem const item = innerItemFor(location);
-  if (forWriting) {
-    providerStream_ = ByteStreamPtr(item.openStream(options));
-    providerStreamWritable_ = true;
-    streamGeneration_ = std::max(streamGeneration_, generation);
-    return providerStream_;
-  }
-
-  // A read-only open runs without the lock: a reader whose bytes all come from the cache
-  // closes its stream before the store has answered, and must not wait for the answer.
-  // Whoever closes meanwhile only raises closedGeneration_; the stream opened here is then
-  // closed again here.
-  lock.unlock();
-  ByteStreamPtr opened(item.openReadOnlyStream());
-  lock.lock();
-  if (generation <= closedGeneration_ || streamGeneration_ > generation) {
-    lock.unlock();
-    try {
-      opened->close();
-    } catch (...) {
-      logFailure("Unexpected exception during close operation");
-    }
-    lock.lock();
-    return providerStream_;
-  }
-  closeProviderStreamQuietly();
-  providerStream_ = std::move(opened);
-  providerStreamWritable_ = false;
-  streamGeneration_ = generation;
-  return providerStream_;
-}
-
-void WorkingFileEntry::closeProviderStreamQuietly() {
-  if (!providerStream_) return;
-  try {
-    providerStream_->close();
-  } catch (...) {
-    logFailure("Unexpected exception during close operation");
-  }
-  providerStream_.reset();
-  providerStreamWritable_ = false;
 }
 
 WorkingFileEntry::OpenOperation WorkingFileEntry::currentOpenOperation() const {
@@ -414,7 +313,7 @@ void WorkingFileEntry::openReadWrite(fsp::ByteStreamOpenOptions const& options) 
   // Readers on other streams keep the read-only inner stream until the read-write open
   // replaces it. Closing it after the open was queued is safe: a read-write open that has
   // run already claimed the inner stream, and this close leaves a claimed stream alone.
-  if (wasReadOnly && !othersHoldIt && !hasPendingBackgroundIO()) closeProviderStreamNow(metadata, readOnlyGeneration);
+  if (wasReadOnly && !othersHoldIt && !hasPendingBackgroundIO()) closeInnerStreamNow(metadata, readOnlyGeneration);
   if (toAwait) awaitOpen(toAwait);
 }
 
@@ -428,34 +327,18 @@ void WorkingFileEntry::checkAndOpenIfNecessary() {
   try {
     awaitOpen(openOperation);
   } catch (...) {
-    logCaught();
+    entrylog::caught();
     throw;
   }
 }
 
 // ---- reading --------------------------------------------------------------------------------
 
-std::streamsize WorkingFileEntry::readFromProviderStream(std::streampos position, char* buffer, std::streamsize count) {
-  OpenOperation openOperation;
-  fsp::StorageIRI location;
-  {
-    LockGuard lock(mutex_);
-    openOperation = openOperation_;
-    location = location_;
-  }
-  return readFromProviderStreamWith(openOperation, location, position, buffer, count);
-}
-
-std::streamsize WorkingFileEntry::readFromProviderStreamWith(OpenOperation const& openOperation,
-                                                             fsp::StorageIRI const& location, std::streampos position,
-                                                             char* buffer, std::streamsize count) {
+std::streamsize WorkingFileEntry::readFromInnerStream(OpenOperation const& openOperation,
+                                                      fsp::StorageIRI const& location, std::streampos position,
+                                                      char* buffer, std::streamsize count) {
   awaitOpen(openOperation);
-  LockGuard lock(providerStreamMutex_);
-  if (!providerStream_)
-    throw fsp::Exception(fsp::ErrorCode::TransientFailure, location, "the inner stream is closed");
-  providerStream_->seek(static_cast<long>(offsetOf(position)), std::ios_base::beg);
-  long const n = providerStream_->read(buffer, static_cast<long>(count));
-  return n < 0 ? 0 : n;
+  return innerStream_.read(location, position, buffer, count);
 }
 
 std::streamsize WorkingFileEntry::mergePayloadWithCache(std::streamoff position, char* payload, std::streamsize fetched,
@@ -495,44 +378,7 @@ std::streamsize WorkingFileEntry::mergePayloadWithCache(std::streamoff position,
   return known - position;
 }
 
-std::unique_ptr<WorkingFileEntry::Prefetch> WorkingFileEntry::takePrefetch() {
-  std::unique_ptr<Prefetch> ahead;
-  {
-    LockGuard lock(prefetchMutex_);
-    ahead = std::move(prefetch_);
-  }
-  if (ahead && ahead->thread.joinable()) ahead->thread.join();
-  return ahead;
-}
-
-void WorkingFileEntry::startPrefetch(std::int64_t position, std::int64_t size, std::uint64_t generation,
-                                     OpenOperation const& openOperation, fsp::StorageIRI const& location) {
-  LockGuard lock(prefetchMutex_);
-  if (prefetch_) return;  // another reader's is under way
-  auto ahead = std::make_unique<Prefetch>();
-  ahead->position = position;
-  ahead->size = size;
-  ahead->generation = generation;
-  ahead->bytes = std::make_unique_for_overwrite<char[]>(static_cast<std::size_t>(size));
-  Prefetch* const target = ahead.get();
-  try {
-    // The thread refers to this entry without owning it: whoever takes the prefetch, the
-    // destructor included, joins the thread first.
-    ahead->thread = std::thread([this, target, openOperation, location] {
-      try {
-        target->fetched = readFromProviderStreamWith(openOperation, location, target->position, target->bytes.get(),
-                                                     target->size);
-      } catch (...) {
-        target->failure = std::current_exception();
-      }
-    });
-  } catch (...) {
-    return;  // no thread to be had: the payload is fetched when it is asked for
-  }
-  prefetch_ = std::move(ahead);
-}
-
-std::streamsize WorkingFileEntry::readFromProviderAndWriteToCache(std::streampos position, char* buffer,
+std::streamsize WorkingFileEntry::readFromInnerAndWriteToCache(std::streampos position, char* buffer,
                                                                   std::streamsize count) {
   if (count < 1) return 0;
   std::int64_t const start = offsetOf(position);
@@ -560,7 +406,7 @@ std::streamsize WorkingFileEntry::readFromProviderAndWriteToCache(std::streampos
   std::unique_ptr<char[]> bytes;
   std::streamsize n = 0;
   std::exception_ptr failure;
-  if (auto ahead = takePrefetch()) {
+  if (auto ahead = readAhead_.take()) {
     if (readAhead && ahead->position == start && ahead->size == payload && ahead->generation == generation) {
       bytes = std::move(ahead->bytes);
       n = ahead->fetched;
@@ -570,7 +416,7 @@ std::streamsize WorkingFileEntry::readFromProviderAndWriteToCache(std::streampos
   if (!bytes) {
     bytes = std::make_unique_for_overwrite<char[]>(static_cast<std::size_t>(payload) + 1);
     try {
-      n = readFromProviderStreamWith(openOperation, location, position, bytes.get(), payload);
+      n = readFromInnerStream(openOperation, location, position, bytes.get(), payload);
     } catch (...) {
       failure = std::current_exception();
     }
@@ -579,7 +425,7 @@ std::streamsize WorkingFileEntry::readFromProviderAndWriteToCache(std::streampos
     try {
       std::rethrow_exception(failure);
     } catch (...) {
-      logCaught();
+      entrylog::caught();
     }
     return -1;
   }
@@ -588,15 +434,14 @@ std::streamsize WorkingFileEntry::readFromProviderAndWriteToCache(std::streampos
   if (readAhead && params_.usesDiskCaching() && n == payload && start + n < size) {
     // A reader that has gone through enough of the file in order gets the next payload
     // fetched while this one is stored in the cache.
-    bool sequential = false;
-    {
-      LockGuard lock(prefetchMutex_);
-      sequentialRun_ = start == sequentialEnd_ ? sequentialRun_ + n : n;
-      sequentialEnd_ = start + n;
-      sequential = sequentialRun_ >= kReadAheadAfter;
-    }
+    bool const sequential = readAhead_.recordFetched(start, n) >= kReadAheadAfter;
     if (sequential) {
-      startPrefetch(start + n, std::min<std::int64_t>(maxRead, size - (start + n)), generation, openOperation, location);
+      // The thread refers to this entry without owning it: whoever takes the fetch, the
+      // destructor included, joins the thread first.
+      readAhead_.start(start + n, std::min<std::int64_t>(maxRead, size - (start + n)), generation,
+                       [this, openOperation, location](std::int64_t at, char* into, std::int64_t length) {
+                         return readFromInnerStream(openOperation, location, at, into, length);
+                       });
     }
   }
 
@@ -620,7 +465,7 @@ void WorkingFileEntry::cacheInitialPartOfFileNotYetCached(std::streampos positio
   std::int64_t fetched = 0;
   std::int64_t next = offsetOf(position);
   while (fetched < target) {
-    std::streamsize const n = readFromProviderAndWriteToCache(next, scratch.data(), maxRead);
+    std::streamsize const n = readFromInnerAndWriteToCache(next, scratch.data(), maxRead);
     if (n < 1) break;
     fetched += n;
     next += n;
@@ -645,7 +490,7 @@ bool WorkingFileEntry::cacheWholeFile() {
     std::int64_t next = 0;
     if (info.status == IntegrityStatus::Partial && info.missingRange) next = offsetOf(info.missingRange->first);
     std::streamsize const n =
-        readFromProviderAndWriteToCache(next, scratch.data(), std::min<std::int64_t>(maxRead, size - next));
+        readFromInnerAndWriteToCache(next, scratch.data(), std::min<std::int64_t>(maxRead, size - next));
     if (n < 1) return false;
   }
 }
@@ -659,8 +504,7 @@ void WorkingFileEntry::waitForPendingToDrain() {
   auto const period = params_.getWaitForZeroPeriod();
   if (period.count() <= 0) return;
   auto const deadline = timing_.now() + period;
-  UniqueLock lock(pendingMutex_);
-  while (pendingCounter_ > 0 && timing_.now() < deadline) timing_.waitUntil(lock.native(), pendingDrained_, deadline);
+  pending_.awaitNone(timing_, deadline);
 }
 
 std::streamsize WorkingFileEntry::read(std::streampos position, char* buffer, std::streamsize count) {
@@ -714,7 +558,7 @@ std::streamsize WorkingFileEntry::read(std::streampos position, char* buffer, st
         LockGuard lock(mutex_);
         if (static_cast<std::int64_t>(metadata_->getFileSize()) <= next) break;
       }
-      std::streamsize const n = readFromProviderAndWriteToCache(next, buffer + total, remaining);
+      std::streamsize const n = readFromInnerAndWriteToCache(next, buffer + total, remaining);
       if (n < 0) {
         if (status != IntegrityStatus::Partial || retries >= kMaxReadRetries) break;
         ++retries;
@@ -739,39 +583,28 @@ std::streamsize WorkingFileEntry::read(std::streampos position, char* buffer, st
 
 // ---- writing ------------------------------------------------------------------------------
 
-void WorkingFileEntry::incrementPendingCounter() {
-  LockGuard lock(pendingMutex_);
-  ++pendingCounter_;
-}
-
-void WorkingFileEntry::decrementPendingCounter() {
-  {
-    LockGuard lock(pendingMutex_);
-    if (pendingCounter_ > 0) --pendingCounter_;
-  }
-  pendingDrained_.notify_all();
-}
+void WorkingFileEntry::incrementPendingCounter() { pending_.add(); }
 
 void WorkingFileEntry::writeToCache(std::streampos position, char const* data, std::streamsize count) {
   if (!cacheResource_->cacheWriteErrored()) cacheResource_->write(position, data, count);
 }
 
-void WorkingFileEntry::writeToProvider(std::streampos position, char const* data, std::streamsize count) {
+void WorkingFileEntry::writeToInner(std::streampos position, char const* data, std::streamsize count) {
   auto const capacity = static_cast<unsigned long>(params_.getMaxWritePayloadSize());
   if (!currentBuffer_) currentBuffer_ = std::make_unique<WritableBuffer>(position, capacity);
   WriteOutcome const outcome = currentBuffer_->write(position, data, count);
   if (params_.usesDiskCaching() && outcome == WriteOutcome::Accepted) return;
-  enqueueProviderWrite();
+  enqueueInnerWrite();
   if (outcome == WriteOutcome::Rejected) {
     currentBuffer_ = std::make_unique<WritableBuffer>(position, capacity);
     WriteOutcome const retried = currentBuffer_->write(position, data, count);
     // Without disk caching every write leaves at once; a write as large as a payload
     // leaves at once anyway.
-    if (!params_.usesDiskCaching() || retried != WriteOutcome::Accepted) enqueueProviderWrite();
+    if (!params_.usesDiskCaching() || retried != WriteOutcome::Accepted) enqueueInnerWrite();
   }
 }
 
-void WorkingFileEntry::enqueueProviderWrite() {
+void WorkingFileEntry::enqueueInnerWrite() {
   if (!currentBuffer_ || currentBuffer_->getBytesWritten() <= 0) return;
   std::streampos const start = currentBuffer_->getStartPosition();
   auto bytes = std::make_shared<std::vector<char> const>(currentBuffer_->data());
@@ -783,65 +616,44 @@ void WorkingFileEntry::enqueueProviderWrite() {
   executor_->execute(
       [token, start, bytes, enqueued = timing_.now(), openOperation = openOperation_, location = location_,
        metadata = metadata_]() {
-        token->entry().runProviderWrite(start, *bytes, enqueued, openOperation, location, metadata);
+        token->entry().runInnerWrite(start, *bytes, enqueued, openOperation, location, metadata);
         token->release();
       },
       ObservableTransactionType::FILE_WRITE, weight);
 }
 
-void WorkingFileEntry::runProviderWrite(std::streampos start, std::vector<char> const& bytes,
-                                        Clock::time_point enqueued, OpenOperation const& openOperation,
-                                        fsp::StorageIRI const& location, std::shared_ptr<FileMetadata> const& metadata) {
+void WorkingFileEntry::runInnerWrite(std::streampos start, std::vector<char> const& bytes,
+                                     Clock::time_point enqueued, OpenOperation const& openOperation,
+                                     fsp::StorageIRI const& location, std::shared_ptr<FileMetadata> const& metadata) {
   if (shutdownFlag_.load()) return;
-  if (abortedDueToWriteProblem_.load()) return;
-  {
-    LockGuard lock(abortMutex_);
-    if (abortState_ != 0 && abortTime_ >= enqueued) return;
-  }
+  if (abort_.hasWriteProblem()) return;
+  if (abort_.abortedSince(enqueued)) return;
   // Up to three attempts, as every other queued change gets: a transient failure of the
   // store or an unexpected error is tried again; a refusal (not writable, quota) is not.
   constexpr int kAttempts = 3;
   for (int attempt = 1;; ++attempt) {
     try {
       awaitOpen(openOperation);
-      LockGuard lock(providerStreamMutex_);
-      if (!providerStream_) throw fsp::Exception(fsp::ErrorCode::TransientFailure, location, "the inner stream is closed");
-      providerStream_->seek(static_cast<long>(offsetOf(start)), std::ios_base::beg);
-      std::size_t written = 0;
-      while (written < bytes.size()) {
-        long const n = providerStream_->write(bytes.data() + written, static_cast<long>(bytes.size() - written));
-        if (n <= 0) throw fsp::Exception(fsp::ErrorCode::TransientFailure, location, "the inner stream wrote nothing");
-        written += static_cast<std::size_t>(n);
-      }
+      innerStream_.write(location, start, bytes);
       return;
     } catch (...) {
       if (attempt < kAttempts && worthRetrying(std::current_exception())) {
-        logCaught();
+        entrylog::caught();
         continue;
       }
-      logFailure("Unexpected exception during write operation");
+      entrylog::failure("Unexpected exception during write operation");
       reportUndelivered(location, "write");
     }
     break;
   }
-  {
-    LockGuard lock(providerStreamMutex_);
-    if (providerStream_) {
-      try {
-        providerStream_->close();
-      } catch (...) {
-        logCaught();
-      }
-      providerStream_.reset();
-    }
-  }
+  innerStream_.dropAfterFailedWrite();
   metadata->thaw();
-  abortedDueToWriteProblem_.store(true);
+  abort_.setWriteProblem();
   if (quotaAccountant_) {
     try {
       quotaAccountant_->removeFile(location);
     } catch (...) {
-      logCaught();
+      entrylog::caught();
     }
   }
 }
@@ -858,7 +670,7 @@ void WorkingFileEntry::reportUndelivered(fsp::StorageIRI const& location, char c
 
 void WorkingFileEntry::flushBuffered() {
   cacheResource_->flush(metadata_->getLastModified());
-  enqueueProviderWrite();
+  enqueueInnerWrite();
 }
 
 std::streamsize WorkingFileEntry::write(std::streampos position, char const* data, std::streamsize count) {
@@ -876,7 +688,7 @@ std::streamsize WorkingFileEntry::write(std::streampos position, char const* dat
   }
 
   LockGuard lock(mutex_);
-  if (abortedDueToWriteProblem_.load()) return count;
+  if (abort_.hasWriteProblem()) return count;
   auto const size = static_cast<std::uint64_t>(metadata_->getFileSize());
   auto const newSize = std::max<std::uint64_t>(size, static_cast<std::uint64_t>(end));
   if (quotaAccountant_) {
@@ -888,12 +700,12 @@ std::streamsize WorkingFileEntry::write(std::streampos position, char const* dat
     std::vector<char> const zeros(static_cast<std::size_t>(std::min<std::int64_t>(start - gapStart, kGapChunk)), 0);
     while (gapStart < start) {
       std::streamsize const n = std::min<std::int64_t>(start - gapStart, kGapChunk);
-      writeToProvider(gapStart, zeros.data(), n);
+      writeToInner(gapStart, zeros.data(), n);
       writeToCache(gapStart, zeros.data(), n);
       gapStart += n;
     }
   }
-  writeToProvider(position, data, count);
+  writeToInner(position, data, count);
   writeToCache(position, data, count);
 
   if (quotaAccountant_) quotaAccountant_->removeFile(location_);
@@ -914,14 +726,14 @@ std::streamsize WorkingFileEntry::append(char const* data, std::streamsize count
     flushBuffered();
     throw fsp::Exception(fsp::ErrorCode::NoCacheSpace, location_);
   }
-  if (abortedDueToWriteProblem_.load()) return 0;
+  if (abort_.hasWriteProblem()) return 0;
   if (quotaAccountant_) {
     auto const quota = quotaAccountant_->getSpaceAvailable();
     if (quota && *quota <= static_cast<std::uint64_t>(count))
       throw fsp::Exception(fsp::ErrorCode::QuotaExceeded, location_);
   }
   std::streampos const position(static_cast<std::streamoff>(size));
-  writeToProvider(position, data, count);
+  writeToInner(position, data, count);
   writeToCache(position, data, count);
 
   std::uint64_t const newSize = size + static_cast<std::uint64_t>(count);
@@ -934,52 +746,32 @@ std::streamsize WorkingFileEntry::append(char const* data, std::streamsize count
 
 // ---- closing ----------------------------------------------------------------------------------
 
-void WorkingFileEntry::closeProviderStreamUnlessReclaimed(std::uint64_t generation) {
-  closedGeneration_ = std::max(closedGeneration_, generation);
-  if (!providerStream_ || streamGeneration_ > generation) return;
-  ByteStreamPtr const stream = std::move(providerStream_);
-  providerStream_.reset();
-  providerStreamWritable_ = false;
-  stream->close();
-}
-
-void WorkingFileEntry::closeProviderStreamNow(std::shared_ptr<FileMetadata> const& metadata, std::uint64_t generation) {
-  {
-    LockGuard lock(providerStreamMutex_);
-    try {
-      closeProviderStreamUnlessReclaimed(generation);
-    } catch (...) {
-      logFailure("Unexpected exception during close operation");
-    }
-  }
+void WorkingFileEntry::closeInnerStreamNow(std::shared_ptr<FileMetadata> const& metadata, std::uint64_t generation) {
+  innerStream_.closeUnlessReclaimed(generation,
+                                    [] { entrylog::failure("Unexpected exception during close operation"); });
   metadata->thaw();
 }
 
-void WorkingFileEntry::runProviderClose(fsp::StorageIRI const& location, std::shared_ptr<FileMetadata> const& metadata,
-                                        std::uint64_t generation, DurabilityHandle* durability) {
+void WorkingFileEntry::runInnerClose(fsp::StorageIRI const& location, std::shared_ptr<FileMetadata> const& metadata,
+                                     std::uint64_t generation, DurabilityHandle* durability) {
   // The cache file is durable before the inner store's copy is final.
   if (durability) durability->run();
   fsp::StorageItem const item = innerItemFor(location);
-  {
-    LockGuard lock(providerStreamMutex_);
-    try {
-      closeProviderStreamUnlessReclaimed(generation);
-    } catch (...) {
-      logFailure("Unexpected exception during close operation");
-      reportUndelivered(location, "close");
-    }
-  }
+  innerStream_.closeUnlessReclaimed(generation, [this, &location] {
+    entrylog::failure("Unexpected exception during close operation");
+    reportUndelivered(location, "close");
+  });
   try {
     item.setLastModified(metadata->getLastModified());
   } catch (...) {
-    logFailure("Exception during attempt to set last modified time");
+    entrylog::failure("Exception during attempt to set last modified time");
     reportUndelivered(location, "setLastModified");
   }
   auto read = [metadata, item] {
     try {
       metadata->withExtendedAttributes(item.getExtendedAttributes());
     } catch (...) {
-      logFailure("Unexpected exception during attempt to update extended attributes");
+      entrylog::failure("Unexpected exception during attempt to update extended attributes");
     }
   };
   // While a flush waits for the queue, the read is the flush's to make or to forget.
@@ -989,21 +781,10 @@ void WorkingFileEntry::runProviderClose(fsp::StorageIRI const& location, std::sh
       thawWritten_(metadata);
       return;
     } catch (...) {
-      logFailure("Unexpected exception during close operation");
+      entrylog::failure("Unexpected exception during close operation");
     }
   }
   metadata->thaw();
-}
-
-void WorkingFileEntry::syncInBackground(std::shared_ptr<DurabilityHandle> durability) {
-  LockGuard lock(syncMutex_);
-  // One sync at a time per entry; the one before has long finished, as a rule.
-  if (syncThread_.joinable()) syncThread_.join();
-  try {
-    syncThread_ = std::thread([durability] { durability->run(); });
-  } catch (...) {
-    durability->run();  // no thread to be had: here, then
-  }
 }
 
 void WorkingFileEntry::setFlushAttributeReads(std::shared_ptr<FlushAttributeReads> reads) {
@@ -1020,24 +801,6 @@ void WorkingFileEntry::setDeliveryReport(std::shared_ptr<DeliveryReport> report)
   }
 }
 
-void FlushAttributeReads::beginWaiting() {
-  LockGuard lock(mutex_);
-  ++waiting_;
-}
-
-bool FlushAttributeReads::defer(Read read) {
-  LockGuard lock(mutex_);
-  if (waiting_ <= 0) return false;
-  deferred_.push_back(std::move(read));
-  return true;
-}
-
-std::vector<FlushAttributeReads::Read> FlushAttributeReads::endWaiting() {
-  LockGuard lock(mutex_);
-  if (waiting_ > 0) --waiting_;
-  return std::exchange(deferred_, {});
-}
-
 std::shared_ptr<WorkingFileEntry::DurabilityHandle> WorkingFileEntry::stampCacheFile() {
   auto* const filesystemResource = dynamic_cast<FilesystemCacheResource*>(cacheResource_.get());
   if (filesystemResource == nullptr) {
@@ -1050,7 +813,7 @@ std::shared_ptr<WorkingFileEntry::DurabilityHandle> WorkingFileEntry::stampCache
 void WorkingFileEntry::flushContentCache() {
   UniqueLock lock(mutex_);
   if (refCount_ > 0) --refCount_;
-  if (abortedDueToWriteProblem_.load()) return;
+  if (abort_.hasWriteProblem()) return;
   if (openMode_ == kNotOpened) {
     flushBuffered();
     return;
@@ -1063,11 +826,11 @@ void WorkingFileEntry::flushContentCache() {
     } else {
       cacheResource_->flush(metadata_->getLastModified());
     }
-    enqueueProviderWrite();
+    enqueueInnerWrite();
     return;
   }
   std::shared_ptr<DurabilityHandle> durability = stampCacheFile();
-  enqueueProviderWrite();
+  enqueueInnerWrite();
 
   bool const wasReadOnly = openMode_ == kOpenedReadOnly;
   openMode_ = kNotOpened;
@@ -1076,15 +839,15 @@ void WorkingFileEntry::flushContentCache() {
   std::uint64_t const generation = openGeneration_;
   if (wasReadOnly && !hasPendingBackgroundIO()) {
     lock.unlock();
-    if (durability) syncInBackground(std::move(durability));
-    closeProviderStreamNow(metadata, generation);
+    if (durability) backgroundSync_.run(std::move(durability));
+    closeInnerStreamNow(metadata, generation);
     return;
   }
   incrementPendingCounter();
   auto token = std::make_shared<PendingToken>(shared_from_this());
   executor_->execute(
       [token, location, metadata, generation, durability = std::move(durability)]() {
-        token->entry().runProviderClose(location, metadata, generation, durability.get());
+        token->entry().runInnerClose(location, metadata, generation, durability.get());
         token->release();
       },
       ObservableTransactionType::FILE_CLOSE, params_.getMinItemWeight());
@@ -1104,7 +867,7 @@ std::shared_ptr<WorkingFileEntry> WorkingFileEntry::copy(std::shared_ptr<FileMet
   {
     LockGuard lock(mutex_);
     cacheResource_->flush(metadata_->getLastModified());
-    enqueueProviderWrite();
+    enqueueInnerWrite();
     if (complete) checkoutPath = cacheResource_->getCheckoutPath();
     initialCachePosition = initialCachePosition_;
   }

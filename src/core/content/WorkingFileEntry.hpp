@@ -36,25 +36,36 @@
 // Ownership: an entry must be owned by a std::shared_ptr (std::make_shared) before it is
 // opened or written: queued transactions keep it alive through shared_from_this().
 //
+// Parts, each with its own lock: InnerStream (the inner store's stream and the opens
+// that claim it), ReadAhead (the fetch ahead), PendingTransactions (the count of queued
+// write-behind), AbortState and BackgroundSync (the read-only close's sync).
+//
 // Locks and their order (never take one to the left while holding one to the right):
-//   ContentCache's mutex -> mutex_ -> providerStreamMutex_; pendingMutex_,
-//   abortMutex_, prefetchMutex_ and syncMutex_ are leaves. A fetch ahead is waited for
-//   with no entry mutex held. Transaction bodies never take mutex_ (a SynchronousExecutor
-//   runs them inline under it), and no one waits for the open transaction while holding
-//   providerStreamMutex_. The overlay's whole hierarchy: doc/design.md, "Locks".
+//   ContentCache's mutex -> mutex_ -> InnerStream's; those of ReadAhead,
+//   PendingTransactions, AbortState and BackgroundSync are leaves. A fetch ahead is
+//   waited for with no entry mutex held. Transaction bodies never take mutex_ (a
+//   SynchronousExecutor runs them inline under it), and no one waits for the open
+//   transaction while holding InnerStream's. The overlay's whole hierarchy:
+//   doc/design.md, "Locks".
 #pragma once
 
+#include <core/content/AbortState.hpp>
+#include <core/content/BackgroundSync.hpp>
 #include <core/content/CacheResource.hpp>
 #include <core/content/DeliveryReport.hpp>
-#include <core/metadata/FileMetadata.hpp>
+#include <core/content/EntryTiming.hpp>
 #include <core/content/FilesystemCacheResource.hpp>
-#include <core/exec/IExecutor.hpp>
-#include <core/quota/IQuotaAccountant.hpp>
-#include <core/util/SteadyClock.hpp>
-#include <core/exec/TimedLatch.hpp>
-#include <core/util/Mutex.hpp>
+#include <core/content/FlushAttributeReads.hpp>
+#include <core/content/InnerStream.hpp>
+#include <core/content/PendingTransactions.hpp>
+#include <core/content/ReadAhead.hpp>
 #include <core/content/WorkingFileEntryParams.hpp>
 #include <core/content/WritableBuffer.hpp>
+#include <core/exec/IExecutor.hpp>
+#include <core/exec/TimedLatch.hpp>
+#include <core/metadata/FileMetadata.hpp>
+#include <core/quota/IQuotaAccountant.hpp>
+#include <core/util/Mutex.hpp>
 
 #include <fl/filesystem.hpp>
 #include <foundation/storage/provider/ByteStream.hpp>
@@ -63,75 +74,20 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
 #include <exception>
 #include <functional>
 #include <ios>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
-#include <thread>
 #include <vector>
 
 namespace storage::overlayprovider {
 
-// The entry's sources of time. Every wait or sleep of an entry goes through these, so
-// that tests drive time by hand and never sleep. The defaults are the real clock.
-struct EntryTiming {
-  using TimePoint = std::chrono::steady_clock::time_point;
-
-  // The steady clock: last access times, abort times, enqueue stamps and the deadline of
-  // the wait for pending write-behind.
-  SteadyClockSource now = &steadyNow;
-
-  // The pause between two retries of a failed inner read (the read retry rule).
-  std::function<void(std::chrono::milliseconds)> sleepFor = &EntryTiming::realSleep;
-
-  // One wait of the read path for pending write-behind. Called with `lock` holding the
-  // entry's pending mutex; blocks on `cv` (releasing `lock` while blocked) until it is
-  // notified or `deadline`, measured on `now`, has passed, and returns with `lock` held.
-  // May return early; the caller checks the counter and the deadline again.
-  std::function<void(std::unique_lock<std::mutex>& lock, std::condition_variable& cv, TimePoint deadline)>
-      waitUntil = &EntryTiming::realWaitUntil;
-
-  // How often a wait for the open transaction looks whether the entry was aborted since
-  // the wait began.
-  std::chrono::milliseconds abortPollInterval{100};
-
-  static void realSleep(std::chrono::milliseconds duration);
-  static void realWaitUntil(std::unique_lock<std::mutex>& lock, std::condition_variable& cv, TimePoint deadline);
-};
-
-// The reads of files' extended attributes that close transactions leave out while the
-// provider flushes (doc/design.md, "The flush"). A flush calls beginWaiting() before it waits
-// for its queue and endWaiting() once the queue has drained; a close transaction running
-// in between hands its read to defer() instead of making it. The flush then either drops
-// every record of both caches (the reads are forgotten: nothing could show what they
-// would have read) or keeps the caches and makes the reads itself before it returns.
-// Thread-safe.
-class FlushAttributeReads {
- public:
-  using Read = std::function<void()>;
-
-  void beginWaiting();
-  // Keeps `read` and returns true while a flush waits; returns false (the caller makes the
-  // read) otherwise.
-  bool defer(Read read);
-  // Ends one flush's wait and hands it the reads deferred so far; those deferred later
-  // belong to a flush still waiting, if any.
-  std::vector<Read> endWaiting();
-
- private:
-  Mutex mutex_;
-  int waiting_ GUARDED_BY(mutex_) = 0;
-  std::vector<Read> deferred_ GUARDED_BY(mutex_);
-};
-
 class WorkingFileEntry : public std::enable_shared_from_this<WorkingFileEntry> {
  public:
-  using ByteStreamPtr = std::shared_ptr<foundation::storage::provider::ByteStream>;
+  using ByteStreamPtr = InnerStream::ByteStreamPtr;
   // Waits for the queued open transaction and yields the inner stream it opened (or
   // found open); rethrows the open's failure.
   using OpenOperation = std::function<ByteStreamPtr()>;
@@ -185,11 +141,9 @@ class WorkingFileEntry : public std::enable_shared_from_this<WorkingFileEntry> {
   // The entry's location: the file's inner-most IRI (under mutex_).
   foundation::storage::provider::StorageIRI getLocation() const;
   // The metadata's size: the file's size as the overlay sees it (under mutex_).
-  unsigned long getProviderFileSize() const;
+  unsigned long getFileSize() const;
   // When a read or write last began (atomic).
   std::chrono::steady_clock::time_point getLastAccessTime() const;
-  // True once opened by a caller stream and until the last one closed (under mutex_).
-  bool isOpen() const;
   // True while a FILE_WRITE or FILE_CLOSE transaction of this entry is queued or running
   // (under the pending mutex).
   bool hasPendingBackgroundIO() const;
@@ -200,9 +154,9 @@ class WorkingFileEntry : public std::enable_shared_from_this<WorkingFileEntry> {
   // The cache file's path; empty without disk caching (under mutex_).
   fl::filesystem::path getCheckoutPath() const;
 
-  // Adds one to the number of open caller streams (under mutex_).
-  void incrementRefCount();
-  // Subtracts one, never going below 0 (under mutex_).
+
+  // Subtracts one from the number of open caller streams, never going below 0 (under
+  // mutex_).
   void decrementRefCount();
 
   // The file moved to `location` (a folder move): takes the new location and moves the
@@ -214,7 +168,6 @@ class WorkingFileEntry : public std::enable_shared_from_this<WorkingFileEntry> {
 
   // Records that the content cache dropped this entry because the file changed.
   void setInvalidationWasTriggered();
-  bool wasInvalidationTriggered() const;
 
   // Deletes the cached content (the cache resource's remove(), under mutex_).
   void removeCachedEntry();
@@ -231,12 +184,10 @@ class WorkingFileEntry : public std::enable_shared_from_this<WorkingFileEntry> {
 
   // ---- abort state -----------------------------------------------------------------
 
-  // Marks the entry aborted now (under abortMutex_): every call moves the abort time.
+  // Marks the entry aborted now: every call moves the abort time.
   // Write-behind payloads queued before now are skipped, and waits that began before now
   // end early.
   void setAbort();
-  // The last abort time, or nothing if setAbort() was never called (under abortMutex_).
-  std::optional<std::chrono::steady_clock::time_point> getAbortTime() const;
   // True once a write-behind payload failed; the entry then stores nothing more.
   bool wasAbortedDueToWriteProblem() const;
   // True when the entry was aborted at or after `since`, or was aborted due to a write
@@ -244,15 +195,6 @@ class WorkingFileEntry : public std::enable_shared_from_this<WorkingFileEntry> {
   bool canReturnEarlyWhenAbortIsSet(std::chrono::steady_clock::time_point since) const;
 
   // ---- opening -----------------------------------------------------------------------
-
-  // Queues a transaction of `type` that opens the inner stream for the entry's current
-  // path (read-only for FILE_OPEN_READONLY, otherwise read-write with `options`), and
-  // stores an OpenOperation that waits for it. The transaction reuses an inner stream
-  // that is already open, unless it opens for writing and that stream is read-only or
-  // `options` ask for truncation; then it closes that stream and opens a new one.
-  void enqueueOpenOperation(ObservableTransactionType type,
-                            foundation::storage::provider::ByteStreamOpenOptions const& options = {})
-      REQUIRES(mutex_);
 
   // A caller stream opens the entry for reading (under mutex_): adds one to the
   // reference count and, unless the entry is already open in either mode, queues a
@@ -291,33 +233,10 @@ class WorkingFileEntry : public std::enable_shared_from_this<WorkingFileEntry> {
   // Throws std::invalid_argument for a negative count. Takes no lock across inner I/O.
   std::streamsize read(std::streampos position, char* buffer, std::streamsize count);
 
-  // Waits for the open transaction, then seeks the inner stream to `position` and reads
-  // up to `count` bytes (under providerStreamMutex_). Returns the number read, 0 at the
-  // end of the inner file. Throws the open's failure, the inner stream's failure, and
-  // Exception(TransientFailure) when the inner stream has been closed meanwhile.
-  std::streamsize readFromProviderStream(std::streampos position, char* buffer, std::streamsize count);
-
-  // Fetches one payload at `position` from the inner store, stores it in the cache and
-  // copies up to `count` of its bytes to `buffer`. The payload is the maximum read
-  // payload size when the entry is open read-only with nothing pending (read-ahead),
-  // otherwise `count` capped at that size; never past the file's size. Bytes the cache
-  // already holds are neither overwritten in the cache nor taken from the payload: the
-  // cached bytes (possibly written by a caller and not yet written behind) win.
-  // Returns the count copied, 0 for nothing to read, -1 when the inner read failed.
-  std::streamsize readFromProviderAndWriteToCache(std::streampos position, char* buffer, std::streamsize count)
-      EXCLUDES(mutex_);
-
   // A reader that has fetched this many bytes of the file in order from the inner store
   // (two payloads of the default size) has the next payload fetched ahead on a thread of
   // its own, taken when the reader asks for that payload (doc/performance.md).
   static constexpr std::int64_t kReadAheadAfter = 8 << 20;
-
-  // Makes sure the first `initialCachePosition` bytes of the file are cached, fetching
-  // payloads from `position` on; stops at the first payload that yields nothing.
-  void cacheInitialPartOfFileNotYetCached(std::streampos position) EXCLUDES(mutex_);
-
-  // True when `position` is at or beyond the file's size (under mutex_).
-  bool atEOF(unsigned long long position) const;
 
   // ---- writing -----------------------------------------------------------------------
 
@@ -349,9 +268,6 @@ class WorkingFileEntry : public std::enable_shared_from_this<WorkingFileEntry> {
   // becomes not opened. The sync of the cache file is skipped when nothing was stored
   // in it since the last one.
   void flushContentCache();
-
-  // Adds one to the count of this entry's pending transactions (under pendingMutex_).
-  void incrementPendingCounter();
 
   // The provider's FlushAttributeReads: while a flush waits for the queue, a FILE_CLOSE
   // transaction hands its read of the file's extended attributes there instead of making
@@ -385,45 +301,70 @@ class WorkingFileEntry : public std::enable_shared_from_this<WorkingFileEntry> {
   void moveToNewLocation(foundation::storage::provider::StorageIRI newLocation,
                          std::shared_ptr<FileMetadata> newMetadata);
 
+  // ---- for tests only ----------------------------------------------------------------
+
+  // True once opened by a caller stream and until the last one closed (under mutex_).
+  bool isOpen() const;
+  // Adds one to the number of open caller streams (under mutex_).
+  void incrementRefCount();
+  // Whether setInvalidationWasTriggered() was called.
+  bool wasInvalidationTriggered() const;
+  // The last abort time, or nothing if setAbort() was never called.
+  std::optional<std::chrono::steady_clock::time_point> getAbortTime() const;
+  // True when `position` is at or beyond the file's size (under mutex_).
+  bool atEOF(unsigned long long position) const;
+
  private:
   class PendingToken;
 
+  // Queues a transaction of `type` that opens the inner stream for the entry's current
+  // path (read-only for FILE_OPEN_READONLY, otherwise read-write with `options`), and
+  // stores an OpenOperation that waits for it. The transaction reuses an inner stream
+  // that is already open, unless it opens for writing and that stream is read-only or
+  // `options` ask for truncation; then it closes that stream and opens a new one.
+  void enqueueOpenOperation(ObservableTransactionType type,
+                            foundation::storage::provider::ByteStreamOpenOptions const& options = {})
+      REQUIRES(mutex_);
+
+  // Makes sure the first `initialCachePosition` bytes of the file are cached, fetching
+  // payloads from `position` on; stops at the first payload that yields nothing.
+  void cacheInitialPartOfFileNotYetCached(std::streampos position) EXCLUDES(mutex_);
+
+  // Adds one to the count of this entry's pending transactions.
+  void incrementPendingCounter();
+
+  // Fetches one payload at `position` from the inner store, stores it in the cache and
+  // copies up to `count` of its bytes to `buffer`. The payload is the maximum read
+  // payload size when the entry is open read-only with nothing pending (read-ahead),
+  // otherwise `count` capped at that size; never past the file's size. Bytes the cache
+  // already holds are neither overwritten in the cache nor taken from the payload: the
+  // cached bytes (possibly written by a caller and not yet written behind) win.
+  // Returns the count copied, 0 for nothing to read, -1 when the inner read failed.
+  std::streamsize readFromInnerAndWriteToCache(std::streampos position, char* buffer, std::streamsize count)
+      EXCLUDES(mutex_);
   // Stores caller bytes in the cache unless it is write-errored.
   void writeToCache(std::streampos position, char const* data, std::streamsize count) REQUIRES(mutex_);
   // Puts bytes into the write buffer, queueing payloads as the buffer fills or refuses
   // them.
-  void writeToProvider(std::streampos position, char const* data, std::streamsize count) REQUIRES(mutex_);
+  void writeToInner(std::streampos position, char const* data, std::streamsize count) REQUIRES(mutex_);
   // Queues the buffered bytes as one FILE_WRITE transaction.
-  void enqueueProviderWrite() REQUIRES(mutex_);
-  // The body of a FILE_WRITE transaction. Takes providerStreamMutex_, never mutex_.
-  void runProviderWrite(std::streampos start, std::vector<char> const& bytes,
-                        std::chrono::steady_clock::time_point enqueued, OpenOperation const& openOperation,
-                        foundation::storage::provider::StorageIRI const& location,
-                        std::shared_ptr<FileMetadata> const& metadata) EXCLUDES(providerStreamMutex_);
-  // The body of an open transaction: reuses or (re)opens the inner stream for
-  // `location` and marks it as claimed by open number `generation`. Opens nothing when
-  // the callers of that open have all closed it already. Takes providerStreamMutex_,
-  // never mutex_; a read-only open releases it while the store opens the file (and
-  // closes what it opened when its callers closed meanwhile or a later open took over).
-  ByteStreamPtr openProviderStream(foundation::storage::provider::StorageIRI const& location, bool forWriting,
-                                   foundation::storage::provider::ByteStreamOpenOptions const& options,
-                                   std::uint64_t generation) EXCLUDES(providerStreamMutex_);
+  void enqueueInnerWrite() REQUIRES(mutex_);
+  // The body of a FILE_WRITE transaction. Takes InnerStream's lock, never mutex_.
+  void runInnerWrite(std::streampos start, std::vector<char> const& bytes,
+                     std::chrono::steady_clock::time_point enqueued, OpenOperation const& openOperation,
+                     foundation::storage::provider::StorageIRI const& location,
+                     std::shared_ptr<FileMetadata> const& metadata);
   // The body of a FILE_CLOSE transaction queued when open number `generation` was the
   // latest: first makes the cache file durable (`durability`, when given), then closes
-  // the inner stream and stamps the inner file. Takes providerStreamMutex_, never mutex_.
-  void runProviderClose(foundation::storage::provider::StorageIRI const& location,
-                        std::shared_ptr<FileMetadata> const& metadata, std::uint64_t generation,
-                        DurabilityHandle* durability) EXCLUDES(providerStreamMutex_);
-  // Closes and drops the inner stream unless an open queued after open number
-  // `generation` has claimed it. Passes on what the inner close throws (the stream is
-  // dropped anyway).
-  void closeProviderStreamUnlessReclaimed(std::uint64_t generation) REQUIRES(providerStreamMutex_);
-  // Closes and drops the inner stream, whoever claimed it; close failures are logged.
-  void closeProviderStreamQuietly() REQUIRES(providerStreamMutex_);
-  // Closes and drops the inner stream now (as above), then thaws `metadata`. Caller
-  // holds no entry mutex. Close failures are logged.
-  void closeProviderStreamNow(std::shared_ptr<FileMetadata> const& metadata, std::uint64_t generation)
-      EXCLUDES(mutex_, providerStreamMutex_);
+  // the inner stream and stamps the inner file. Takes InnerStream's lock, never mutex_.
+  void runInnerClose(foundation::storage::provider::StorageIRI const& location,
+                     std::shared_ptr<FileMetadata> const& metadata, std::uint64_t generation,
+                     DurabilityHandle* durability);
+  // Closes and drops the inner stream now unless an open queued after open number
+  // `generation` has claimed it, then thaws `metadata`. Caller holds no entry mutex.
+  // Close failures are logged.
+  void closeInnerStreamNow(std::shared_ptr<FileMetadata> const& metadata, std::uint64_t generation)
+      EXCLUDES(mutex_);
   // `payload` holds `payloadSize` bytes at `position` of which the inner store
   // delivered the first `fetched`. Stores the fetched bytes in the cache except where the
   // cache already holds bytes, and copies cached bytes over the payload instead, so the
@@ -441,33 +382,19 @@ class WorkingFileEntry : public std::enable_shared_from_this<WorkingFileEntry> {
   // with the metadata's last-modified time now and returns its pending sync (null when
   // there is nothing to make durable, or without disk caching).
   std::shared_ptr<DurabilityHandle> stampCacheFile() REQUIRES(mutex_);
-  // Subtracts one from the pending counter and wakes every waiter.
-  void decrementPendingCounter() EXCLUDES(pendingMutex_);
   // Waits until nothing is pending or the wait-for-zero period has passed.
-  void waitForPendingToDrain() EXCLUDES(pendingMutex_);
+  void waitForPendingToDrain();
   // The open transaction's result, waiting for it; an empty callable throws
   // std::bad_function_call. Caller holds no entry mutex.
-  ByteStreamPtr awaitOpen(OpenOperation const& openOperation) const EXCLUDES(mutex_, providerStreamMutex_);
+  ByteStreamPtr awaitOpen(OpenOperation const& openOperation) const EXCLUDES(mutex_);
   // The stored OpenOperation.
   OpenOperation currentOpenOperation() const EXCLUDES(mutex_);
-  // readFromProviderStream with the open operation and location already taken. Takes
-  // providerStreamMutex_, never mutex_.
-  std::streamsize readFromProviderStreamWith(OpenOperation const& openOperation,
-                                             foundation::storage::provider::StorageIRI const& location,
-                                             std::streampos position, char* buffer, std::streamsize count)
-      EXCLUDES(providerStreamMutex_);
-  // Starts fetching `size` bytes at `position` on a thread of its own, for the opening
-  // `generation`, unless a fetch ahead is under way already.
-  void startPrefetch(std::int64_t position, std::int64_t size, std::uint64_t generation,
-                     OpenOperation const& openOperation, foundation::storage::provider::StorageIRI const& location)
-      EXCLUDES(prefetchMutex_);
-  // Takes the fetch ahead, if any, out of the entry and waits for its thread (taking
-  // prefetchMutex_ only to take it). Caller holds no entry mutex.
-  struct Prefetch;
-  std::unique_ptr<Prefetch> takePrefetch() EXCLUDES(prefetchMutex_);
-  // Runs `durability` on a thread of the entry's own (the sync of a read-only close),
-  // after the one before it has finished.
-  void syncInBackground(std::shared_ptr<DurabilityHandle> durability) EXCLUDES(syncMutex_);
+  // Waits for the open transaction `openOperation`, then seeks the inner stream to
+  // `position` and reads up to `count` bytes (InnerStream::read). Takes InnerStream's
+  // lock, never mutex_.
+  std::streamsize readFromInnerStream(OpenOperation const& openOperation,
+                                      foundation::storage::provider::StorageIRI const& location,
+                                      std::streampos position, char* buffer, std::streamsize count);
   // Builds the cache resource of `metadata` for the constructors.
   std::shared_ptr<CacheResource> buildCacheResource(std::shared_ptr<FileMetadata> const& metadata,
                                                     fl::filesystem::path const* sourceCheckoutPath) const;
@@ -491,52 +418,21 @@ class WorkingFileEntry : public std::enable_shared_from_this<WorkingFileEntry> {
   std::int64_t initialCachePosition_ GUARDED_BY(mutex_) = 0;
   std::unique_ptr<WritableBuffer> currentBuffer_ GUARDED_BY(mutex_);  // empty until a write
 
-  // Empty until opened. The analysis checks the pointer; every use of the stream it
-  // points to is under providerStreamMutex_ too.
-  ByteStreamPtr providerStream_ GUARDED_BY(providerStreamMutex_);
-  bool providerStreamWritable_ GUARDED_BY(providerStreamMutex_) = false;
-  mutable Mutex providerStreamMutex_;
+  InnerStream innerStream_;
 
   std::int64_t refCount_ GUARDED_BY(mutex_) = 0;
   std::int32_t openMode_ GUARDED_BY(mutex_) = kNotOpened;
   OpenOperation openOperation_ GUARDED_BY(mutex_);           // empty until an open is queued
   std::uint64_t openGeneration_ GUARDED_BY(mutex_) = 0;      // number of the latest queued open
-  // The open that last claimed providerStream_.
-  std::uint64_t streamGeneration_ GUARDED_BY(providerStreamMutex_) = 0;
-  // Opens up to this one were closed by their last caller stream.
-  std::uint64_t closedGeneration_ GUARDED_BY(providerStreamMutex_) = 0;
 
-  std::chrono::steady_clock::time_point abortTime_ GUARDED_BY(abortMutex_) = {};
-  std::int32_t abortState_ GUARDED_BY(abortMutex_) = 0;
-  mutable Mutex abortMutex_;
-
-  std::atomic<bool> abortedDueToWriteProblem_{false};
-
-  std::int64_t pendingCounter_ GUARDED_BY(pendingMutex_) = 0;
-  mutable Mutex pendingMutex_;
-  std::condition_variable pendingDrained_;  // notified (under pendingMutex_) when the counter drops
-
-  // The next payload of a reader going through the file in order, fetched while the
-  // reader stores the current one.
-  struct Prefetch {
-    std::int64_t position = 0;
-    std::int64_t size = 0;         // the bytes asked of the inner store
-    std::uint64_t generation = 0;  // the opening (openGeneration_) it was fetched for
-    std::unique_ptr<char[]> bytes;
-    std::streamsize fetched = 0;    // written by the thread; read after it was joined
-    std::exception_ptr failure;    // written by the thread; read after it was joined
-    std::thread thread;            // joined by whoever takes the fetch out of the entry
-  };
-  std::unique_ptr<Prefetch> prefetch_ GUARDED_BY(prefetchMutex_);  // empty when none is under way
-  std::int64_t sequentialEnd_ GUARDED_BY(prefetchMutex_) = -1;     // end of the last payload fetched
-  std::int64_t sequentialRun_ GUARDED_BY(prefetchMutex_) = 0;      // bytes fetched in order up to it
-  mutable Mutex prefetchMutex_;  // a leaf, held only briefly
+  AbortState abort_;
+  PendingTransactions pending_;
+  ReadAhead readAhead_;
 
   std::shared_ptr<FlushAttributeReads> flushReads_;  // set before the entry is shared; may be null
   ThawWritten thawWritten_;                          // set before the entry is shared; may be empty
   std::shared_ptr<DeliveryReport> deliveryReport_;   // set before the entry is shared; may be null
-  std::thread syncThread_ GUARDED_BY(syncMutex_);  // the last read-only close's sync
-  mutable Mutex syncMutex_;                        // a leaf
+  BackgroundSync backgroundSync_;                    // the read-only close's sync
 
   std::atomic<std::chrono::steady_clock::time_point> lastAccessTime_;
   std::atomic<bool> invalidationWasTriggered_{false};

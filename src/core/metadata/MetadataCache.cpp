@@ -1,7 +1,7 @@
 #include <core/metadata/MetadataCache.hpp>
 
+#include <core/metadata/CacheKey.hpp>
 #include <core/metadata/FutureFolderEntry.hpp>
-#include <core/util/IRIHelpers.hpp>
 #include <core/util/Logger.hpp>
 
 #include <foundation/log/Severity.hpp>
@@ -10,7 +10,6 @@
 #include <boost/date_time/posix_time/posix_time_types.hpp>
 
 #include <algorithm>
-#include <chrono>
 #include <exception>
 #include <optional>
 #include <string_view>
@@ -48,88 +47,9 @@ bool isUnbuiltListing(std::shared_ptr<IFolderEntry> const& entry) {
   return listing != nullptr && !listing->isBuilt();
 }
 
-// A scheme that getInnerMostURL keeps as it is: lower case, no "+".
-bool isKeyScheme(std::u16string const& scheme) {
-  if (scheme.empty()) return false;
-  return std::all_of(scheme.begin(), scheme.end(), [](char16_t c) {
-    return (c >= u'a' && c <= u'z') || (c >= u'0' && c <= u'9') || c == u'.' || c == u'-';
-  });
-}
-
-// A resolved path ("/" or "/a/b": no empty, "." or ".." segment, no trailing slash) of
-// characters that the text conversions and the parser keep as they are.
-bool isKeyPath(std::u16string const& path) {
-  if (path.empty() || path.front() != u'/') return false;
-  if (path.size() == 1) return true;
-  std::size_t segment = 1;
-  for (std::size_t i = 1; i <= path.size(); ++i) {
-    if (i == path.size() || path[i] == u'/') {
-      std::size_t const length = i - segment;
-      if (length == 0) return false;
-      if (path[segment] == u'.' && (length == 1 || (length == 2 && path[segment + 1] == u'.'))) return false;
-      segment = i + 1;
-      continue;
-    }
-    char16_t const c = path[i];
-    if (c < 0x20 || c == 0x7F || (c >= 0xD800 && c <= 0xDFFF)) return false;
-    if (c == u'?' || c == u'#' || c == u'<' || c == u'>' || c == u'%' || c == u'\\') return false;
-  }
-  return true;
-}
-
-// An IRI that getInnerMostURL returns unchanged, and so does for its parent: with a key
-// scheme, a resolved path and no query or fragment, either plain without an authority,
-// or wrapped (not by the overlay's own scheme) around an IRI whose inner-most path is not
-// the root. The texts of its folders are prefixes of its own text.
-bool isKeyForm(StorageIRI const& iri) {
-  if (!isKeyScheme(iri.getScheme()) || !isKeyPath(iri.getPath()) || iri.getQuery() || iri.getFragment()) return false;
-  if (!iri.hasInnerIRI()) return iri.getAuthority().empty();
-  if (iri.getScheme() == u"overlay") return false;
-  StorageIRI const* innermost = &iri.getInnerIRI();
-  while (innermost->hasInnerIRI()) innermost = &innermost->getInnerIRI();
-  return innermost->getPath() != u"/";
-}
-
-// The text of the parent of a key (in key form) that has a parent: the key's text
-// without its last segment ("mem:///a/b" -> "mem:///a", "mem:///a" -> "mem:///",
-// "t:<mem:///r>/a" -> "t:<mem:///r>/"), as the parent's IRI would render it. The first
-// form takes the key's text and the position where its path begins.
-std::u16string_view parentTextOf(std::u16string_view text, std::size_t pathStart) {
-  std::size_t const slash = text.rfind(u'/');
-  return text.substr(0, slash == pathStart ? pathStart + 1 : slash);
-}
-std::u16string_view parentTextOf(StorageIRI const& key) {
-  std::u16string_view const text = key.toString();
-  return parentTextOf(text, text.size() - key.getPath().size());
-}
-
 }  // namespace
 
-StorageIRI MetadataCache::keyFor(StorageIRI const& iri) { return isKeyForm(iri) ? iri : getInnerMostURL(iri); }
-
-// The key of an argument, without copying an argument that is already in key form.
-// Refers to the argument, which must outlive it.
-class MetadataCache::Key {
- public:
-  explicit Key(StorageIRI const& iri) : plain_(isKeyForm(iri)), key_(&iri) {
-    if (!plain_) {
-      mapped_ = getInnerMostURL(iri);
-      key_ = &*mapped_;
-      plain_ = isKeyForm(*mapped_);
-    }
-  }
-  Key(Key const&) = delete;
-  Key& operator=(Key const&) = delete;
-
-  StorageIRI const& get() const { return *key_; }
-  // The key and its parent are their own keys, so the parent's text is the parent's key.
-  bool plain() const { return plain_; }
-
- private:
-  bool plain_;
-  std::optional<StorageIRI> mapped_;
-  StorageIRI const* key_;
-};
+fsp::StorageIRI MetadataCache::getInnerMostURL(StorageIRI const& iri) { return CacheKey::getInnerMostURL(iri); }
 
 // Takes the cache lock; entries retired while it was held are destroyed after it is
 // released (destroying a listing entry waits for its listing).
@@ -156,16 +76,7 @@ class SCOPED_CAPABILITY MetadataCache::CacheLock {
 MetadataCache::MetadataCache(std::shared_ptr<fsp::StorageItem> inner, bool caseSensitive)
     : inner_(std::move(inner)), caseSensitive_(caseSensitive) {}
 
-MetadataCache::~MetadataCache() {
-  LockGuard lock(populationMutex_);
-  if (population_ && population_->valid() &&
-      population_->wait_for(std::chrono::seconds(0)) != std::future_status::deferred) {
-    try {
-      population_->get();
-    } catch (...) {
-    }
-  }
-}
+MetadataCache::~MetadataCache() { population_.finish(); }
 
 void MetadataCache::retire(std::shared_ptr<IFolderEntry> entry) const { retired_.push_back(std::move(entry)); }
 
@@ -193,7 +104,7 @@ void MetadataCache::clearFolders() const {
 }
 
 std::shared_ptr<IFolderEntry> MetadataCache::doGetFolderContainer(StorageIRI const& iri, bool create) const {
-  auto const key = keyFor(iri);
+  auto const key = getInnerMostURL(iri);
   auto it = getCacheIterator(key);
   if (it != folders_.end()) return it->second;
   if (!create) return nullptr;
@@ -203,11 +114,11 @@ std::shared_ptr<IFolderEntry> MetadataCache::doGetFolderContainer(StorageIRI con
 }
 
 void MetadataCache::insertFolderEntry(StorageIRI const& iri, std::shared_ptr<IFolderEntry> const& entry) const {
-  emplaceFolder(keyFor(iri), entry);
+  emplaceFolder(getInnerMostURL(iri), entry);
 }
 
 std::shared_ptr<IFolderEntry> MetadataCache::doLoadAndGetFolderContainer(StorageIRI const& iri) const {
-  auto const key = keyFor(iri);
+  auto const key = getInnerMostURL(iri);
   std::shared_ptr<IFolderEntry> entry;
   {
     CacheLock lock(*this);
@@ -217,10 +128,10 @@ std::shared_ptr<IFolderEntry> MetadataCache::doLoadAndGetFolderContainer(Storage
   return entry ? awaitCachedEntry(entry) : loadFolderEntry(key);
 }
 
-std::shared_ptr<IFolderEntry> MetadataCache::loadParentEntry(Key const& key) const {
+std::shared_ptr<IFolderEntry> MetadataCache::loadParentEntry(CacheKey const& key) const {
   if (!key.plain()) return doLoadAndGetFolderContainer(key.get().getParent());
   // The parent is found by its text, without building its IRI.
-  auto const parent = parentTextOf(key.get());
+  auto const parent = CacheKey::parentTextOf(key.get());
   std::shared_ptr<IFolderEntry> entry;
   {
     CacheLock lock(*this);
@@ -289,8 +200,8 @@ void MetadataCache::awaitSubtree(StorageIRI const& iri, bool create) const {
 
 void MetadataCache::awaitFrozenReAdd() const {
   awaitEntries([this](std::vector<std::shared_ptr<IFolderEntry>>& entries) REQUIRES(guard_) {
-    if (!frozenReAddPending_) return;
-    for (auto const& [key, record] : frozen_) {
+    if (!frozen_.isReAddDue()) return;
+    for (auto const& [key, record] : frozen_.records()) {
       bool const frozen = record.index() == 0 ? std::get<0>(record)->isFrozen() : std::get<1>(record)->isFrozen();
       if (!frozen || !key.hasParent()) continue;  // a thawed record is discarded unseen
       auto const parent = key.getParent();
@@ -306,7 +217,7 @@ void MetadataCache::awaitFrozenReAdd() const {
 
 std::shared_ptr<FileMetadata> MetadataCache::getFileMetadata(StorageIRI const& iri) const {
   try {
-    Key const key(iri);
+    CacheKey const key(iri);
     if (!key.get().hasParent()) return nullptr;
     auto entry = loadParentEntry(key);
     return entry->getFileMetadata(key.get(), caseSensitive_);
@@ -318,7 +229,7 @@ std::shared_ptr<FileMetadata> MetadataCache::getFileMetadata(StorageIRI const& i
 
 std::shared_ptr<FolderMetadata> MetadataCache::doGetFolderMetadata(StorageIRI const& iri) const {
   try {
-    Key const key(iri);
+    CacheKey const key(iri);
     if (key.get().hasParent()) {
       auto entry = loadParentEntry(key);
       return entry->getFolderMetadata(key.get(), caseSensitive_);
@@ -362,7 +273,7 @@ bool MetadataCache::hasFolder(StorageIRI const& iri) const {
 
 std::shared_ptr<FileMetadata> MetadataCache::doGetFileMetadataFromCache(StorageIRI const& iri) const {
   if (!iri.hasParent()) return nullptr;
-  auto it = folderIndex_.findExact(keyFor(iri.getParent()));
+  auto it = folderIndex_.findExact(getInnerMostURL(iri.getParent()));
   if (it == folders_.end()) return nullptr;
   return it->second->getFileMetadata(iri, true);
 }
@@ -370,10 +281,10 @@ std::shared_ptr<FileMetadata> MetadataCache::doGetFileMetadataFromCache(StorageI
 std::shared_ptr<FolderMetadata> MetadataCache::doGetFolderMetadataFromCache(StorageIRI const& iri) const {
   if (!iri.hasParent()) {
     // The root is listed by no parent; its record is its own entry's.
-    auto it = folderIndex_.findExact(keyFor(iri));
+    auto it = folderIndex_.findExact(getInnerMostURL(iri));
     return it == folders_.end() ? nullptr : it->second->getMetadata();
   }
-  auto it = folderIndex_.findExact(keyFor(iri.getParent()));
+  auto it = folderIndex_.findExact(getInnerMostURL(iri.getParent()));
   if (it == folders_.end()) return nullptr;
   return it->second->getFolderMetadata(iri, true);
 }
@@ -400,7 +311,7 @@ template <class Record>
 std::optional<std::shared_ptr<Record>> MetadataCache::findBelowKnownFolders(StorageIRI const& iri,
                                                                            bool trigger) const {
   constexpr bool kFile = std::is_same_v<Record, FileMetadata>;
-  if (!isKeyForm(iri)) return std::nullopt;
+  if (!CacheKey::isKeyForm(iri)) return std::nullopt;
   CacheLock lock(*this);
   // triggerInvalidationProcess() would change the tree first: the slow way does that.
   if (trigger && !pending_.empty()) return std::nullopt;
@@ -418,15 +329,15 @@ std::optional<std::shared_ptr<Record>> MetadataCache::findBelowKnownFolders(Stor
   // of a key are keys whose texts are prefixes of the key's text.
   std::u16string_view const text = iri.toString();
   std::size_t const pathStart = text.size() - iri.getPath().size();
-  std::u16string_view folder = parentTextOf(text, pathStart);
+  std::u16string_view folder = CacheKey::parentTextOf(text, pathStart);
   while (folder.size() > pathStart + 1) {
-    std::u16string_view const above = parentTextOf(folder, pathStart);
+    std::u16string_view const above = CacheKey::parentTextOf(folder, pathStart);
     IFolderEntry* const parent = builtEntryAt(above);
     if (parent == nullptr) return std::nullopt;
     if (!parent->getFolderMetadata(folder, caseSensitive_)) return std::shared_ptr<Record>();
     folder = above;
   }
-  IFolderEntry* const parent = builtEntryAt(parentTextOf(text, pathStart));
+  IFolderEntry* const parent = builtEntryAt(CacheKey::parentTextOf(text, pathStart));
   if (parent == nullptr) return std::nullopt;
   if constexpr (kFile) {
     return parent->getFileMetadata(text, caseSensitive_);
@@ -493,7 +404,7 @@ void MetadataCache::doAddFileMetadata(std::shared_ptr<FileMetadata> const& recor
 void MetadataCache::doAddFolderMetadata(std::shared_ptr<FolderMetadata> const& record, bool updateParent,
                                         bool listFromBackend) const {
   auto const location = record->getLocation();
-  auto it = folderIndex_.findExact(keyFor(location));
+  auto it = folderIndex_.findExact(getInnerMostURL(location));
   if (it != folders_.end()) {
     it->second->withMetadata(record);
   } else {
@@ -526,7 +437,7 @@ void MetadataCache::addFolderContainer(std::shared_ptr<IFolderEntry> const& entr
 // ---- removing ---------------------------------------------------------------------------------
 
 void MetadataCache::doRemoveFile(StorageIRI const& iri) const {
-  auto const key = keyFor(iri);
+  auto const key = getInnerMostURL(iri);
   if (!key.hasParent()) return;
   auto entry = doGetFolderContainer(key.getParent(), false);
   if (!entry) return;
@@ -535,7 +446,7 @@ void MetadataCache::doRemoveFile(StorageIRI const& iri) const {
 }
 
 void MetadataCache::doRemoveFolder(StorageIRI const& iri) const {
-  auto const key = keyFor(iri);
+  auto const key = getInnerMostURL(iri);
   if (key.hasParent()) {
     if (auto entry = doGetFolderContainer(key.getParent(), false)) {
       entry->removeFolderMetadata(key, caseSensitive_);
@@ -565,7 +476,7 @@ void MetadataCache::foldersForRemoving(StorageIRI const& key,
 }
 
 void MetadataCache::createFileMetadata(StorageIRI const& iri) const {
-  auto const key = keyFor(iri);
+  auto const key = getInnerMostURL(iri);
   awaitEntries([&](auto& entries) REQUIRES(guard_) { foldersForAdding(key, entries); });
 
   CacheLock lock(*this);
@@ -582,7 +493,7 @@ void MetadataCache::createFileMetadata(StorageIRI const& iri) const {
 }
 
 void MetadataCache::createFolderMetadata(StorageIRI const& iri) const {
-  auto const key = keyFor(iri);
+  auto const key = getInnerMostURL(iri);
   awaitEntries([&](auto& entries) REQUIRES(guard_) { foldersForAdding(key, entries); });
 
   CacheLock lock(*this);
@@ -608,17 +519,16 @@ void MetadataCache::addFileMetadata(std::shared_ptr<FileMetadata> record) const 
 }
 
 void MetadataCache::putFileMetadata(std::shared_ptr<FileMetadata> const& record) const {
-  auto const key = keyFor(record->getLocation());
+  auto const key = getInnerMostURL(record->getLocation());
   if (!key.hasParent()) return;
   CacheLock lock(*this);
-  auto parent = folderIndex_.findExact(keyFor(key.getParent()));
+  auto parent = folderIndex_.findExact(getInnerMostURL(key.getParent()));
   if (parent == folders_.end() || isUnbuiltListing(parent->second)) {
     // The folder was dropped or is being listed again: what the store lists must not win
     // over this record while it is frozen, so it is set aside (over an older one saved for
     // the same file) and put in once the listing is there.
     if (record->isFrozen()) {
-      frozen_.insert_or_assign(key, record);
-      frozenReAddPending_ = true;
+      frozen_.saveOver(key, record);
     }
     return;
   }
@@ -637,7 +547,7 @@ void MetadataCache::addFolderMetadata(std::shared_ptr<FolderMetadata> record) co
 }
 
 void MetadataCache::removeFile(StorageIRI const& iri) const {
-  auto const key = keyFor(iri);
+  auto const key = getInnerMostURL(iri);
   awaitEntries([&](auto& entries) REQUIRES(guard_) { foldersForRemoving(key, entries); });
 
   CacheLock lock(*this);
@@ -647,7 +557,7 @@ void MetadataCache::removeFile(StorageIRI const& iri) const {
 }
 
 void MetadataCache::removeFolder(StorageIRI const& iri) const {
-  auto const key = keyFor(iri);
+  auto const key = getInnerMostURL(iri);
   awaitEntries([&](auto& entries) REQUIRES(guard_) { foldersForRemoving(key, entries); });
 
   CacheLock lock(*this);
@@ -657,8 +567,8 @@ void MetadataCache::removeFolder(StorageIRI const& iri) const {
 }
 
 void MetadataCache::doMoveOrCopyFile(StorageIRI const& src, StorageIRI const& dst, bool move) const {
-  auto const s = keyFor(src);
-  auto const d = keyFor(dst);
+  auto const s = getInnerMostURL(src);
+  auto const d = getInnerMostURL(dst);
   // The source is looked up before anything changes, so that a missing source leaves
   // the tree as it was.
   std::shared_ptr<FileMetadata> source;
@@ -680,8 +590,8 @@ void MetadataCache::doMoveOrCopyFile(StorageIRI const& src, StorageIRI const& ds
 }
 
 void MetadataCache::moveFile(StorageIRI const& src, StorageIRI const& dst) const {
-  auto const s = keyFor(src);
-  auto const d = keyFor(dst);
+  auto const s = getInnerMostURL(src);
+  auto const d = getInnerMostURL(dst);
   awaitEntries([&](auto& entries) REQUIRES(guard_) {
     foldersForAdding(s, entries);
     foldersForAdding(d, entries);
@@ -693,8 +603,8 @@ void MetadataCache::moveFile(StorageIRI const& src, StorageIRI const& dst) const
 }
 
 void MetadataCache::copyFile(StorageIRI const& src, StorageIRI const& dst) const {
-  auto const s = keyFor(src);
-  auto const d = keyFor(dst);
+  auto const s = getInnerMostURL(src);
+  auto const d = getInnerMostURL(dst);
   awaitEntries([&](auto& entries) REQUIRES(guard_) {
     if (s.hasParent()) entries.push_back(doGetFolderContainer(s.getParent(), true));
     foldersForAdding(d, entries);
@@ -706,8 +616,8 @@ void MetadataCache::copyFile(StorageIRI const& src, StorageIRI const& dst) const
 }
 
 void MetadataCache::moveFolder(StorageIRI const& src, StorageIRI const& dst, fsp::ReplacementPolicy policy) const {
-  auto const s = keyFor(src);
-  auto const d = keyFor(dst);
+  auto const s = getInnerMostURL(src);
+  auto const d = getInnerMostURL(dst);
   // The whole source sub-tree is listed (as the move itself would) and the destination's
   // cached entries are waited for before the cache lock is taken.
   awaitSubtree(s, true);
@@ -813,7 +723,7 @@ void MetadataCache::doInvalidateAll() const {
 }
 
 void MetadataCache::invalidateFolder(StorageIRI const& iri) const {
-  auto const key = keyFor(iri);
+  auto const key = getInnerMostURL(iri);
   CacheLock lock(*this);
   doInvalidateFolder(key.hasParent() ? key.getParent() : key);
 }
@@ -824,10 +734,10 @@ void MetadataCache::invalidateAll() {
 }
 
 void MetadataCache::enqueueInvalidationProcess(StorageIRI const& iri) {
-  auto key = keyFor(iri);
+  auto key = getInnerMostURL(iri);
   CacheLock lock(*this);
   pending_.insert(std::move(key));
-  frozenReAddPending_ = true;
+  frozen_.setReAddDue();
 }
 
 void MetadataCache::triggerInvalidationProcess() const {
@@ -852,18 +762,18 @@ void MetadataCache::doSnapshotFrozenMetadata() const {
       // is added to an entry before its listing is done), and its own record may only
       // have been given to it; neither is waited for here.
       auto const metadata = entry->peekMetadata();
-      if (metadata && metadata->isFrozen()) frozen_.emplace(key, metadata);
+      if (metadata && metadata->isFrozen()) frozen_.save(key, metadata);
       continue;
     }
     try {
       auto const metadata = entry->getMetadata();
-      if (metadata && metadata->isFrozen()) frozen_.emplace(key, metadata);
+      if (metadata && metadata->isFrozen()) frozen_.save(key, metadata);
       for (auto const& [location, child] : entry->getAllContent()) {
         if (child.index() != 0) continue;
         auto const& file = std::get<0>(child);
         if (file->isFrozen()) {
           if (logging) getLogger().log(Severity::Debug, location.toUtf8() + " is frozen.");
-          frozen_.emplace(location, child);
+          frozen_.save(location, child);
         } else if (logging) {
           getLogger().log(Severity::Debug, location.toUtf8() + " is not frozen.");
         }
@@ -881,16 +791,15 @@ void MetadataCache::snapshotFrozenMetadata() {
 }
 
 void MetadataCache::snapshotFrozenMetadataAndInvalidate(StorageIRI const& iri) {
-  auto const key = keyFor(iri);
+  auto const key = getInnerMostURL(iri);
   CacheLock lock(*this);
   doSnapshotFrozenMetadata();
   doInvalidateFolder(key.hasParent() ? key.getParent() : key);
 }
 
 void MetadataCache::addFrozenEntries() const {
-  if (!frozenReAddPending_) return;
-  frozenReAddPending_ = false;
-  for (auto const& [key, saved] : frozen_) {
+  if (!frozen_.takeReAddDue()) return;
+  for (auto const& [key, saved] : frozen_.records()) {
     bool present = false;
     try {
       if (saved.index() == 1) {
@@ -898,11 +807,11 @@ void MetadataCache::addFrozenEntries() const {
       } else if (auto const listed = doGetFileMetadataFromCache(key)) {
         present = true;
         auto const& file = std::get<0>(saved);
-        if (listed != file && file->isFrozen() && keyFor(file->getLocation()) == key) {
+        if (listed != file && file->isFrozen() && getInnerMostURL(file->getLocation()) == key) {
           // The store listed the file, but a change of the overlay's own (a write still
           // on its way) is newer than what the store has: the local record stays, so
           // that the file's content entry, which shares it, is not taken for stale.
-          auto parent = folderIndex_.findExact(keyFor(key.getParent()));
+          auto parent = folderIndex_.findExact(getInnerMostURL(key.getParent()));
           if (parent != folders_.end()) {
             parent->second->removeFileMetadata(key, true);
             parent->second->addFileMetadata(file, false);
@@ -921,28 +830,18 @@ void MetadataCache::addFrozenEntries() const {
       auto const& file = std::get<0>(saved);
       // A record moved since it was saved (a folder move re-parents the records it
       // carries) is no longer this key's.
-      if (file->isFrozen() && keyFor(file->getLocation()) == key) doAddFileMetadata(file, true);
+      if (file->isFrozen() && getInnerMostURL(file->getLocation()) == key) doAddFileMetadata(file, true);
     }
   }
   frozen_.clear();
 }
 
 void MetadataCache::removeFrozenMetadata(StorageIRI const& iri, bool recursive) const {
-  auto const key = keyFor(iri);
-  frozen_.erase(key);
-  if (!recursive) return;
-  // Records saved below a folder go with it, whether or not the folder's own was saved.
-  for (auto saved = frozen_.begin(); saved != frozen_.end();) {
-    if (key.isAncestorOf(saved->first)) {
-      saved = frozen_.erase(saved);
-    } else {
-      ++saved;
-    }
-  }
+  frozen_.forget(getInnerMostURL(iri), recursive);
 }
 
 void MetadataCache::thawFile(StorageIRI const& iri) {
-  auto const key = keyFor(iri);
+  auto const key = getInnerMostURL(iri);
   CacheLock lock(*this);
   if (key.hasParent() && folders_.count(key.getParent()) != 0) {
     // The lookup may list the parent; it runs without the cache lock.
@@ -954,7 +853,7 @@ void MetadataCache::thawFile(StorageIRI const& iri) {
 }
 
 void MetadataCache::thawWritten(std::shared_ptr<FileMetadata> const& record) const {
-  auto const key = keyFor(record->getLocation());
+  auto const key = getInnerMostURL(record->getLocation());
   for (;;) {
     std::shared_ptr<IFolderEntry> parent;
     awaitEntries([&](auto& entries) REQUIRES(guard_) {
@@ -991,7 +890,7 @@ void MetadataCache::thawFolderImpl(StorageIRI const& iri, bool recursive) const 
 }
 
 void MetadataCache::thawFolder(StorageIRI const& iri, bool recursive) {
-  auto const key = keyFor(iri);
+  auto const key = getInnerMostURL(iri);
   if (recursive) {
     awaitSubtree(key, false);
   } else {
@@ -1009,16 +908,14 @@ void MetadataCache::thawFolder(StorageIRI const& iri, bool recursive) {
 void MetadataCache::populateWholeFolderTreeWhenPossible(bool wait) {
   if (!inner_->hasFeature(static_cast<fsp::ExtendedFeature>(1))) return;
   if (!wait) loadAndGetFolderContainer(inner_->getLocation());
-  LockGuard lock(populationMutex_);
-  population_ = std::make_unique<std::future<void>>(std::async([this, wait] { populate(wait); }));
-  if (wait) population_->get();
+  population_.start([this, wait] { populate(wait); }, wait);
 }
 
 void MetadataCache::populate(bool wait) {
   try {
     // Keys are inner-most IRIs, so the listed names are joined to the inner-most form
     // of the inner root.
-    auto const base = keyFor(inner_->getLocation());
+    auto const base = getInnerMostURL(inner_->getLocation());
     auto listing = inner_->listAllRecursive(u"*");
     while (listing->notAtEnd()) {
       listing->advance();
@@ -1072,18 +969,9 @@ void MetadataCache::addListedEntry(fsp::FolderEntry const& entry, StorageIRI con
   doAddFolderMetadata(folder, false, initiallyInvalid);
 }
 
-void MetadataCache::waitForFuturePopulationToFinish() {
-  if (populationWaited_.load(std::memory_order_acquire)) return;
-  LockGuard lock(populationMutex_);
-  if (populationWaited_.load(std::memory_order_relaxed)) return;
-  if (population_ && population_->valid()) population_->get();  // a failure leaves the next call to wait again
-  populationWaited_.store(true, std::memory_order_release);
-}
+void MetadataCache::waitForFuturePopulationToFinish() { population_.awaitFirstTime(); }
 
-void MetadataCache::doWaitForFuturePopulationToFinish() {
-  LockGuard lock(populationMutex_);
-  if (population_ && population_->valid()) population_->get();
-}
+void MetadataCache::doWaitForFuturePopulationToFinish() { population_.await(); }
 
 // ---- space --------------------------------------------------------------------------------
 
@@ -1097,7 +985,7 @@ std::uint64_t MetadataCache::getSpaceOccupiedByFile(StorageIRI const& iri) const
 }
 
 std::uint64_t MetadataCache::getSpaceOccupiedByFolder(StorageIRI const& iri) const {
-  awaitSubtree(keyFor(iri), false);
+  awaitSubtree(getInnerMostURL(iri), false);
   CacheLock lock(*this);
   return doGetSpaceOccupiedByFolder(iri);
 }
@@ -1138,9 +1026,7 @@ std::vector<fsp::StorageIRI> MetadataCache::cachedFolders() const {
 
 std::vector<fsp::StorageIRI> MetadataCache::frozenSnapshot() const {
   CacheLock lock(*this);
-  std::vector<StorageIRI> keys;
-  for (auto const& [key, record] : frozen_) keys.push_back(key);
-  return keys;
+  return frozen_.keys();
 }
 
 std::vector<fsp::StorageIRI> MetadataCache::pendingInvalidations() const {

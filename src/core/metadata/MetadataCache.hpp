@@ -43,7 +43,9 @@
 #pragma once
 
 #include <core/metadata/FileOrFolderMetadata.hpp>
+#include <core/metadata/FrozenRecords.hpp>
 #include <core/metadata/IFolderEntry.hpp>
+#include <core/metadata/TreePopulation.hpp>
 #include <core/util/LocationIndex.hpp>
 #include <core/util/Mutex.hpp>
 
@@ -53,12 +55,10 @@
 
 #include <boost/date_time/posix_time/ptime.hpp>
 
-#include <atomic>
 #include <cstdint>
 #include <deque>
 #include <exception>
 #include <functional>
-#include <future>
 #include <map>
 #include <memory>
 #include <optional>
@@ -68,11 +68,13 @@
 
 namespace storage::overlayprovider {
 
+class CacheKey;
+
 class MetadataCache {
  public:
   using StorageIRI = fsp::StorageIRI;
   using FolderMap = std::map<StorageIRI, std::shared_ptr<IFolderEntry>>;
-  using Snapshot = std::map<StorageIRI, FileOrFolderMetadata>;
+  using Snapshot = FrozenRecords::Snapshot;
 
   // The extended attribute that marks a folder whose content a recursive listing does
   // not provide; such a folder is listed on its own.
@@ -100,12 +102,6 @@ class MetadataCache {
   // false.
   bool hasFile(StorageIRI const& iri) const;
   bool hasFolder(StorageIRI const& iri) const;
-  // Never load and never trigger: the record as the cached parent entry (exact key)
-  // holds it, asked case-sensitively for `iri` unchanged; null when the parent is not
-  // cached. The root folder's record comes from its own entry. May still wait for a
-  // listing that is in progress in that entry.
-  std::shared_ptr<FileMetadata> getFileMetadataFromCache(StorageIRI const& iri) const;
-  std::shared_ptr<FolderMetadata> getFolderMetadataFromCache(StorageIRI const& iri) const;
   // Trigger; the folder's entry, created as a listing entry (not waited for) when it is
   // not cached; then the frozen snapshot is put back if an invalidation was queued.
   std::shared_ptr<IFolderEntry> getFolderContainer(StorageIRI const& iri) const;
@@ -116,7 +112,7 @@ class MetadataCache {
 
   // Queries that a provider makes on every call, answered under one hold of the cache
   // lock from cached entries whose listing is complete, without loading or waiting.
-  // For a key `iri` (an IRI already in key form, see keyFor) the answer is what
+  // For a key `iri` (an IRI already in key form, see CacheKey) the answer is what
   //   "every folder above `iri` except the root is known (getFolderMetadata non-null),
   //    checked nearest first; then getFileMetadata(iri)"
   // gives, with `trigger` preceded by triggerInvalidationProcess() as hasFile does: the
@@ -139,8 +135,7 @@ class MetadataCache {
   // A new frozen folder record, as for files, with a plain empty entry of its own (never
   // listed from the inner store).
   void createFolderMetadata(StorageIRI const& iri) const;
-  // Adds a record made elsewhere (the parent is stamped with the record's time). A folder
-  // gets a plain entry, or keeps its existing entry, which then holds `record`.
+  // Adds a record made elsewhere (the parent is stamped with the record's time).
   void addFileMetadata(std::shared_ptr<FileMetadata> record) const;
   // Makes `record` the one its cached parent folder holds for the file, replacing another
   // record of the same file (the parent is not stamped). When the parent is not cached or
@@ -148,7 +143,6 @@ class MetadataCache {
   // next listing or lookup of the folder (as the records saved before an invalidation
   // are); an unfrozen one is then left to the store's listing.
   void putFileMetadata(std::shared_ptr<FileMetadata> const& record) const;
-  void addFolderMetadata(std::shared_ptr<FolderMetadata> record) const;
   // Drops the file from its cached parent (stamping the parent with the current time)
   // and forgets its frozen snapshot entry; nothing else when the parent is not cached.
   void removeFile(StorageIRI const& iri) const;
@@ -171,19 +165,11 @@ class MetadataCache {
 
   // ---- invalidation, freezing, thawing -----------------------------------------------------
 
-  // Drops the cached folder that lists `iri` (its parent; the root for the root), with
-  // all its cached descendants. Frozen records are not saved first.
-  void invalidateFolder(StorageIRI const& iri) const;
   // Empties the tree and the frozen snapshot.
   void invalidateAll();
   // Records that `iri` changed elsewhere; the work happens at later operations. Sets
   // "frozen re-add pending". Cheap; safe to call from an event thread.
   void enqueueInvalidationProcess(StorageIRI const& iri);
-  // Saves every frozen record of the tree into the snapshot.
-  void snapshotFrozenMetadata();
-  // Saves the frozen records, then invalidates as invalidateFolder does. Does not set
-  // "frozen re-add pending".
-  void snapshotFrozenMetadataAndInvalidate(StorageIRI const& iri);
   // Thaws the file's record when its parent folder is cached (loading the record may
   // list the parent; the cache lock is released meanwhile), then forgets its snapshot
   // entry. Passes on failures of the lookup other than code 4; the snapshot entry then
@@ -215,8 +201,6 @@ class MetadataCache {
   // Waits for a started population and passes on its failure; after the first call that
   // returned normally, later calls return at once.
   void waitForFuturePopulationToFinish();
-  // Waits for a started population, every time it is called.
-  void doWaitForFuturePopulationToFinish();
   // Trigger; the size of the file's record (loading its parent if needed), 0 when there
   // is none.
   std::uint64_t getSpaceOccupiedByFile(StorageIRI const& iri) const;
@@ -227,18 +211,41 @@ class MetadataCache {
 
   // ---- keys ---------------------------------------------------------------------------------
 
-  // The key the cache files `iri` under: getInnerMostURL(iri). An IRI already in that
-  // form (no query or fragment, a lower-case scheme without "+", a resolved path of plain
-  // characters, and either no inner IRI and no authority, or an inner IRI whose inner-most
-  // path is not the root under a scheme other than "overlay") is returned as it is,
-  // without the round trip through the network IRI that the mapping makes. Throws what
-  // getInnerMostURL throws.
-  static StorageIRI keyFor(StorageIRI const& iri);
+  // The key the cache files `iri` under: the free getInnerMostURL(iri), with the
+  // shortcut of CacheKey for an IRI already in that form. Throws what getInnerMostURL
+  // throws.
+  static StorageIRI getInnerMostURL(StorageIRI const& iri);
 
-  // ---- inspection, for tests and tools ---------------------------------------------------
-  bool isCaseSensitive() const { return caseSensitive_; }
+  // ---- inspection, for tests and benchmarks ----------------------------------------------
   // Keys of the cached folders, in order.
   std::vector<StorageIRI> cachedFolders() const;
+
+  // ---- for tests only ----------------------------------------------------------------
+  // Never load and never trigger: the record as the cached parent entry (exact key)
+  // holds it, asked case-sensitively for `iri` unchanged; null when the parent is not
+  // cached. The root folder's record comes from its own entry. May still wait for a
+  // listing that is in progress in that entry.
+  std::shared_ptr<FileMetadata> getFileMetadataFromCache(StorageIRI const& iri) const;
+  std::shared_ptr<FolderMetadata> getFolderMetadataFromCache(StorageIRI const& iri) const;
+
+  // As addFileMetadata, for a folder's record: the folder gets a plain entry, or keeps
+  // its existing entry, which then holds `record`.
+  void addFolderMetadata(std::shared_ptr<FolderMetadata> record) const;
+
+  // Drops the cached folder that lists `iri` (its parent; the root for the root), with
+  // all its cached descendants. Frozen records are not saved first.
+  void invalidateFolder(StorageIRI const& iri) const;
+
+  // Saves every frozen record of the tree into the snapshot.
+  void snapshotFrozenMetadata();
+  // Saves the frozen records, then invalidates as invalidateFolder does. Does not set
+  // "frozen re-add pending".
+  void snapshotFrozenMetadataAndInvalidate(StorageIRI const& iri);
+
+  // Waits for a started population, every time it is called.
+  void doWaitForFuturePopulationToFinish();
+
+  bool isCaseSensitive() const { return caseSensitive_; }
   // Keys of the frozen snapshot, in order.
   std::vector<StorageIRI> frozenSnapshot() const;
   // Pending invalidations, in the order they will be worked off.
@@ -308,12 +315,11 @@ class MetadataCache {
   std::optional<std::shared_ptr<Record>> findBelowKnownFolders(StorageIRI const& iri, bool trigger) const
       EXCLUDES(guard_);
 
-  class Key;
   // Loads the folder's entry and waits for its listing.
   std::shared_ptr<IFolderEntry> doLoadAndGetFolderContainer(StorageIRI const& iri) const EXCLUDES(guard_);
   // doLoadAndGetFolderContainer of the parent of `key` (which has one); a key-form key's
   // parent is found by its text, without building the parent's IRI.
-  std::shared_ptr<IFolderEntry> loadParentEntry(Key const& key) const EXCLUDES(guard_);
+  std::shared_ptr<IFolderEntry> loadParentEntry(CacheKey const& key) const EXCLUDES(guard_);
   // Lists the folder at `key` (a key) into a fresh entry, waits for it, then inserts it
   // (an entry inserted meanwhile under that key is kept). Passes on the listing's failure.
   std::shared_ptr<IFolderEntry> loadFolderEntry(StorageIRI const& key) const EXCLUDES(guard_);
@@ -337,18 +343,16 @@ class MetadataCache {
   std::shared_ptr<fsp::StorageItem> const inner_;
   bool const caseSensitive_;
 
-  Mutex populationMutex_;  // also serialises waits on the population
-  std::unique_ptr<std::future<void>> population_ GUARDED_BY(populationMutex_);  // null until a population starts
-  std::atomic<bool> populationWaited_{false};  // set (under populationMutex_) by the first successful wait
-
   mutable Mutex guard_;  // the cache lock
   mutable FolderMap folders_ GUARDED_BY(guard_);
   // Exact and case-insensitive lookup in folders_.
   mutable LocationIndex<FolderMap> folderIndex_ GUARDED_BY(guard_){folders_};
-  mutable Snapshot frozen_ GUARDED_BY(guard_);
+  mutable FrozenRecords frozen_ GUARDED_BY(guard_);  // the frozen snapshot
   mutable std::set<StorageIRI> pending_ GUARDED_BY(guard_);
-  mutable bool frozenReAddPending_ GUARDED_BY(guard_) = false;
   mutable std::vector<std::shared_ptr<IFolderEntry>> retired_ GUARDED_BY(guard_);
+
+  // Last, so that it is destroyed first: the population's task uses the tree.
+  TreePopulation population_;
 };
 
 }  // namespace storage::overlayprovider

@@ -57,7 +57,7 @@ std::shared_ptr<MetadataCache> metadataCacheFor(std::shared_ptr<fsp::StorageItem
 }
 
 // The text of the inner-most IRI that `iri` wraps, and its form with the host stripped,
-// when that inner-most IRI is a root ("/"): what innerMostOf() reuses.
+// when that inner-most IRI is a root ("/"): what getInnerMostURL() reuses.
 std::optional<OverlayProvider::WrappedRoot> wrappedRootOf(fsp::StorageIRI const& location) {
   try {
     fsp::StorageIRI const* innermost = &location;
@@ -196,25 +196,26 @@ void OverlayProvider::triggerLatch() const {
   if (timedLatch_) timedLatch_->trigger();
 }
 
-fsp::StorageIRI OverlayProvider::innerMostOf(StorageIRI const& iri) const {
+fsp::StorageIRI OverlayProvider::getInnerMostURL(StorageIRI const& iri) const {
   if (wrappedRoot_ && iri.hasInnerIRI()) {
     StorageIRI const* innermost = &iri.getInnerIRI();
     while (innermost->hasInnerIRI()) innermost = &innermost->getInnerIRI();
-    // getInnerMostURL's own expression for a wrapped root, with the stripped root reused.
+    // The free getInnerMostURL's own expression for a wrapped root, with the stripped root
+    // reused.
     if (innermost->getPath() == u"/" && innermost->toString() == wrappedRoot_->text) {
       return StorageIRI(wrappedRoot_->stripped, iri.getPath()).getResolvedIRI();
     }
   }
-  return getInnerMostURL(iri);
+  return storage::overlayprovider::getInnerMostURL(iri);
 }
 
 fsp::StorageItem OverlayProvider::innerItemFor(StorageIRI const& iri) const {
-  return StorageItem(*inner_, innerMostOf(iri).getPath());
+  return StorageItem(*inner_, getInnerMostURL(iri).getPath());
 }
 
 fsp::StorageIRI OverlayProvider::overlayIRIFor(StorageIRI const& like, StorageIRI const& inner) const {
   if (!like.hasInnerIRI()) return inner;
-  auto rootPath = innerMostOf(like.withPath(u"/")).getPath();
+  auto rootPath = getInnerMostURL(like.withPath(u"/")).getPath();
   auto const path = inner.getResolvedIRI().getPath();
   if (rootPath == u"/") return like.withPath(path);
   if (path == rootPath) return like.withPath(u"/");
@@ -431,7 +432,7 @@ void OverlayProvider::doCreateFile(StorageIRI const& iri) const {
   OVERLAY_TRACE_IRI(iri);
   lazyInitialize(iri);
   metadataCache_->waitForFuturePopulationToFinish();
-  auto const inner = innerMostOf(iri);
+  auto const inner = getInnerMostURL(iri);
   triggerLatch();
   auto const pass = flushGate_.enter();
   {
@@ -450,7 +451,7 @@ void OverlayProvider::doCreateFolder(StorageIRI const& iri) const {
   OVERLAY_TRACE_IRI(iri);
   lazyInitialize(iri);
   metadataCache_->waitForFuturePopulationToFinish();
-  auto const inner = innerMostOf(iri);
+  auto const inner = getInnerMostURL(iri);
   triggerLatch();
   auto const pass = flushGate_.enter();
   {
@@ -469,7 +470,7 @@ void OverlayProvider::doCreateFolderRecursive(StorageIRI const& iri) const {
   OVERLAY_TRACE_IRI(iri);
   lazyInitialize(iri);
   metadataCache_->waitForFuturePopulationToFinish();
-  auto const inner = innerMostOf(iri);
+  auto const inner = getInnerMostURL(iri);
   triggerLatch();
   auto const pass = flushGate_.enter();
   {
@@ -501,7 +502,7 @@ void OverlayProvider::doRemoveFile(StorageIRI const& iri) const {
   OVERLAY_TRACE_IRI(iri);
   lazyInitialize(iri);
   metadataCache_->waitForFuturePopulationToFinish();
-  auto const inner = innerMostOf(iri);
+  auto const inner = getInnerMostURL(iri);
   triggerLatch();
   auto const pass = flushGate_.enter();
   {
@@ -522,7 +523,7 @@ void OverlayProvider::doRemoveFolder(StorageIRI const& iri) const {
   OVERLAY_TRACE_IRI(iri);
   lazyInitialize(iri);
   metadataCache_->waitForFuturePopulationToFinish();
-  auto const inner = innerMostOf(iri);
+  auto const inner = getInnerMostURL(iri);
   triggerLatch();
   auto const pass = flushGate_.enter();
   {
@@ -542,7 +543,7 @@ void OverlayProvider::doRemoveFolderRecursively(StorageIRI const& iri) const {
   OVERLAY_TRACE_IRI(iri);
   lazyInitialize(iri);
   metadataCache_->waitForFuturePopulationToFinish();
-  auto const inner = innerMostOf(iri);
+  auto const inner = getInnerMostURL(iri);
   triggerLatch();
   auto const pass = flushGate_.enter();
   {
@@ -562,8 +563,8 @@ void OverlayProvider::doMoveFile(StorageIRI const& src, StorageIRI const& dst, f
   OVERLAY_TRACE_IRI(src);
   lazyInitialize();
   metadataCache_->waitForFuturePopulationToFinish();
-  auto const from = innerMostOf(src);
-  auto const to = innerMostOf(dst);
+  auto const from = getInnerMostURL(src);
+  auto const to = getInnerMostURL(dst);
   triggerLatch();
   auto const pass = flushGate_.enter();
   {
@@ -598,8 +599,8 @@ void OverlayProvider::doMoveFolder(StorageIRI const& src, StorageIRI const& dst,
   OVERLAY_TRACE_IRI(src);
   lazyInitialize();
   metadataCache_->waitForFuturePopulationToFinish();
-  auto const from = innerMostOf(src);
-  auto const to = innerMostOf(dst);
+  auto const from = getInnerMostURL(src);
+  auto const to = getInnerMostURL(dst);
   triggerLatch();
   auto const pass = flushGate_.enter();
   {
@@ -630,7 +631,7 @@ void OverlayProvider::doSetLastModified(StorageIRI const& iri, boost::posix_time
   OVERLAY_TRACE_IRI(iri);
   lazyInitialize(iri);
   metadataCache_->waitForFuturePopulationToFinish();
-  auto const inner = innerMostOf(iri);
+  auto const inner = getInnerMostURL(iri);
   triggerLatch();
   auto const pass = flushGate_.enter();
   {
@@ -651,7 +652,7 @@ void OverlayProvider::doSetWritable(StorageIRI const& iri, bool writable) const 
   OVERLAY_TRACE_IRI(iri);
   lazyInitialize(iri);
   metadataCache_->waitForFuturePopulationToFinish();
-  auto const inner = innerMostOf(iri);
+  auto const inner = getInnerMostURL(iri);
   triggerLatch();
   auto const pass = flushGate_.enter();
   {
@@ -707,7 +708,7 @@ bool OverlayProvider::doFileExists(StorageIRI const& iri) const {
   OVERLAY_TRACE_IRI(iri);
   lazyInitialize(iri);
   awaitPopulation();
-  auto const inner = innerMostOf(iri);
+  auto const inner = getInnerMostURL(iri);
   auto lock = pathLocks_.acquire(inner);
   return hasFileRecord(inner);
 }
@@ -716,7 +717,7 @@ bool OverlayProvider::doFolderExists(StorageIRI const& iri) const {
   OVERLAY_TRACE_IRI(iri);
   lazyInitialize(iri);
   awaitPopulation();
-  auto const inner = innerMostOf(iri);
+  auto const inner = getInnerMostURL(iri);
   auto lock = pathLocks_.acquire(inner);
   return hasFolderRecord(inner);
 }
@@ -725,7 +726,7 @@ fsp::FileAttributes OverlayProvider::doGetFileAttributes(StorageIRI const& iri) 
   OVERLAY_TRACE_IRI(iri);
   lazyInitialize(iri);
   awaitPopulation();
-  auto const inner = innerMostOf(iri);
+  auto const inner = getInnerMostURL(iri);
   auto lock = pathLocks_.acquire(inner);
   auto file = getFileMetadata(inner);
   if (!file) throw Exception(ErrorCode::DoesNotExist, iri);
@@ -736,7 +737,7 @@ fsp::FolderAttributes OverlayProvider::doGetFolderAttributes(StorageIRI const& i
   OVERLAY_TRACE_IRI(iri);
   lazyInitialize(iri);
   awaitPopulation();
-  auto const inner = innerMostOf(iri);
+  auto const inner = getInnerMostURL(iri);
   auto lock = pathLocks_.acquire(inner);
   auto folder = folderRecord(inner);
   if (!folder) throw Exception(ErrorCode::DoesNotExist, iri);
@@ -747,7 +748,7 @@ fsp::ExtendedAttributes OverlayProvider::doGetExtendedAttributes(StorageIRI cons
   OVERLAY_TRACE_IRI(iri);
   lazyInitialize(iri);
   awaitPopulation();
-  auto const inner = innerMostOf(iri);
+  auto const inner = getInnerMostURL(iri);
   auto lock = pathLocks_.acquire(inner);
   if (auto folder = folderRecord(inner)) return folder->getExtendedAttributes();
   if (auto file = getFileMetadata(inner)) return file->getExtendedAttributes();
@@ -758,7 +759,7 @@ template <class Pred>
 fsp::FolderEntryIteratorPtr OverlayProvider::list(StorageIRI const& iri) const {
   lazyInitialize();
   awaitPopulation();
-  auto const inner = innerMostOf(iri);
+  auto const inner = getInnerMostURL(iri);
   triggerLatch();
   auto lock = pathLocks_.acquire(inner);
   if (inner.getPath() != u"/" && !folderRecord(inner)) throw Exception(ErrorCode::DoesNotExist, iri);
@@ -845,7 +846,7 @@ fsp::ByteStreamPtr OverlayProvider::doOpenStream(StorageIRI const& iri, fsp::Byt
   OVERLAY_TRACE_IRI(iri);
   lazyInitialize(iri);
   metadataCache_->waitForFuturePopulationToFinish();
-  auto const inner = innerMostOf(iri);
+  auto const inner = getInnerMostURL(iri);
   if (!fallback_.load(std::memory_order_acquire)) {
     try {
       return openThroughCache(iri, inner, &options);
@@ -863,7 +864,7 @@ fsp::ByteStreamPtr OverlayProvider::doOpenReadOnlyStream(StorageIRI const& iri) 
   OVERLAY_TRACE_IRI(iri);
   lazyInitialize(iri);
   awaitPopulation();
-  auto const inner = innerMostOf(iri);
+  auto const inner = getInnerMostURL(iri);
   if (!fallback_.load(std::memory_order_acquire)) {
     try {
       return openThroughCache(iri, inner, nullptr);
@@ -899,7 +900,7 @@ void OverlayProvider::doPublishFileEventsFor(StorageIRI const& iri,
 void OverlayProvider::doStopPublishingEventsFor(StorageIRI const& iri) const {
   OVERLAY_TRACE_IRI(iri);
   lazyInitialize(iri);
-  auto const inner = innerMostOf(iri);
+  auto const inner = getInnerMostURL(iri);
   auto item = innerItemFor(iri);
   forwarding(iri, [&] {
     if (hasFileRecord(inner)) item.stopPublishingFileEvents();
@@ -989,7 +990,7 @@ void OverlayProvider::doInvalidate(StorageIRI const& iri) {
   OVERLAY_TRACE_IRI(iri);
   lazyInitialize(iri);
   metadataCache_->waitForFuturePopulationToFinish();
-  auto root = innerMostOf(iri).withPath(u"/");
+  auto root = getInnerMostURL(iri).withPath(u"/");
   auto lock = pathLocks_.acquire(root);
   dropContentCache();
   metadataCache_->invalidateAll();
@@ -1012,7 +1013,7 @@ fsp::extensions::QueueFigures OverlayProvider::getQueueFigures() const { return 
 
 void OverlayProvider::doShutdown() {
   OVERLAY_TRACE();
-  auto root = innerMostOf(inner_->getLocation()).withPath(u"/");
+  auto root = getInnerMostURL(inner_->getLocation()).withPath(u"/");
   auto lock = pathLocks_.acquire(root);
   // The queue is cut before the flag goes up: queued transactions check the flag, and a
   // transaction skipped by the flag while a later one still ran would leave the inner

@@ -163,18 +163,19 @@ class OverlayProvider : public fsp::IConfigurableProvider,
   // The parameters every new working file entry is made with, from the configuration.
   WorkingFileEntryParams workingFileEntryParams() const;
 
-  // The inner-most IRI of a root that callers' IRIs wrap, as innerMostOf() keeps it.
+  // The inner-most IRI of a root that callers' IRIs wrap, as getInnerMostURL() keeps it.
   struct WrappedRoot {
     std::u16string text;    // its text
     StorageIRI stripped;    // stripHostFrom of it
   };
 
-  // getInnerMostURL(iri). For an IRI that wraps the inner store's own root (the usual
-  // case) the part that depends only on the wrapped root is computed once, at
-  // construction, instead of at every operation; the result is the same.
-  StorageIRI innerMostOf(StorageIRI const& iri) const;
+  // The free getInnerMostURL(iri), with a shortcut: for an IRI that wraps the inner
+  // store's own root (the usual case) the part that depends only on the wrapped root is
+  // computed once, at construction, instead of at every operation; the result is the
+  // same.
+  StorageIRI getInnerMostURL(StorageIRI const& iri) const;
 
-  // Read access for tests and tools.
+  // ---- for tests only ----------------------------------------------------------------
   std::shared_ptr<IExecutor> executor() const;
   double maxQueueWeight() const { return maxQueueWeight_.load(std::memory_order_acquire); }
   double minQueueItemWeight() const { return minQueueItemWeight_.load(std::memory_order_acquire); }

@@ -131,7 +131,7 @@ TEST_F(WorkingFileEntryTest, TenSequentialMegabytesBecomeThreePayloadsWhileWriti
   ASSERT_EQ(writes.size(), 3u);
   for (auto const& w : writes) EXPECT_DOUBLE_EQ(w.weight, 3.0 * kMiB / 1000000.0 + 0.25);
   EXPECT_TRUE(entry->hasPendingBackgroundIO());
-  EXPECT_EQ(entry->getProviderFileSize(), 10u * kMiB);
+  EXPECT_EQ(entry->getFileSize(), 10u * kMiB);
 
   entry->flushContentCache();
   auto const records = executor->records();
@@ -277,7 +277,7 @@ TEST_F(WorkingFileEntryTest, WriteBeyondTheEndFillsTheGapWithZeros) {
   entry->write(0, "abc", 3);
   entry->write(10, "xyz", 3);
   std::string const expected = std::string("abc") + std::string(7, '\0') + "xyz";
-  EXPECT_EQ(entry->getProviderFileSize(), 13u);
+  EXPECT_EQ(entry->getFileSize(), 13u);
   EXPECT_EQ(readFile(entry->getCheckoutPath()), expected);
   EXPECT_EQ(readAt(*entry, 0, 13), expected);
   EXPECT_EQ(store->calls(Operation::Read), 0u);
@@ -303,7 +303,7 @@ TEST_F(WorkingFileEntryTest, TruncatingOpenEmptiesCacheSizeAndStore) {
   fsp::ByteStreamOpenOptions truncate;
   truncate.truncate = true;
   entry->openReadWrite(truncate);
-  EXPECT_EQ(entry->getProviderFileSize(), 0u);
+  EXPECT_EQ(entry->getFileSize(), 0u);
   EXPECT_FALSE(std::filesystem::exists(entry->getCheckoutPath()));
   EXPECT_EQ(quota->removeFileCalls(), removals + 1);
   EXPECT_TRUE(entry->getAbortTime().has_value());
@@ -343,7 +343,7 @@ TEST_F(WorkingFileEntryTest, AFailedPayloadAbortsTheEntryForGood) {
   // stream's share.
   auto const cached = readFile(entry->getCheckoutPath());
   EXPECT_EQ(entry->write(5, "second", 6), 6);
-  EXPECT_EQ(entry->getProviderFileSize(), 5u);
+  EXPECT_EQ(entry->getFileSize(), 5u);
   EXPECT_EQ(readFile(entry->getCheckoutPath()), cached);
   auto const queuedBefore = executor->records().size();
   entry->flushContentCache();
@@ -361,11 +361,11 @@ TEST_F(WorkingFileEntryTest, QuotaAndCacheSpaceRefusals) {
 
   quota->setSpace(10);
   EXPECT_EQ(codeOf([&] { entry->write(0, data.data(), 100); }), fsp::ErrorCode::QuotaExceeded);
-  EXPECT_EQ(entry->getProviderFileSize(), 0u);
+  EXPECT_EQ(entry->getFileSize(), 0u);
   EXPECT_EQ(entry->write(0, data.data(), 9), 9);  // 9 < 0 + 10
   EXPECT_EQ(codeOf([&] { entry->append(data.data(), 10); }), fsp::ErrorCode::QuotaExceeded);  // 10 <= 10
   EXPECT_EQ(entry->append(data.data() + 9, 9), 0);
-  EXPECT_EQ(entry->getProviderFileSize(), 18u);
+  EXPECT_EQ(entry->getFileSize(), 18u);
   quota->setSpace(std::nullopt);
 
   // The store's cache reports 30 bytes: a write ending at 31 is refused with code 5 after
@@ -375,7 +375,7 @@ TEST_F(WorkingFileEntryTest, QuotaAndCacheSpaceRefusals) {
   EXPECT_TRUE(executor->recordsOf(ObservableTransactionType::FILE_WRITE).empty());
   EXPECT_EQ(codeOf([&] { entry->write(18, data.data(), 13); }), fsp::ErrorCode::NoCacheSpace);
   EXPECT_EQ(executor->recordsOf(ObservableTransactionType::FILE_WRITE).size(), 1u);
-  EXPECT_EQ(entry->getProviderFileSize(), 18u);
+  EXPECT_EQ(entry->getFileSize(), 18u);
   EXPECT_EQ(entry->write(18, data.data() + 18, 12), 12);
   EXPECT_EQ(codeOf([&] { entry->append(data.data(), 0); }), fsp::ErrorCode::NoCacheSpace);  // 30 >= 30
   store->setCacheSpaceAvailable(std::nullopt);
@@ -623,7 +623,7 @@ TEST_F(WorkingFileEntryTest, RandomOperationsMatchAModelOfTheFile) {
         --openStreams;
         break;
     }
-    ASSERT_EQ(entry->getProviderFileSize(), model.size()) << "step " << step;
+    ASSERT_EQ(entry->getFileSize(), model.size()) << "step " << step;
   }
   while (openStreams-- > 0) entry->flushContentCache();
   executor->waitForPendingToFinish();

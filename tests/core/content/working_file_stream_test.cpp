@@ -94,7 +94,7 @@ TEST_F(WorkingFileStreamTest, PositionFollowsReadsWritesAndSeeks) {
   EXPECT_EQ(stream.getPosition(), 17);
   EXPECT_EQ(stream.seek(200, std::ios_base::beg), 200);
   EXPECT_EQ(stream.write("!", 1), 1);  // past the end: the gap becomes zeros
-  EXPECT_EQ(entry->getProviderFileSize(), 201u);
+  EXPECT_EQ(entry->getFileSize(), 201u);
 
   stream.close();
   std::string expected = content;
@@ -117,7 +117,7 @@ TEST_F(WorkingFileStreamTest, AppendModeWritesAtTheEndWhateverThePosition) {
   EXPECT_EQ(stream.seek(0, std::ios_base::beg), 0);
   EXPECT_EQ(stream.write("abc", 3), 3);
   EXPECT_EQ(stream.getPosition(), 13);
-  EXPECT_EQ(entry->getProviderFileSize(), 13u);
+  EXPECT_EQ(entry->getFileSize(), 13u);
   char buffer[13] = {};
   EXPECT_EQ(stream.seek(0, std::ios_base::beg), 0);
   EXPECT_EQ(stream.read(buffer, 13), 13);
@@ -141,7 +141,7 @@ TEST_F(WorkingFileStreamTest, ReadOnlyStreamsShareTheEntryAndRefuseWrites) {
 
   auto caught = expectFailure<fsp::ByteStreamWriteFailure>([&] { first->write("x", 1); });
   EXPECT_EQ(caught.code, fsp::ErrorCode::NotWritable);
-  EXPECT_EQ(entry->getProviderFileSize(), 7u);
+  EXPECT_EQ(entry->getFileSize(), 7u);
 
   first->close();
   first->close();  // harmless, releases nothing more

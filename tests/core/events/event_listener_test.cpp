@@ -105,7 +105,7 @@ TEST_F(EventListenerTest, EachEventQueuesItsInvalidation) {
                                                       "tree " + text(u"/f")}));
   // The removal of /d/gone.txt already worked off /d; the last two are still queued.
   EXPECT_EQ(metadata.pendingInvalidations(),
-            (std::vector<StorageIRI>{MetadataCache::keyFor(iri(u"/e")), MetadataCache::keyFor(iri(u"/f"))}));
+            (std::vector<StorageIRI>{MetadataCache::getInnerMostURL(iri(u"/e")), MetadataCache::getInnerMostURL(iri(u"/f"))}));
 }
 
 TEST_F(EventListenerTest, PausedEventsAreReplayedOncePerIRIInIRIOrder) {

@@ -201,11 +201,11 @@ TEST(LocationIndexTest, KeyForAgreesWithTheMappingAndKeepsPlainKeysAsTheyAre) {
         u"throttle:<mem:///r>/a/../b", u"throttle:<mem:///r>/a/", u"sync+t:<mem:///r>/a", u"t:<throttle:<mem:///r>/>/a",
         u"t:<throttle:<mem:///>/r>/a", u"throttle:<mem:///r>/", u"overlay:<throttle:<mem:///r>/>/a"}) {
     StorageIRI const iri(text);
-    EXPECT_EQ(MetadataCache::keyFor(iri), getInnerMostURL(iri)) << iri;
+    EXPECT_EQ(MetadataCache::getInnerMostURL(iri), getInnerMostURL(iri)) << iri;
   }
   // Joined names may hold what the parser would read as a query or a fragment.
   StorageIRI const joined(StorageIRI(u"mem:///d"), u"what?#");
-  EXPECT_EQ(MetadataCache::keyFor(joined), getInnerMostURL(joined));
+  EXPECT_EQ(MetadataCache::getInnerMostURL(joined), getInnerMostURL(joined));
 }
 
 }  // namespace

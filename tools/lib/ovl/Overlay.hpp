@@ -86,8 +86,11 @@ class OverlayHost {
   // The queue figures of the first overlay made, if any (the demo has one).
   std::optional<fsp::extensions::QueueFigures> queueFigures() const;
 
-  // The inner IRI an overlay IRI stands for; other IRIs are returned as they are.
-  static fsp::StorageIRI innerIRI(fsp::StorageIRI const& iri);
+  // For an overlay IRI, the IRI it wraps joined with its path: one level of the
+  // overlay's own scheme is unwrapped, and the rest (inner schemes, hosts) stays, so that
+  // the result names the store as the user wrote it. Not getInnerMostURL, which goes
+  // down to the store's own IRI and drops hosts. Other IRIs are returned as they are.
+  static fsp::StorageIRI unwrapOverlayIRI(fsp::StorageIRI const& iri);
 
  private:
   fsp::ProviderRegistry& registry_;
