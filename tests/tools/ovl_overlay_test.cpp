@@ -325,8 +325,12 @@ TEST_F(OvlOverlay, ASignalEndsTheRunCleanlyAndTheNextRunSweepsWhatAKilledOneLeft
   auto const tmp = dir_ / "tmp";
   fs::create_directories(tmp);
   // The copy reads 1 MiB chunks over a link of 1 MB/s; the signal goes as soon as the
-  // run's cache folder exists, long before the last chunk.
-  std::string const script = "TMPDIR=" + tmp.string() + " " + OVL_PROGRAM + " --overlay-root " + store() +
+  // run's cache folder exists, long before the last chunk. In the AddressSanitizer build
+  // the signalled run goes without the leak check at exit: that check stops every thread
+  // and has crashed in its own tracer while the run's threads were ending (status 134
+  // instead of 143); the runs of the other tests keep it.
+  std::string const script = "TMPDIR=" + tmp.string() + " ASAN_OPTIONS=\"$ASAN_OPTIONS:detect_leaks=0\" " +
+                             OVL_PROGRAM + " --overlay-root " + store() +
                              " --throttle-mbps 1 cp " + inStore("big.bin") + " " + inStore("copy.bin") +
                              " 2> " + (dir_ / "err").string() + " & pid=$!; while [ -z \"$(ls " + tmp.string() +
                              ")\" ]; do sleep 0.01; done; kill -TERM $pid; wait $pid; echo $? > " +
