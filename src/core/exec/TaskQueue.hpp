@@ -1,4 +1,5 @@
-// TaskQueue: the weighted FIFO queue behind BackendExecutor, with its statistics.
+// TaskQueue: the weighted FIFO queue behind BackendExecutor, with its statistics (kept
+// by QueueAccounting, shared with the queue of several lanes).
 //
 // Producers (any thread) push records; one consumer (the executor's worker) pops them in
 // the order the pushes completed. Each record carries a weight; while the maximum
@@ -30,6 +31,8 @@
 #pragma once
 
 #include <core/exec/ObservableTransactionType.hpp>
+#include <core/exec/QueueAccounting.hpp>
+#include <core/exec/QueueRecord.hpp>
 #include <core/util/Mutex.hpp>
 #include <core/util/SteadyClock.hpp>
 
@@ -49,32 +52,12 @@
 
 namespace storage::overlayprovider {
 
-// One queued task.
-struct QueueRecord {
-  std::function<void()> task;
-  // True for the executor's own wake-up markers (pushed by shutdown and
-  // waitForPendingToFinish): their task is never run, and popping them changes neither
-  // the weight nor any statistic.
-  bool wakeupMarker = false;
-  double weight = 0.0;
-  ObservableTransactionType type = ObservableTransactionType::WAKEUP_FLUSH;
-  std::chrono::steady_clock::time_point enqueueTime{};
-
-  // A marker record: no task, weight 0, type WAKEUP_FLUSH, enqueued at `now`.
-  static QueueRecord marker(std::chrono::steady_clock::time_point now) {
-    QueueRecord record;
-    record.wakeupMarker = true;
-    record.enqueueTime = now;
-    return record;
-  }
-};
-
 class TaskQueue {
  public:
   // Told the number of producers held by the weight bound each time a producer starts
   // or stops waiting on it. Runs with the queue mutex held: it must not call back into
   // the queue or its executor, and must not throw.
-  using BackPressureObserver = std::function<void(std::size_t blockedProducers)>;
+  using BackPressureObserver = QueueAccounting::BackPressureObserver;
 
   // `maxWeight` <= 0 switches weight limiting off. `clock` must not be empty.
   TaskQueue(double maxWeight, bool captureMetrics, SteadyClockSource clock);
@@ -139,27 +122,11 @@ class TaskQueue {
   void pushImpl(QueueRecord record, bool honourWeightBound) EXCLUDES(mutex_);
   // Whether a producer waits on the weight bound now.
   bool overWeightBound() const REQUIRES(mutex_);
-  void notifyObserver() REQUIRES(mutex_);
-  void countPush(ObservableTransactionType type) REQUIRES(mutex_);
-  void countPop(ObservableTransactionType type) REQUIRES(mutex_);
-  void updateQueueTime(QueueRecord const& record) REQUIRES(mutex_);
-  void report() REQUIRES(mutex_);
 
   // Written without mutex_ (see setMaxWeight); read under it.
   std::atomic<double> maxWeight_;
-  double currentWeight_ GUARDED_BY(mutex_) = 0.0;         // may go negative, see BackendExecutor
-  std::int64_t busyQueueTimeMs_ GUARDED_BY(mutex_) = 0;   // total queue time of the current busy period
-  std::int64_t maxQueueTimeMs_ GUARDED_BY(mutex_) = 0;    // never reset
-  std::int64_t totalQueueTimeMs_ GUARDED_BY(mutex_) = 0;  // never reset
-  std::uint64_t poppedTasks_ GUARDED_BY(mutex_) = 0;      // never reset
-  std::uint64_t drains_ GUARDED_BY(mutex_) = 0;           // busy periods ended, never reset
-  std::int64_t longestBusyMs_ GUARDED_BY(mutex_) = 0;     // never reset
-  std::uint64_t busyRecordCount_ GUARDED_BY(mutex_) = 0;  // records pushed in the busy period, markers too
-  std::chrono::steady_clock::time_point busyStart_ GUARDED_BY(mutex_);
-  std::chrono::steady_clock::time_point lastReport_ GUARDED_BY(mutex_);
   bool const captureMetrics_;
-  // Transaction type (as its integer) -> (now counter, total-over-time counter).
-  std::map<int, std::pair<std::uint64_t, std::uint64_t>> counters_ GUARDED_BY(mutex_);
+  QueueAccounting accounting_ GUARDED_BY(mutex_);
   Records records_ GUARDED_BY(mutex_);
 
   mutable Mutex mutex_;
@@ -167,10 +134,6 @@ class TaskQueue {
   std::condition_variable dequeued_;        // signalled after each pop and when the consumer goes
   std::condition_variable weightReleased_;  // likewise; waited on by producers over the bound
   bool consumerClosed_ GUARDED_BY(mutex_) = false;
-  std::size_t blockedProducers_ GUARDED_BY(mutex_) = 0;
-  BackPressureObserver observer_ GUARDED_BY(mutex_);
-
-  SteadyClockSource const clock_;
 };
 
 }  // namespace storage::overlayprovider

@@ -1,0 +1,31 @@
+// QueueRecord: one task waiting in an executor's queue, with what the queue's weight
+// bound and statistics need to know about it.
+#pragma once
+
+#include <core/exec/ObservableTransactionType.hpp>
+
+#include <chrono>
+#include <functional>
+
+namespace storage::overlayprovider {
+
+struct QueueRecord {
+  std::function<void()> task;
+  // True for the executor's own wake-up markers (pushed by shutdown and
+  // waitForPendingToFinish): their task is never run, and popping them changes neither
+  // the weight nor any statistic.
+  bool wakeupMarker = false;
+  double weight = 0.0;
+  ObservableTransactionType type = ObservableTransactionType::WAKEUP_FLUSH;
+  std::chrono::steady_clock::time_point enqueueTime{};
+
+  // A marker record: no task, weight 0, type WAKEUP_FLUSH, enqueued at `now`.
+  static QueueRecord marker(std::chrono::steady_clock::time_point now) {
+    QueueRecord record;
+    record.wakeupMarker = true;
+    record.enqueueTime = now;
+    return record;
+  }
+};
+
+}  // namespace storage::overlayprovider
