@@ -1,0 +1,136 @@
+#include <core/exec/ParallelExecutor.hpp>
+
+#include <core/util/Logger.hpp>
+
+#include <charconv>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+#include <system_error>
+
+namespace storage::overlayprovider {
+
+namespace {
+
+// Shortest decimal text that reads back as `value` ("10", "0.5", "104857600").
+std::string decimal(double value) {
+  char buffer[400];  // enough for any double in fixed notation
+  auto const result = std::to_chars(buffer, buffer + sizeof buffer, value, std::chars_format::fixed);
+  if (result.ec != std::errc()) return std::to_string(value);
+  return std::string(buffer, result.ptr);
+}
+
+std::size_t atLeastOne(std::size_t lanes) {
+  if (lanes == 0) throw std::invalid_argument("ParallelExecutor needs at least one lane");
+  return lanes;
+}
+
+}  // namespace
+
+ParallelExecutor::ParallelExecutor(std::size_t lanes, std::function<void()> idleCallback, double maxQueueWeight,
+                                   SteadyClockSource clock, bool captureMetrics)
+    : lanes_(atLeastOne(lanes)),
+      clock_(std::move(clock)),
+      idleCallback_(std::move(idleCallback)),
+      lastActivityTime_(clock_()),
+      queue_(maxQueueWeight, captureMetrics, clock_) {
+  // Every lane counts from the start, so that nobody takes the lanes for gone while
+  // some have not begun yet.
+  for (std::size_t i = 0; i < lanes_; ++i) queue_.laneJoined();
+  {
+    LockGuard lock(threadMutex_);
+    workers_.reserve(lanes_);
+    try {
+      for (std::size_t i = 0; i < lanes_; ++i) workers_.emplace_back([this] { runLane(); });
+    } catch (std::system_error const& e) {
+      for (std::size_t i = workers_.size(); i < lanes_; ++i) queue_.laneLeft();
+      notAccepting_.store(true);
+      stopped_.store(true);
+      queue_.stopLanes();
+      for (auto& worker : workers_) worker.join();
+      throw std::system_error(e.code(), "thread constructor failed");
+    }
+  }
+  getLogger().log(foundation::log::Info, "ParallelExecutor initialized with " + std::to_string(lanes_) +
+                                             " lanes and a max queue weight of " + decimal(maxQueueWeight));
+}
+
+void ParallelExecutor::execute(Task task, ObservableTransactionType type, double weight) {
+  executeTouching(std::move(task), type, weight, Touches());
+}
+
+void ParallelExecutor::executeTouching(Task task, ObservableTransactionType type, double weight,
+                                       Touches const& touches) {
+  if (notAccepting_.load()) {
+    auto& logger = getLogger();
+    logger.log(foundation::log::Error, "Attempted to execute task when no longer accepting.");
+    if (logger.isEnabled(foundation::log::Debug)) {
+      std::ostringstream message;
+      message << "ObservableTransactionType: " << type;
+      logger.log(foundation::log::Debug, message.str());
+    }
+    return;
+  }
+  if (queue_.queued() == 0 && busyLanes_.load() == 0) idleCallback_();
+  QueueRecord record;
+  record.task = std::move(task);
+  record.weight = weight;
+  record.type = type;
+  record.enqueueTime = clock_();
+  queue_.push(std::move(record), touches);
+}
+
+void ParallelExecutor::shutdown(bool cancelOutstanding) {
+  notAccepting_.store(true);
+  if (cancelOutstanding) {
+    getLogger().log(foundation::log::Debug, "Cancelling outstanding");
+    queue_.clear();
+  }
+  queue_.waitUntilDrained();
+  stopped_.store(true);
+  queue_.stopLanes();
+}
+
+void ParallelExecutor::join() {
+  LockGuard lock(threadMutex_);
+  for (auto& worker : workers_) {
+    if (worker.joinable()) worker.join();
+  }
+}
+
+void ParallelExecutor::setMaxQueueWeight(double weight) {
+  getLogger().log(foundation::log::Info, "Updating ParallelExecutor max queue weight to " + decimal(weight));
+  queue_.setMaxWeight(weight);
+}
+
+void ParallelExecutor::runLane() {
+  // However the loop ends, nobody may go on waiting for this lane.
+  struct LeaveQueue {
+    DependencyQueue& queue;
+    ~LeaveQueue() { queue.laneLeft(); }
+  } const leave{queue_};
+
+  if (stopped_.load()) return;
+  for (;;) {
+    busyLanes_.fetch_add(1);
+    auto taken = queue_.take();
+    if (!taken) {
+      busyLanes_.fetch_sub(1);
+      return;
+    }
+    try {
+      taken->record.task();
+      lastActivityTime_.store(clock_());
+    } catch (...) {
+      // A task reports its own failures; one that throws is abandoned silently.
+    }
+    busyLanes_.fetch_sub(1);
+    // What the task holds is released before the transactions waiting for it start.
+    std::uint64_t const id = taken->id;
+    taken.reset();
+    queue_.finish(id);
+    if (stopped_.load()) return;
+  }
+}
+
+}  // namespace storage::overlayprovider
