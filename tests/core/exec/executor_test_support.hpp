@@ -193,7 +193,9 @@ class Gate {
 // test wait for a given number.
 class BackPressureWatch {
  public:
-  explicit BackPressureWatch(storage::overlayprovider::BackendExecutor& executor) {
+  // `Executor`: BackendExecutor or ParallelExecutor.
+  template <class Executor>
+  explicit BackPressureWatch(Executor& executor) {
     executor.setBackPressureObserver([this](std::size_t blocked) {
       std::lock_guard<std::mutex> lock(mutex_);
       blocked_ = blocked;
@@ -246,7 +248,7 @@ void waitUntil(Condition condition) {
 // that a failed assertion cannot leave the worker held.
 class ExecutorStopper {
  public:
-  ExecutorStopper(storage::overlayprovider::BackendExecutor& executor, std::vector<Gate*> gates = {})
+  ExecutorStopper(storage::overlayprovider::IExecutor& executor, std::vector<Gate*> gates = {})
       : executor_(executor), gates_(std::move(gates)) {}
   ~ExecutorStopper() {
     for (auto* gate : gates_) gate->open();
@@ -255,7 +257,7 @@ class ExecutorStopper {
   }
 
  private:
-  storage::overlayprovider::BackendExecutor& executor_;
+  storage::overlayprovider::IExecutor& executor_;
   std::vector<Gate*> gates_;
 };
 
