@@ -2,8 +2,9 @@
 // the caller's thread.
 //
 // The provider owns one executor and shares it with the working file entries, the
-// metadata cache, the quota accountant and the event listener. Two implementations
-// exist: BackendExecutor (a weighted FIFO queue with one worker thread: write-behind)
+// metadata cache, the quota accountant and the event listener. Implementations:
+// BackendExecutor (a weighted FIFO queue with one worker thread: write-behind),
+// ParallelExecutor (the same with several lanes, in the order of related transactions)
 // and SynchronousExecutor (runs each task inline on the caller's thread).
 //
 // Calling order required by owners: execute() any number of times, then shutdown(),
@@ -11,11 +12,13 @@
 #pragma once
 
 #include <core/exec/ObservableTransactionType.hpp>
+#include <core/exec/Touches.hpp>
 
 #include <foundation/storage/provider/extensions/IWriteBehindStatus.hpp>
 
 #include <chrono>
 #include <functional>
+#include <utility>
 
 namespace storage::overlayprovider {
 
@@ -30,6 +33,14 @@ class IExecutor {
   // counts against the executor's maximum queue weight. Returns nothing: a task refused
   // because the executor is shutting down is dropped (and logged), not reported.
   virtual void execute(Task task, ObservableTransactionType type, double weight) = 0;
+
+  // The same, for a task that touches `touches` in the inner store: an executor that runs
+  // several tasks at once (ParallelExecutor) keeps the order of related ones only. An
+  // executor that runs one task at a time ignores `touches`.
+  virtual void executeTouching(Task task, ObservableTransactionType type, double weight, Touches const& touches) {
+    (void)touches;
+    execute(std::move(task), type, weight);
+  }
 
   // Stops accepting tasks. With `cancelOutstanding`, tasks still queued are discarded
   // unrun; without it they still run.

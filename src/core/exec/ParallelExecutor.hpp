@@ -66,7 +66,7 @@ class ParallelExecutor final : public IExecutor {
 
   // Queues `task`, which touches `touches`. Once shutdown() has begun, logs as
   // BackendExecutor does and drops the task unrun, without calling the idle callback.
-  void executeTouching(Task task, ObservableTransactionType type, double weight, Touches const& touches);
+  void executeTouching(Task task, ObservableTransactionType type, double weight, Touches const& touches) override;
 
   void shutdown(bool cancelOutstanding) override;
   // Waits for every lane to end; does nothing the second time. Never from a lane.

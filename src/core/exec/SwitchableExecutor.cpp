@@ -42,10 +42,15 @@ bool isChange(ObservableTransactionType type) {
 }  // namespace
 
 void SwitchableExecutor::execute(Task task, ObservableTransactionType type, double weight) {
+  executeTouching(std::move(task), type, weight, Touches());
+}
+
+void SwitchableExecutor::executeTouching(Task task, ObservableTransactionType type, double weight,
+                                         Touches const& touches) {
   if (isChange(type)) {
     task = [inFlight = std::make_shared<InFlight>(inFlight_), task = std::move(task)] { task(); };
   }
-  if (auto executor = current()) executor->execute(std::move(task), type, weight);
+  if (auto executor = current()) executor->executeTouching(std::move(task), type, weight, touches);
 }
 
 void SwitchableExecutor::shutdown(bool cancelOutstanding) {

@@ -32,6 +32,8 @@ class SwitchableExecutor final : public IExecutor {
   std::shared_ptr<IExecutor> current() const;
 
   void execute(Task task, ObservableTransactionType type, double weight) override;
+  // Passes `touches` on with the task (execute passes none).
+  void executeTouching(Task task, ObservableTransactionType type, double weight, Touches const& touches) override;
   void shutdown(bool cancelOutstanding) override;
   void join() override;
   bool isShutdown() const override;
