@@ -5,6 +5,7 @@
 #include "exec/executor_test_support.hpp"
 
 #include <core/exec/ParallelExecutor.hpp>
+#include <core/exec/SwitchableExecutor.hpp>
 #include <core/exec/Touches.hpp>
 
 #include <gtest/gtest.h>
@@ -20,7 +21,9 @@
 namespace {
 
 using namespace overlay_test;
+using storage::overlayprovider::IExecutor;
 using storage::overlayprovider::ParallelExecutor;
+using storage::overlayprovider::SwitchableExecutor;
 using storage::overlayprovider::Touches;
 using T = storage::overlayprovider::ObservableTransactionType;
 using foundation::log::MemorySink;
@@ -50,20 +53,24 @@ Touches at(char16_t const* iri) { return Touches::location(iri); }
 // next and a probe on an unrelated store after it. The free lane takes the candidate
 // first if it may start, else the probe. Returns the order the three finished in:
 // "candidate probe held" when the candidate overtook, "probe held candidate" when it
-// waited for the held one.
-std::string orderWithOneLaneHeld(Touches const& held, Touches const& candidate) {
-  ParallelExecutor executor(2, [] {}, 0);
+// waited for the held one. `throughHandle`: queued through a SwitchableExecutor.
+std::string orderWithOneLaneHeld(Touches const& held, Touches const& candidate, bool throughHandle = false) {
+  auto executor = std::make_shared<ParallelExecutor>(2, [] {}, 0);
+  SwitchableExecutor handle;
+  handle.set(executor);
+  IExecutor& queue = throughHandle ? static_cast<IExecutor&>(handle) : *executor;
   Gate gate;
   Signal probeRan;
-  ExecutorStopper stop(executor, {&gate});
   Journal journal;
-  executor.executeTouching([&] { gate.pass(); journal.add("held"); }, T::FILE_WRITE, 0, held);
+  ExecutorStopper stop(*executor, {&gate});
+  queue.executeTouching([&] { gate.pass(); journal.add("held"); }, T::FILE_WRITE, 0, held);
   gate.waitArrived();
-  executor.executeTouching([&] { journal.add("candidate"); }, T::FILE_WRITE, 0, candidate);
-  executor.executeTouching([&] { journal.add("probe"); probeRan.set(); }, T::FILE_WRITE, 0, at(u"mem://other/probe"));
+  queue.executeTouching([&] { journal.add("candidate"); }, T::FILE_WRITE, 0, candidate);
+  queue.executeTouching([&] { journal.add("probe"); probeRan.set(); }, T::FILE_WRITE, 0, at(u"mem://other/probe"));
   probeRan.wait();
   gate.open();
-  executor.waitForPendingToFinish();
+  queue.waitForPendingToFinish();
+  EXPECT_EQ(0, handle.changesInFlight());
   return journal.text();
 }
 
@@ -82,6 +89,9 @@ TEST(ParallelExecutorConcurrencyTest, RelatedTransactionsWaitWhileUnrelatedOnesO
   EXPECT_EQ(overtakes, orderWithOneLaneHeld(at(u"mem://s/a/bc"), at(u"mem://s/a/b")));
   EXPECT_EQ(overtakes, orderWithOneLaneHeld(at(u"mem://s/a/x"), at(u"mem://s/a/y")));
   EXPECT_EQ(overtakes, orderWithOneLaneHeld(at(u"mem://s/a"), at(u"mem://t/a")));
+  // The provider's executor handle passes what a task touches on.
+  EXPECT_EQ(waits, orderWithOneLaneHeld(at(u"mem://s/a"), at(u"mem://s/a"), true));
+  EXPECT_EQ(overtakes, orderWithOneLaneHeld(at(u"mem://s/a"), at(u"mem://s/b"), true));
 }
 
 TEST(ParallelExecutorConcurrencyTest, AWaitingTransactionHoldsBackLaterRelatedOnesOnly) {
@@ -89,8 +99,8 @@ TEST(ParallelExecutorConcurrencyTest, AWaitingTransactionHoldsBackLaterRelatedOn
   // nothing running touches /d/x/y's own location; /e goes ahead.
   ParallelExecutor executor(3, [] {}, 0);
   Gate gate;
-  ExecutorStopper stop(executor, {&gate});
   Journal journal;
+  ExecutorStopper stop(executor, {&gate});
   executor.executeTouching([&] { gate.pass(); journal.add("d"); }, T::FOLDER_CREATION, 0, at(u"mem://s/d"));
   gate.waitArrived();
   executor.executeTouching([&] { journal.add("d/x"); }, T::FOLDER_CREATION, 0, at(u"mem://s/d/x"));
@@ -107,8 +117,8 @@ TEST(ParallelExecutorConcurrencyTest, AWaitingTransactionHoldsBackLaterRelatedOn
 TEST(ParallelExecutorConcurrencyTest, ATransactionThatTouchesNothingIsABarrierBothWays) {
   ParallelExecutor executor(3, [] {}, 0);
   Gate first, second;
-  ExecutorStopper stop(executor, {&first, &second});
   Journal journal;
+  ExecutorStopper stop(executor, {&first, &second});
   executor.executeTouching([&] { first.pass(); journal.add("a"); }, T::FILE_WRITE, 0, at(u"mem://s/a"));
   executor.executeTouching([&] { second.pass(); journal.add("b"); }, T::FILE_WRITE, 0, at(u"mem://s/b"));
   first.waitArrived();
@@ -132,20 +142,18 @@ TEST(ParallelExecutorConcurrencyTest, ATransactionThatTouchesNothingIsABarrierBo
 TEST(ParallelExecutorConcurrencyTest, WaitForPendingToFinishWaitsForEveryLaneButNotForLaterWork) {
   ParallelExecutor executor(3, [] {}, 0);
   Gate a, b, later;
-  ExecutorStopper stop(executor, {&a, &b, &later});
   Journal journal;
+  ExecutorStopper stop(executor, {&a, &b, &later});
   executor.executeTouching([&] { a.pass(); journal.add("a"); }, T::FILE_WRITE, 0, at(u"mem://s/a"));
   executor.executeTouching([&] { b.pass(); journal.add("b"); }, T::FILE_WRITE, 0, at(u"mem://s/b"));
   executor.executeTouching([&] { journal.add("a2"); }, T::FILE_CLOSE, 0, at(u"mem://s/a"));
   a.waitArrived();
   b.waitArrived();
 
-  std::atomic<bool> returned{false};
   std::string seenOnReturn;
   std::thread waiter([&] {
     executor.waitForPendingToFinish();
     seenOnReturn = journal.text();
-    returned.store(true);
   });
   // The waiter has taken its place in the queue once its marker is counted.
   waitUntil([&] { return executor.queueFigures().transactions.count("wakeupFlush") == 1; });
@@ -155,7 +163,6 @@ TEST(ParallelExecutorConcurrencyTest, WaitForPendingToFinishWaitsForEveryLaneBut
   b.open();
   a.open();
   waiter.join();  // returns although `later` is still held
-  EXPECT_TRUE(returned.load());
   // a2 follows a; b finished anywhere among them.
   EXPECT_TRUE(seenOnReturn == "a a2 b" || seenOnReturn == "a b a2" || seenOnReturn == "b a a2") << seenOnReturn;
   EXPECT_EQ(1u, executor.getUnfinishedCount());
