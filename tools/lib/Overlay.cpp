@@ -3,6 +3,7 @@
 #include <ovl/Command.hpp>
 
 #include <algorithm>
+#include <cmath>
 #include <cstdlib>
 #include <exception>
 
@@ -11,6 +12,20 @@
 #endif
 
 namespace ovl {
+
+boost::property_tree::ptree withTransfers(boost::property_tree::ptree config, Arguments const& args, long& used) {
+  if (args.values.count("--transfers")) {
+    double const flag = args.number("--transfers", kDefaultToolTransfers, 1, 256);
+    if (flag != std::floor(flag)) throw UsageError("--transfers: '" + args.values.at("--transfers") + "' is not a whole number");
+    used = static_cast<long>(flag);
+  } else if (auto const given = config.get_optional<long>("overlay.transfers")) {
+    used = *given;
+  } else {
+    used = kDefaultToolTransfers;
+  }
+  config.put("overlay.transfers", used);
+  return config;
+}
 
 using fsp::StorageIRI;
 using fsp::StorageItem;

@@ -99,32 +99,47 @@ class ThrottleProvider::Link {
   Clock::time_point freeAt_{};  // when the last booking on the link ends
 };
 
+struct ThrottleProvider::Counters {
+  std::atomic<std::uint64_t> requests{0};
+  std::atomic<std::uint64_t> streamCalls{0};
+};
+
 namespace {
 
 // A stream whose reads and writes pay their transfer time on the provider's links.
-template <class Link>
+template <class Link, class Counters>
 class PacedStream : public fsp::ByteStream {
  public:
-  PacedStream(fsp::ByteStreamPtr inner, std::shared_ptr<Link> download, std::shared_ptr<Link> upload)
-      : inner_(std::move(inner)), download_(std::move(download)), upload_(std::move(upload)) {}
+  PacedStream(fsp::ByteStreamPtr inner, std::shared_ptr<Link> download, std::shared_ptr<Link> upload,
+              std::shared_ptr<Counters> counters)
+      : inner_(std::move(inner)),
+        download_(std::move(download)),
+        upload_(std::move(upload)),
+        counters_(std::move(counters)) {}
 
   long read(char* buffer, long count) override {
+    counters_->streamCalls.fetch_add(1, std::memory_order_relaxed);
     long const n = inner_->read(buffer, count);
     download_->transfer(n);
     return n;
   }
   long write(char const* buffer, long count) override {
+    counters_->streamCalls.fetch_add(1, std::memory_order_relaxed);
     long const n = inner_->write(buffer, count);
     upload_->transfer(n);
     return n;
   }
   long seek(long offset, std::ios_base::seekdir whence) override { return inner_->seek(offset, whence); }
-  void close() override { inner_->close(); }
+  void close() override {
+    counters_->streamCalls.fetch_add(1, std::memory_order_relaxed);
+    inner_->close();
+  }
 
  private:
   fsp::ByteStreamPtr const inner_;
   std::shared_ptr<Link> const download_;
   std::shared_ptr<Link> const upload_;
+  std::shared_ptr<Counters> const counters_;
 };
 
 }  // namespace
@@ -139,7 +154,8 @@ ThrottleProvider::ThrottleProvider(fsp::StorageItem inner, Options options)
       }()),
       options_(validated(options)),
       download_(std::make_shared<Link>(options_)),
-      upload_(std::make_shared<Link>(options_)) {
+      upload_(std::make_shared<Link>(options_)),
+      counters_(std::make_shared<Counters>()) {
   if (!inner_.hasProvider()) {
     throw std::invalid_argument("throttle: the inner item " + inner_.getLocation().toUtf8() + " has no provider");
   }
@@ -157,7 +173,12 @@ std::optional<StorageIRI> ThrottleProvider::mapOut(StorageIRI const& inner) cons
 
 StorageIRI ThrottleProvider::toOuter(StorageIRI const& inner) const { return mapOut(inner).value_or(inner); }
 
+ThrottleProvider::CallCounts ThrottleProvider::callCounts() const {
+  return {counters_->requests.load(std::memory_order_relaxed), counters_->streamCalls.load(std::memory_order_relaxed)};
+}
+
 void ThrottleProvider::waitLatency() const {
+  counters_->requests.fetch_add(1, std::memory_order_relaxed);
   if (options_.latency.count() > 0) options_.sleepUntil(options_.now() + options_.latency);
 }
 
@@ -190,7 +211,7 @@ decltype(auto) ThrottleProvider::remote(std::initializer_list<StorageIRI const*>
 }
 
 fsp::ByteStreamPtr ThrottleProvider::paced(fsp::ByteStreamPtr inner) const {
-  return std::make_unique<PacedStream<Link>>(std::move(inner), download_, upload_);
+  return std::make_unique<PacedStream<Link, Counters>>(std::move(inner), download_, upload_, counters_);
 }
 
 fse::Callback ThrottleProvider::wrapCallback(StorageIRI const& outerSubscribed, fse::Callback const& callback) const {

@@ -7,8 +7,10 @@
 #include <foundation/storage/provider/Exception.hpp>
 
 #include <algorithm>
+#include <atomic>
 #include <cstring>
 #include <future>
+#include <mutex>
 #include <stdexcept>
 #include <utility>
 
@@ -215,6 +217,41 @@ bool WorkingFileEntry::canReturnEarlyWhenAbortIsSet(Clock::time_point since) con
 
 // ---- opening ------------------------------------------------------------------------------
 
+namespace {
+
+// An OpenOperation body: waits for `opened`, giving up when the entry is aborted meanwhile.
+template <class CanReturnEarly>
+WorkingFileEntry::ByteStreamPtr awaitOpened(std::shared_future<WorkingFileEntry::ByteStreamPtr> const& opened,
+                                            EntryTiming const& timing, fsp::StorageIRI const& location,
+                                            CanReturnEarly const& canReturnEarly) {
+  auto const since = timing.now();
+  while (opened.wait_for(timing.abortPollInterval) != std::future_status::ready) {
+    if (canReturnEarly(since))
+      throw fsp::Exception(fsp::ErrorCode::TransientFailure, location,
+                           "the wait for the inner stream to open ended because the file was aborted");
+  }
+  return opened.get();
+}
+
+}  // namespace
+
+void WorkingFileEntry::runOpen(std::shared_ptr<std::promise<ByteStreamPtr>> const& promise,
+                               fsp::StorageIRI const& location, bool forWriting,
+                               fsp::ByteStreamOpenOptions const& options, std::uint64_t generation) {
+  // Up to three attempts, as for every queued change (see runInnerWrite).
+  for (int attempt = 1;; ++attempt) {
+    try {
+      promise->set_value(innerStream_.open(*innerItem_, location, forWriting, options, generation));
+      return;
+    } catch (...) {
+      entrylog::caught();
+      if (attempt < 3 && worthRetrying(std::current_exception())) continue;
+      promise->set_exception(std::current_exception());
+      return;
+    }
+  }
+}
+
 void WorkingFileEntry::enqueueOpenOperation(ObservableTransactionType type, fsp::ByteStreamOpenOptions const& options) {
   bool const forWriting = type != ObservableTransactionType::FILE_OPEN_READONLY;
   fsp::ByteStreamOpenOptions innerOptions = options;
@@ -225,35 +262,52 @@ void WorkingFileEntry::enqueueOpenOperation(ObservableTransactionType type, fsp:
   auto promise = std::make_shared<std::promise<ByteStreamPtr>>();
   std::shared_future<ByteStreamPtr> opened = promise->get_future().share();
   fsp::StorageIRI const location = location_;
-
+  unstartedOpen_.reset();
   openOperation_ = [this, opened, location]() -> ByteStreamPtr {
-    auto const since = timing_.now();
-    while (opened.wait_for(timing_.abortPollInterval) != std::future_status::ready) {
-      if (canReturnEarlyWhenAbortIsSet(since))
-        throw fsp::Exception(fsp::ErrorCode::TransientFailure, location,
-                             "the wait for the inner stream to open ended because the file was aborted");
-    }
-    return opened.get();
+    return awaitOpened(opened, timing_, location, [this](auto since) { return canReturnEarlyWhenAbortIsSet(since); });
   };
-
   // A task the executor drops unrun destroys the promise, which hands waiters a
   // broken-promise error instead of leaving them waiting.
-  executor_->execute(
+  executor_->executeTouching(
       [self = shared_from_this(), promise, location, forWriting, innerOptions, generation]() {
-        // Up to three attempts, as for every queued change (see runInnerWrite).
-        for (int attempt = 1;; ++attempt) {
-          try {
-            promise->set_value(self->innerStream_.open(*self->innerItem_, location, forWriting, innerOptions, generation));
-            return;
-          } catch (...) {
-            entrylog::caught();
-            if (attempt < 3 && worthRetrying(std::current_exception())) continue;
-            promise->set_exception(std::current_exception());
-            return;
-          }
-        }
+        self->runOpen(promise, location, forWriting, innerOptions, generation);
       },
-      type, params_.getMinItemWeight());
+      type, params_.getMinItemWeight(), Touches::location(location.toString()));
+}
+
+void WorkingFileEntry::prepareReadOnlyOpen() {
+  std::uint64_t const generation = ++openGeneration_;
+  auto promise = std::make_shared<std::promise<ByteStreamPtr>>();
+  std::shared_future<ByteStreamPtr> opened = promise->get_future().share();
+  auto unstarted = std::make_shared<std::atomic<bool>>(true);
+  auto once = std::make_shared<std::once_flag>();
+  // Handed on at the start, so that a task the executor drops unrun destroys the promise
+  // (waiters get a broken-promise error, as for a queued open).
+  auto toStart = std::make_shared<std::shared_ptr<std::promise<ByteStreamPtr>>>(std::move(promise));
+  unstartedOpen_ = unstarted;
+  openOperation_ = [this, opened, toStart, generation, unstarted, once, location = location_]() -> ByteStreamPtr {
+    std::call_once(*once, [&] {
+      unstarted->store(false);
+      startReadOnlyOpen(std::exchange(*toStart, nullptr), generation);
+    });
+    return awaitOpened(opened, timing_, location, [this](auto since) { return canReturnEarlyWhenAbortIsSet(since); });
+  };
+}
+
+void WorkingFileEntry::startReadOnlyOpen(std::shared_ptr<std::promise<ByteStreamPtr>> promise,
+                                         std::uint64_t generation) {
+  fsp::StorageIRI location;
+  {
+    LockGuard lock(mutex_);
+    location = location_;  // where the file is now, moves included
+  }
+  Touches const touches = Touches::location(location.toString());
+  auto task = [self = shared_from_this(), promise, location, generation]() {
+    self->runOpen(promise, location, false, {}, generation);
+  };
+  if (executor_->tryRunHere(task, touches)) return;
+  executor_->executeTouching(std::move(task), ObservableTransactionType::FILE_OPEN_READONLY, params_.getMinItemWeight(),
+                             touches);
 }
 
 WorkingFileEntry::OpenOperation WorkingFileEntry::currentOpenOperation() const {
@@ -273,7 +327,7 @@ void WorkingFileEntry::openReadOnly() {
     ++refCount_;
     if (openMode_ == kNotOpened) {
       openMode_ = kOpenedReadOnly;
-      enqueueOpenOperation(ObservableTransactionType::FILE_OPEN_READONLY);
+      prepareReadOnlyOpen();
     }
     if (params_.isSynchronous()) toAwait = openOperation_;
   }
@@ -322,6 +376,7 @@ void WorkingFileEntry::checkAndOpenIfNecessary() {
   {
     LockGuard lock(mutex_);
     if (refCount_ < 1) return;
+    if (unstartedOpen_ && unstartedOpen_->load()) return;
     openOperation = openOperation_;
   }
   try {
@@ -613,13 +668,13 @@ void WorkingFileEntry::enqueueInnerWrite() {
   double const weight = static_cast<double>(bytes->size()) / 1000000.0 + params_.getMinItemWeight();
   incrementPendingCounter();
   auto token = std::make_shared<PendingToken>(shared_from_this());
-  executor_->execute(
+  executor_->executeTouching(
       [token, start, bytes, enqueued = timing_.now(), openOperation = openOperation_, location = location_,
        metadata = metadata_]() {
         token->entry().runInnerWrite(start, *bytes, enqueued, openOperation, location, metadata);
         token->release();
       },
-      ObservableTransactionType::FILE_WRITE, weight);
+      ObservableTransactionType::FILE_WRITE, weight, Touches::location(location_.toString()));
 }
 
 void WorkingFileEntry::runInnerWrite(std::streampos start, std::vector<char> const& bytes,
@@ -845,12 +900,12 @@ void WorkingFileEntry::flushContentCache() {
   }
   incrementPendingCounter();
   auto token = std::make_shared<PendingToken>(shared_from_this());
-  executor_->execute(
+  executor_->executeTouching(
       [token, location, metadata, generation, durability = std::move(durability)]() {
         token->entry().runInnerClose(location, metadata, generation, durability.get());
         token->release();
       },
-      ObservableTransactionType::FILE_CLOSE, params_.getMinItemWeight());
+      ObservableTransactionType::FILE_CLOSE, params_.getMinItemWeight(), Touches::location(location.toString()));
 }
 
 // ---- copies and moves ---------------------------------------------------------------------------

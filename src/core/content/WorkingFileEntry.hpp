@@ -22,9 +22,13 @@
 // write problem"), goes into the delivery report, and later writes store nothing;
 // ContentCache replaces the entry on the next retrieval.
 //
-// Opening is asynchronous: openReadOnly/openReadWrite queue the opening of the inner
-// stream (three attempts, as for a payload) and return; the first operation that needs
-// the inner stream waits for it.
+// Opening is asynchronous: openReadWrite queues the opening of the inner stream (three
+// attempts, as for a payload) and returns; the first operation that needs the inner
+// stream waits for it. openReadOnly opens nothing: a reader whose bytes all come from
+// the cache makes no store call. The first read that needs bytes from the store starts
+// the open for the entry's path at that moment, on the reader's thread when the executor
+// has nothing queued or running that is related to the path (IExecutor::tryRunHere),
+// else queued behind what is.
 //
 // Closing stamps the cache file's times on the caller's thread and leaves making its
 // content durable (fdatasync, skipped when nothing was stored since the last one) to the
@@ -77,6 +81,7 @@
 #include <cstdint>
 #include <exception>
 #include <functional>
+#include <future>
 #include <ios>
 #include <memory>
 #include <optional>
@@ -197,9 +202,10 @@ class WorkingFileEntry : public std::enable_shared_from_this<WorkingFileEntry> {
   // ---- opening -----------------------------------------------------------------------
 
   // A caller stream opens the entry for reading (under mutex_): adds one to the
-  // reference count and, unless the entry is already open in either mode, queues a
-  // FILE_OPEN_READONLY open. With synchronous parameters the open has completed on
-  // return (its failure is then thrown here).
+  // reference count and, unless the entry is already open in either mode, prepares a
+  // FILE_OPEN_READONLY open that starts when a read first needs the inner stream. With
+  // synchronous parameters the open has completed on return (its failure is then thrown
+  // here).
   void openReadOnly();
 
   // A caller stream opens the entry for reading and writing: adds one to the reference
@@ -215,8 +221,9 @@ class WorkingFileEntry : public std::enable_shared_from_this<WorkingFileEntry> {
   // return (its failure is then thrown here).
   void openReadWrite(foundation::storage::provider::ByteStreamOpenOptions const& options);
 
-  // If a caller stream holds the entry, waits until the queued open transaction has
-  // completed. Logs ("Exception caught: ...") and rethrows the open's failure;
+  // If a caller stream holds the entry, waits until the open transaction that has been
+  // started has completed (a read-only open that no read has started yet is left
+  // unstarted). Logs ("Exception caught: ...") and rethrows the open's failure;
   // std::bad_function_call if no open was ever queued. Called by ContentCache with its
   // mutex held; takes mutex_ briefly, never waits while holding it.
   void checkAndOpenIfNecessary();
@@ -325,6 +332,16 @@ class WorkingFileEntry : public std::enable_shared_from_this<WorkingFileEntry> {
   void enqueueOpenOperation(ObservableTransactionType type,
                             foundation::storage::provider::ByteStreamOpenOptions const& options = {})
       REQUIRES(mutex_);
+  // Stores an OpenOperation whose first call starts the read-only open (see above).
+  void prepareReadOnlyOpen() REQUIRES(mutex_);
+  // Starts a read-only open of generation `generation` for the entry's path now,
+  // fulfilling `promise`.
+  void startReadOnlyOpen(std::shared_ptr<std::promise<ByteStreamPtr>> promise, std::uint64_t generation)
+      EXCLUDES(mutex_);
+  // The open transaction's body: up to three attempts, the outcome into `promise`.
+  void runOpen(std::shared_ptr<std::promise<ByteStreamPtr>> const& promise,
+               foundation::storage::provider::StorageIRI const& location, bool forWriting,
+               foundation::storage::provider::ByteStreamOpenOptions const& options, std::uint64_t generation);
 
   // Makes sure the first `initialCachePosition` bytes of the file are cached, fetching
   // payloads from `position` on; stops at the first payload that yields nothing.
@@ -423,6 +440,8 @@ class WorkingFileEntry : public std::enable_shared_from_this<WorkingFileEntry> {
   std::int64_t refCount_ GUARDED_BY(mutex_) = 0;
   std::int32_t openMode_ GUARDED_BY(mutex_) = kNotOpened;
   OpenOperation openOperation_ GUARDED_BY(mutex_);           // empty until an open is queued
+  // Set while openOperation_ is a read-only open that no read has started yet.
+  std::shared_ptr<std::atomic<bool>> unstartedOpen_ GUARDED_BY(mutex_);
   std::uint64_t openGeneration_ GUARDED_BY(mutex_) = 0;      // number of the latest queued open
 
   AbortState abort_;

@@ -41,28 +41,7 @@ void DependencyQueue::push(QueueRecord record, Touches const& touches) {
       ++epoch_;
     } else {
       ++epochs_[epoch_].unfinished;
-      // The last unfinished transaction on each related location: the same location,
-      // each one above it, each one below it. Each of those waits for the earlier ones
-      // on its own location, so the transaction waits for every related one.
-      std::vector<std::uint64_t> before;
-      auto const lastOn = [&](std::u16string const& location) REQUIRES(mutex_) {
-        auto const found = lastOn_.find(location);
-        if (found != lastOn_.end()) before.push_back(found->second);
-      };
-      for (auto const& location : node.locations) {
-        lastOn(location);
-        for (std::size_t slash = location.find(u'/'); slash != std::u16string::npos;
-             slash = location.find(u'/', slash + 1)) {
-          if (slash > 0) lastOn(location.substr(0, slash));
-        }
-        // Below: the locations that begin with location + '/' ('0' follows '/').
-        auto const first = lastOn_.lower_bound(location + u'/');
-        auto const end = lastOn_.lower_bound(location + u'0');
-        for (auto it = first; it != end; ++it) before.push_back(it->second);
-      }
-      std::sort(before.begin(), before.end());
-      before.erase(std::unique(before.begin(), before.end()), before.end());
-      for (auto const earlier : before) addDependency(earlier, id);
+      for (auto const earlier : relatedUnfinished(node.locations)) addDependency(earlier, id);
       for (auto const& location : node.locations) lastOn_[location] = id;
     }
     if (node.waitingFor == 0) {
@@ -71,6 +50,45 @@ void DependencyQueue::push(QueueRecord record, Touches const& touches) {
     }
   }
   if (free) freed_.notify_one();
+}
+
+std::optional<std::uint64_t> DependencyQueue::claim(Touches const& touches) {
+  LockGuard lock(mutex_);
+  if (touches.isBarrier() || lastBarrier_ || stopping_) return std::nullopt;
+  if (!relatedUnfinished(touches.locations()).empty()) return std::nullopt;
+  std::uint64_t const id = nextId_++;
+  Node& node = nodes_.emplace_hint(nodes_.end(), id, Node{})->second;
+  node.locations = touches.locations();
+  node.epoch = epoch_;
+  node.taken = true;
+  ++epochs_[epoch_].unfinished;
+  for (auto const& location : node.locations) lastOn_[location] = id;
+  return id;
+}
+
+std::vector<std::uint64_t> DependencyQueue::relatedUnfinished(std::vector<std::u16string> const& locations) const {
+  // The last unfinished transaction on each related location: the same location, each
+  // one above it, each one below it. Each of those waits for the earlier ones on its own
+  // location, so waiting for them is waiting for every related one.
+  std::vector<std::uint64_t> before;
+  auto const lastOn = [&](std::u16string const& location) REQUIRES(mutex_) {
+    auto const found = lastOn_.find(location);
+    if (found != lastOn_.end()) before.push_back(found->second);
+  };
+  for (auto const& location : locations) {
+    lastOn(location);
+    for (std::size_t slash = location.find(u'/'); slash != std::u16string::npos;
+         slash = location.find(u'/', slash + 1)) {
+      if (slash > 0) lastOn(location.substr(0, slash));
+    }
+    // Below: the locations that begin with location + '/' ('0' follows '/').
+    auto const first = lastOn_.lower_bound(location + u'/');
+    auto const end = lastOn_.lower_bound(location + u'0');
+    for (auto it = first; it != end; ++it) before.push_back(it->second);
+  }
+  std::sort(before.begin(), before.end());
+  before.erase(std::unique(before.begin(), before.end()), before.end());
+  return before;
 }
 
 std::optional<DependencyQueue::Taken> DependencyQueue::take() {

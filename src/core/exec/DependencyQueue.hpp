@@ -78,7 +78,15 @@ class DependencyQueue {
   // nothing once stopLanes() was called.
   std::optional<Taken> take() EXCLUDES(mutex_);
 
-  // The transaction `id` (from take) has finished: frees what waited for it only on it.
+  // Registers a transaction that the caller runs on its own thread at once, when nothing
+  // unfinished is related to `touches` (`touches` is not a barrier and no barrier is
+  // unfinished): from now on transactions related to it wait for it as for one a lane
+  // runs. Returns its number, for finish; nothing when it would have to wait (or the
+  // lanes stop). Not counted in the statistics and not held by the weight bound: it is
+  // never queued.
+  std::optional<std::uint64_t> claim(Touches const& touches) EXCLUDES(mutex_);
+
+  // The transaction `id` (from take or claim) has finished: frees what waited for it only on it.
   void finish(std::uint64_t id) EXCLUDES(mutex_);
 
   // Discards every transaction not yet taken. Does not lower the current weight, does
@@ -132,6 +140,9 @@ class DependencyQueue {
   };
 
   bool overWeightBound() const REQUIRES(mutex_);
+  // The last unfinished transaction on each location related to one of `locations`,
+  // in queue order without repeats.
+  std::vector<std::uint64_t> relatedUnfinished(std::vector<std::u16string> const& locations) const REQUIRES(mutex_);
   // `waiter` waits for `id` as well.
   void addDependency(std::uint64_t id, std::uint64_t waiter) REQUIRES(mutex_);
   // One transaction that `id` waited for has finished; frees `id` at 0.

@@ -42,6 +42,16 @@ class IExecutor {
     execute(std::move(task), type, weight);
   }
 
+  // Runs `task`, which touches `touches`, on the caller's thread at once when the
+  // executor runs several tasks at once and nothing queued or running is related to
+  // `touches`; tasks queued meanwhile that are related wait for it. Returns whether it
+  // ran; when it returns false the caller queues the task. The default never runs it.
+  virtual bool tryRunHere(Task const& task, Touches const& touches) {
+    (void)task;
+    (void)touches;
+    return false;
+  }
+
   // Stops accepting tasks. With `cancelOutstanding`, tasks still queued are discarded
   // unrun; without it they still run.
   virtual void shutdown(bool cancelOutstanding) = 0;

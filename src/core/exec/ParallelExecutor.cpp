@@ -80,6 +80,24 @@ void ParallelExecutor::executeTouching(Task task, ObservableTransactionType type
   queue_.push(std::move(record), touches);
 }
 
+bool ParallelExecutor::tryRunHere(Task const& task, Touches const& touches) {
+  if (notAccepting_.load()) return false;
+  auto const id = queue_.claim(touches);
+  if (!id) return false;
+  // Whatever the task does, the transactions that came to wait for it are let go.
+  struct Finish {
+    DependencyQueue& queue;
+    std::uint64_t id;
+    ~Finish() { queue.finish(id); }
+  } const finish{queue_, *id};
+  try {
+    task();
+  } catch (...) {
+    // A task reports its own failures; one that throws is abandoned silently.
+  }
+  return true;
+}
+
 void ParallelExecutor::shutdown(bool cancelOutstanding) {
   notAccepting_.store(true);
   if (cancelOutstanding) {

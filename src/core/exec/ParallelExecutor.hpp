@@ -68,6 +68,11 @@ class ParallelExecutor final : public IExecutor {
   // BackendExecutor does and drops the task unrun, without calling the idle callback.
   void executeTouching(Task task, ObservableTransactionType type, double weight, Touches const& touches) override;
 
+  // Runs `task` here when nothing unfinished is related to `touches` (see
+  // DependencyQueue::claim); not once shutdown() has begun. A task that throws is
+  // abandoned silently, as on a lane.
+  bool tryRunHere(Task const& task, Touches const& touches) override;
+
   void shutdown(bool cancelOutstanding) override;
   // Waits for every lane to end; does nothing the second time. Never from a lane.
   void join() override;

@@ -53,6 +53,11 @@ void SwitchableExecutor::executeTouching(Task task, ObservableTransactionType ty
   if (auto executor = current()) executor->executeTouching(std::move(task), type, weight, touches);
 }
 
+bool SwitchableExecutor::tryRunHere(Task const& task, Touches const& touches) {
+  auto executor = current();
+  return executor && executor->tryRunHere(task, touches);
+}
+
 void SwitchableExecutor::shutdown(bool cancelOutstanding) {
   if (auto executor = current()) executor->shutdown(cancelOutstanding);
 }

@@ -34,6 +34,7 @@ class SwitchableExecutor final : public IExecutor {
   void execute(Task task, ObservableTransactionType type, double weight) override;
   // Passes `touches` on with the task (execute passes none).
   void executeTouching(Task task, ObservableTransactionType type, double weight, Touches const& touches) override;
+  bool tryRunHere(Task const& task, Touches const& touches) override;
   void shutdown(bool cancelOutstanding) override;
   void join() override;
   bool isShutdown() const override;

@@ -23,6 +23,7 @@ enum class Range {
   Weight,       // a finite number >= 0
   MaxWeight,    // as Weight; a negative one is refused by doConfigure with its own error
   PayloadSize,  // a whole number above 0
+  Count,        // a whole number >= 1
 };
 
 struct KeyDescriptor {
@@ -48,7 +49,7 @@ bool readsTrue(std::string const& text) {
   return !in.fail() && value;
 }
 
-std::int64_t payloadSize(std::string const& text) { return std::stol(text, nullptr, 10); }
+std::int64_t wholeNumber(std::string const& text) { return std::stol(text, nullptr, 10); }
 
 KeyDescriptor const kKeys[] = {
     {{"overlay.cacheRoot", "overlay.configuration.cacheRoot"}, Range::Any,
@@ -68,11 +69,14 @@ KeyDescriptor const kKeys[] = {
      },
      nullptr},
     {{"overlay.maxReadPayloadSize", "overlay.configuration.maxReadPayloadSize"}, Range::PayloadSize,
-     [](OverlayOptions& o, std::string const& t) { o.maxReadPayloadSize = payloadSize(t); },
+     [](OverlayOptions& o, std::string const& t) { o.maxReadPayloadSize = wholeNumber(t); },
      [](OverlayOptions const& o) { return static_cast<double>(o.maxReadPayloadSize); }},
     {{"overlay.maxWritePayloadSize", "overlay.configuration.maxWritePayloadSize"}, Range::PayloadSize,
-     [](OverlayOptions& o, std::string const& t) { o.maxWritePayloadSize = payloadSize(t); },
+     [](OverlayOptions& o, std::string const& t) { o.maxWritePayloadSize = wholeNumber(t); },
      [](OverlayOptions const& o) { return static_cast<double>(o.maxWritePayloadSize); }},
+    {{"overlay.transfers", "overlay.configuration.transfers"}, Range::Count,
+     [](OverlayOptions& o, std::string const& t) { o.transfers = wholeNumber(t); },
+     [](OverlayOptions const& o) { return static_cast<double>(o.transfers); }},
     {{"overlay.synchronous", nullptr}, Range::Any,
      [](OverlayOptions& o, std::string const& t) {
        if (readsTrue(t)) o.synchronous = true;
@@ -107,7 +111,9 @@ KeyDescriptor const* find(std::string const& key) {
 }
 
 [[noreturn]] void refuse(std::string const& key, std::string const& text, Range range) {
-  char const* wanted = range == Range::PayloadSize ? "a whole number of bytes above 0" : "a number >= 0";
+  char const* wanted = range == Range::PayloadSize ? "a whole number of bytes above 0"
+                       : range == Range::Count     ? "a whole number >= 1"
+                                                   : "a number >= 0";
   throw std::invalid_argument(key + ": '" + text + "' is not " + wanted);
 }
 
@@ -165,7 +171,8 @@ void checkOverlayOption(std::string const& key, std::string const& text) {
       }
       return;
     }
-    case Range::PayloadSize: {
+    case Range::PayloadSize:
+    case Range::Count: {
       errno = 0;
       long const value = std::strtol(text.c_str(), &end, 10);
       if (text.empty() || end != text.c_str() + text.size() || errno == ERANGE || value <= 0) {
@@ -189,7 +196,7 @@ void refuseUnworkableOverlayOptions(boost::property_tree::ptree const& config) {
       continue;
     }
     double const value = descriptor.number(converted);
-    bool const workable = descriptor.range == Range::PayloadSize ? value > 0
+    bool const workable = descriptor.range == Range::PayloadSize || descriptor.range == Range::Count ? value > 0
                           : descriptor.range == Range::MaxWeight ? value < 0 || std::isfinite(value)
                                                                  : std::isfinite(value) && value >= 0;
     if (!workable) refuse(descriptor.key.name, *text, descriptor.range);

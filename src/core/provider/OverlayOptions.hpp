@@ -43,6 +43,9 @@ struct OverlayOptions {
   bool persistContentCache = false;  // "overlay.persistContentCache": "true" or "1"
   std::int64_t maxReadPayloadSize = kDefaultPayloadSize;   // "overlay.maxReadPayloadSize", std::stol
   std::int64_t maxWritePayloadSize = kDefaultPayloadSize;  // "overlay.maxWritePayloadSize", std::stol
+  // "overlay.transfers", std::stol: how many changes travel to the store at once; 1 keeps
+  // the single-worker queue. Taken when the queue is made, at the first operation.
+  std::int64_t transfers = 1;
   bool synchronous = false;              // "overlay.synchronous": "true" (boolalpha)
   bool disableContentCache = false;      // "overlay.disableContentCache": likewise
   bool backslashToForwardSlash = false;  // "overlay.backslashToForwardSlash": likewise; no effect
@@ -75,12 +78,12 @@ std::vector<std::string> const& overlayEnvironmentVariables();
 // Throws std::invalid_argument, with a text that names `key` and `text` and says what is
 // wanted, when `text` is not a value of `key` that the overlay can work with: a number
 // that does not parse, a weight that is negative or not finite, a payload size that is
-// not a whole number above 0. Keys it does not know, and texts of keys that take any
+// not a whole number above 0, a transfer count below 1. Keys it does not know, and texts of keys that take any
 // text, pass.
 void checkOverlayOption(std::string const& key, std::string const& text);
 
 // What doConfigure refuses before it reads any key: the same exception for a value that
-// converts but cannot be worked with (a payload size of 0 or less, a weight that is not a
+// converts but cannot be worked with (a payload size or transfer count of 0 or less, a weight that is not a
 // finite number >= 0). A value that does not convert passes (reading it fails later), and
 // so does a negative "overlay.maxQueueWeight" (doConfigure throws its own error for it).
 void refuseUnworkableOverlayOptions(boost::property_tree::ptree const& config);

@@ -1,6 +1,7 @@
 #include <core/provider/OverlayProvider.hpp>
 
 #include <core/exec/BackendExecutor.hpp>
+#include <core/exec/ParallelExecutor.hpp>
 #include <core/content/CachingErrorException.hpp>
 #include <core/metadata/FolderIterator.hpp>
 #include <core/util/IRIHelpers.hpp>
@@ -125,9 +126,16 @@ void OverlayProvider::lazyInitialize() const {
       std::lock_guard lock(initMutex_);
       if (!executor_) {
         // Whenever the queue runs dry, working entries set aside are let go.
-        executor_ = std::make_shared<BackendExecutor>([cache = contentCache_.get()] { cache->emptyRecycleBin(); },
-                                                      maxQueueWeight_.load(std::memory_order_acquire), &steadyNow,
-                                                      environment.captureQueueMetrics);
+        auto emptyRecycleBin = [cache = contentCache_.get()] { cache->emptyRecycleBin(); };
+        double const maxWeight = maxQueueWeight_.load(std::memory_order_acquire);
+        auto const transfers = transfers_.load(std::memory_order_acquire);
+        if (transfers > 1) {
+          executor_ = std::make_shared<ParallelExecutor>(static_cast<std::size_t>(transfers), emptyRecycleBin,
+                                                         maxWeight, &steadyNow, environment.captureQueueMetrics);
+        } else {
+          executor_ = std::make_shared<BackendExecutor>(emptyRecycleBin, maxWeight, &steadyNow,
+                                                        environment.captureQueueMetrics);
+        }
         executorHandle_->set(executor_);
       }
     }
@@ -176,6 +184,7 @@ OverlayOptions OverlayProvider::currentOptions() const {
   options.persistContentCache = persistContentCache_.load(std::memory_order_acquire);
   options.maxReadPayloadSize = maxReadPayloadSize_.load(std::memory_order_acquire);
   options.maxWritePayloadSize = maxWritePayloadSize_.load(std::memory_order_acquire);
+  options.transfers = transfers_.load(std::memory_order_acquire);
   options.synchronous = synchronous_.load(std::memory_order_acquire);
   options.disableContentCache = disableContentCache_.load(std::memory_order_acquire);
   options.backslashToForwardSlash = backslashToForwardSlash_.load(std::memory_order_acquire);
@@ -246,6 +255,13 @@ void OverlayProvider::lazyInitialize(StorageIRI const& iri) const {
 
 // --- Helpers of the operations ------------------------------------------------------
 
+namespace {
+
+// What a transaction on one inner-most IRI touches: its text is the queue's location.
+Touches touching(StorageIRI const& inner) { return Touches::location(inner.toString()); }
+
+}  // namespace
+
 WorkingFileEntryParams OverlayProvider::workingFileEntryParams() const {
   WorkingFileEntryParams params(static_cast<unsigned long long>(maxReadPayloadSize_.load(std::memory_order_acquire)),
                                 static_cast<unsigned long long>(maxWritePayloadSize_.load(std::memory_order_acquire)));
@@ -262,8 +278,9 @@ std::shared_ptr<IQuotaAccountant> OverlayProvider::quotaAccountant() const {
   return quota_;
 }
 
-void OverlayProvider::submit(char const* name, StorageIRI const& location, ObservableTransactionType type,
-                             std::function<void()> call, std::function<void()> after) const {
+void OverlayProvider::submit(char const* name, StorageIRI const& location, Touches const& touches,
+                             ObservableTransactionType type, std::function<void()> call,
+                             std::function<void()> after) const {
   if (shutDown_.load(std::memory_order_acquire)) return;
   // The report names the item as the store does (the inner-most IRI has no authority).
   auto task = [this, name, location = inner_->getLocation().withPath(location.getPath()), call = std::move(call),
@@ -299,7 +316,7 @@ void OverlayProvider::submit(char const* name, StorageIRI const& location, Obser
     }
     if (after) after();
   };
-  executorHandle_->execute(std::move(task), type, minQueueItemWeight_.load(std::memory_order_acquire));
+  executorHandle_->executeTouching(std::move(task), type, minQueueItemWeight_.load(std::memory_order_acquire), touches);
 }
 
 bool OverlayProvider::parentKnown(StorageIRI const& inner) const {
@@ -443,7 +460,7 @@ void OverlayProvider::doCreateFile(StorageIRI const& iri) const {
     metadataCache_->createFileMetadata(inner);
   }
   submit(
-      "createFile", inner, ObservableTransactionType::FILE_CREATION, [this, inner] { StorageItem(*inner_, inner.getPath()).createFile(); },
+      "createFile", inner, touching(inner), ObservableTransactionType::FILE_CREATION, [this, inner] { StorageItem(*inner_, inner.getPath()).createFile(); },
       [cache = metadataCache_, inner] { cache->thawFile(inner); });
 }
 
@@ -461,7 +478,7 @@ void OverlayProvider::doCreateFolder(StorageIRI const& iri) const {
     metadataCache_->createFolderMetadata(inner);
   }
   submit(
-      "createFolder", inner, ObservableTransactionType::FOLDER_CREATION,
+      "createFolder", inner, touching(inner), ObservableTransactionType::FOLDER_CREATION,
       [this, inner] { StorageItem(*inner_, inner.getPath()).createFolder(); },
       [cache = metadataCache_, inner] { cache->thawFolder(inner, false); });
 }
@@ -473,6 +490,9 @@ void OverlayProvider::doCreateFolderRecursive(StorageIRI const& iri) const {
   auto const inner = getInnerMostURL(iri);
   triggerLatch();
   auto const pass = flushGate_.enter();
+  // The store creates every missing level: what is queued later inside the topmost one
+  // waits for this transaction.
+  StorageIRI topmostCreated = inner;
   {
     auto lock = pathLocks_.acquire(inner);
     if ((hasFileRecord(inner) || hasFolderRecord(inner))) throw Exception(ErrorCode::AlreadyExists, iri);
@@ -491,9 +511,10 @@ void OverlayProvider::doCreateFolderRecursive(StorageIRI const& iri) const {
       throw Exception(ErrorCode::NotWritable, iri.getParent());
     }
     for (auto it = missing.rbegin(); it != missing.rend(); ++it) metadataCache_->createFolderMetadata(*it);
+    topmostCreated = missing.back();
   }
   submit(
-      "createFolderRecursive", inner, ObservableTransactionType::FOLDER_CREATION_RECURSIVE,
+      "createFolderRecursive", inner, touching(topmostCreated), ObservableTransactionType::FOLDER_CREATION_RECURSIVE,
       [this, inner] { StorageItem(*inner_, inner.getPath()).createFolderRecursive(); },
       [cache = metadataCache_, inner] { cache->thawFolder(inner, false); });
 }
@@ -515,7 +536,7 @@ void OverlayProvider::doRemoveFile(StorageIRI const& iri) const {
     metadataCache_->removeFile(inner);
     updateContentCache([&] { contentCache_->invalidate(inner, true); });
   }
-  submit("removeFile", inner, ObservableTransactionType::FILE_REMOVAL,
+  submit("removeFile", inner, touching(inner), ObservableTransactionType::FILE_REMOVAL,
          [this, inner] { StorageItem(*inner_, inner.getPath()).removeFile(); }, nullptr);
 }
 
@@ -535,7 +556,7 @@ void OverlayProvider::doRemoveFolder(StorageIRI const& iri) const {
     metadataCache_->removeFolder(inner);
     updateContentCache([&] { contentCache_->invalidateAllDescendantsOf(inner, true); });
   }
-  submit("removeFolder", inner, ObservableTransactionType::FOLDER_REMOVAL,
+  submit("removeFolder", inner, touching(inner), ObservableTransactionType::FOLDER_REMOVAL,
          [this, inner] { StorageItem(*inner_, inner.getPath()).removeFolder(); }, nullptr);
 }
 
@@ -555,7 +576,7 @@ void OverlayProvider::doRemoveFolderRecursively(StorageIRI const& iri) const {
     metadataCache_->removeFolder(inner);
     updateContentCache([&] { contentCache_->invalidateAllDescendantsOf(inner, true); });
   }
-  submit("removeFolderRecursively", inner, ObservableTransactionType::FOLDER_REMOVAL_RECURSIVE,
+  submit("removeFolderRecursively", inner, touching(inner), ObservableTransactionType::FOLDER_REMOVAL_RECURSIVE,
          [this, inner] { StorageItem(*inner_, inner.getPath()).removeFolderRecursively(); }, nullptr);
 }
 
@@ -589,7 +610,7 @@ void OverlayProvider::doMoveFile(StorageIRI const& src, StorageIRI const& dst, f
     updateContentCache([&] { contentCache_->moveFile(from, to, fileRecord(to)); });
   }
   submit(
-      "moveFile", from, ObservableTransactionType::FILE_MOVE,
+      "moveFile", from, Touches::transfer(from.toString(), to.toString()), ObservableTransactionType::FILE_MOVE,
       [this, from, to, policy] { StorageItem(*inner_, from.getPath()).moveFile(to, policy); },
       [cache = metadataCache_, to] { cache->thawFile(to); });
 }
@@ -622,7 +643,7 @@ void OverlayProvider::doMoveFolder(StorageIRI const& src, StorageIRI const& dst,
     updateContentCache([&] { contentCache_->moveFolder(from, to, policy, *metadataCache_); });
   }
   submit(
-      "moveFolder", from, ObservableTransactionType::FOLDER_MOVE,
+      "moveFolder", from, Touches::transfer(from.toString(), to.toString()), ObservableTransactionType::FOLDER_MOVE,
       [this, from, to, policy] { StorageItem(*inner_, from.getPath()).moveFolder(to, policy); },
       [cache = metadataCache_, to] { cache->thawFolder(to, false); });
 }
@@ -644,7 +665,7 @@ void OverlayProvider::doSetLastModified(StorageIRI const& iri, boost::posix_time
       throw Exception(ErrorCode::DoesNotExist, iri);
     }
   }
-  submit("setLastModified", inner, ObservableTransactionType::SET_LAST_MODIFIED,
+  submit("setLastModified", inner, touching(inner), ObservableTransactionType::SET_LAST_MODIFIED,
          [this, inner, time] { StorageItem(*inner_, inner.getPath()).setLastModified(time); }, nullptr);
 }
 
@@ -665,7 +686,7 @@ void OverlayProvider::doSetWritable(StorageIRI const& iri, bool writable) const 
       throw Exception(ErrorCode::DoesNotExist, iri);
     }
   }
-  submit("setWritable", inner, ObservableTransactionType::SET_WRITABLE,
+  submit("setWritable", inner, touching(inner), ObservableTransactionType::SET_WRITABLE,
          [this, inner, writable] { StorageItem(*inner_, inner.getPath()).setWritable(writable); }, nullptr);
 }
 
@@ -1065,6 +1086,7 @@ void OverlayProvider::doConfigure(boost::property_tree::ptree config) {
   persistContentCache_.store(options.persistContentCache, std::memory_order_release);
   maxReadPayloadSize_.store(options.maxReadPayloadSize, std::memory_order_release);
   maxWritePayloadSize_.store(options.maxWritePayloadSize, std::memory_order_release);
+  transfers_.store(options.transfers, std::memory_order_release);
   bool const switchToSynchronous = options.synchronous;
   if (switchToSynchronous) synchronous_.store(true, std::memory_order_release);
   disableContentCache_.store(options.disableContentCache, std::memory_order_release);

@@ -211,9 +211,10 @@ class OverlayProvider : public fsp::IConfigurableProvider,
   // Starts the pause-then-resume cycle of event handling.
   void triggerLatch() const;
   // Unless shut down, queues `call` (an inner-store change named `name` of `location`,
-  // an inner-most IRI) with up to three attempts, then `after` (a thaw) when it
-  // succeeded; a change that still fails goes into the delivery report.
-  void submit(char const* name, StorageIRI const& location, ObservableTransactionType type,
+  // an inner-most IRI, which touches `touches` in the store) with up to three attempts,
+  // then `after` (a thaw) when it succeeded; a change that still fails goes into the
+  // delivery report.
+  void submit(char const* name, StorageIRI const& location, Touches const& touches, ObservableTransactionType type,
               std::function<void()> call, std::function<void()> after) const;
   // True when every folder above `inner` is known. An item below a folder that the
   // overlay removed or moved away is gone, even while the inner store still has it
@@ -269,6 +270,7 @@ class OverlayProvider : public fsp::IConfigurableProvider,
   std::atomic<double> minQueueItemWeight_{OverlayOptions().minQueueItemWeight};
   std::atomic<std::int64_t> maxReadPayloadSize_{OverlayOptions().maxReadPayloadSize};
   std::atomic<std::int64_t> maxWritePayloadSize_{OverlayOptions().maxWritePayloadSize};
+  std::atomic<std::int64_t> transfers_{OverlayOptions().transfers};
   std::atomic<bool> persistContentCache_{OverlayOptions().persistContentCache};
   std::atomic<bool> synchronous_{OverlayOptions().synchronous};
   // The environment's values once given or read; guarded by initMutex_.

@@ -123,6 +123,8 @@ TEST_F(WorkingFileEntryConcurrencyTest, AnAbortReleasesAWaitForTheOpen) {
   timing.abortPollInterval = 1ms;
   auto entry = makeEntry(u"/o", WorkingFileEntryParams(64, 64), backend, timing);
   entry->openReadOnly();
+  std::string read = "?";
+  std::thread reader([&] { read = readAt(*entry, 0, 7); });  // starts the open
   gate.waitForWaiters(1);  // the open transaction is held in the store
 
   std::optional<fsp::ErrorCode> code;
@@ -135,7 +137,9 @@ TEST_F(WorkingFileEntryConcurrencyTest, AnAbortReleasesAWaitForTheOpen) {
   });
   entry->setAbort();
   waiter.join();
+  reader.join();
   EXPECT_EQ(code, fsp::ErrorCode::TransientFailure);
+  EXPECT_EQ(read, "");  // the read that waited for the open ends short
 
   gate.open();
   backend->waitForPendingToFinish();
@@ -143,11 +147,10 @@ TEST_F(WorkingFileEntryConcurrencyTest, AnAbortReleasesAWaitForTheOpen) {
   backend->join();
 }
 
-// A reader whose bytes all come from the cache closes its stream while the store is
-// still opening the file for it: the close returns at once, and the stream the store
-// hands over afterwards is closed by the open itself. The second opening for writing
-// then gets a stream of its own.
-TEST_F(WorkingFileEntryConcurrencyTest, AReadOnlyCloseDoesNotWaitForTheStoreToOpen) {
+// A reader whose bytes all come from the cache makes no store call: no open, no read, no
+// close, while a gate holds every open the store is asked for. The opening for writing
+// afterwards gets a stream of its own.
+TEST_F(WorkingFileEntryConcurrencyTest, AReaderOfCachedBytesMakesNoStoreCall) {
   store->elsewhere().writeFile(u"/c", "cached content");
   auto backend = std::make_shared<ovl::BackendExecutor>([] {}, 0.0);
   auto entry = makeEntry(u"/c", WorkingFileEntryParams(64, 64), backend, {});
@@ -160,23 +163,14 @@ TEST_F(WorkingFileEntryConcurrencyTest, AReadOnlyCloseDoesNotWaitForTheStoreToOp
   gate.close();
   store->resetCounters();
   entry->openReadOnly();
-  ASSERT_TRUE(gate.waitForWaiters(1, 30s));  // the open transaction is held in the store
   EXPECT_EQ(readAt(*entry, 0, 14), "cached content");
-  Signal closed;
-  std::thread closer([&] {
-    entry->flushContentCache();
-    closed.set();
-  });
-  bool const closedWhileHeld = closed.waitFor(30s);  // a guard against a hang, not a timing
-  EXPECT_TRUE(closedWhileHeld) << "the close waited for the store's open";
-  EXPECT_EQ(store->calls(providers::mem::Operation::Close), 0u);
-
-  gate.open();
-  closer.join();
+  entry->flushContentCache();
   backend->waitForPendingToFinish();
-  EXPECT_EQ(store->calls(providers::mem::Operation::OpenReadOnlyStream), 1u);
-  EXPECT_EQ(store->calls(providers::mem::Operation::Close), 1u);  // closed by the open itself
+  EXPECT_EQ(gate.totalHeld(), 0u);
+  gate.open();
+  EXPECT_EQ(store->calls(providers::mem::Operation::OpenReadOnlyStream), 0u);
   EXPECT_EQ(store->calls(providers::mem::Operation::Read), 0u);
+  EXPECT_EQ(store->calls(providers::mem::Operation::Close), 0u);
 
   entry->openReadWrite({});
   entry->write(0, "CACHED", 6);

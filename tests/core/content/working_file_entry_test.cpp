@@ -428,26 +428,53 @@ TEST_F(WorkingFileEntryTest, ReferenceCountsAndOpeningOnce) {
   EXPECT_THROW(entry->checkAndOpenIfNecessary(), std::bad_function_call);  // never opened
   entry->decrementRefCount();
 
+  // A read-only opening opens nothing in the store: two streams, no transaction, and no
+  // open to wait for until a read needs the store.
   entry->openReadOnly();
   entry->openReadOnly();
   EXPECT_EQ(entry->getRefCount(), 2);
-  EXPECT_EQ(executor->records().size(), 1u);  // one open for both
+  EXPECT_TRUE(executor->records().empty());
   EXPECT_TRUE(entry->isOpen());
-  executor->runAll();
   EXPECT_NO_THROW(entry->checkAndOpenIfNecessary());
   entry->flushContentCache();
   EXPECT_TRUE(entry->isOpen());
   entry->flushContentCache();
   EXPECT_FALSE(entry->isOpen());
   EXPECT_EQ(entry->getRefCount(), 0);
-  EXPECT_EQ(store->elsewhere().openStreams(), 0u);  // read-only, nothing pending: closed at once
+  EXPECT_EQ(store->calls(Operation::OpenReadOnlyStream), 0u);
   entry->flushContentCache();
   EXPECT_EQ(entry->getRefCount(), 0);
 
-  // Opened and closed again before the open transaction ran: it opens nothing.
+  // The first read that needs the store starts one open for both streams; the last close
+  // of a read-only entry with nothing pending closes the store's stream at once.
   entry->openReadOnly();
-  entry->flushContentCache();
+  entry->openReadOnly();
+  std::string first;
+  std::thread reader([&] { first = readAt(*entry, 0, 7); });
+  waitUntil([&] { return executor->records().size() == 1; });
+  EXPECT_EQ(executor->records().front().type, ObservableTransactionType::FILE_OPEN_READONLY);
   EXPECT_EQ(executor->runAll(), 1);
+  reader.join();
+  EXPECT_EQ(first, "content");
+  EXPECT_EQ(readAt(*entry, 0, 7), "content");
+  EXPECT_EQ(executor->records().size(), 1u);
+  entry->flushContentCache();
+  entry->flushContentCache();
+  EXPECT_EQ(store->elsewhere().openStreams(), 0u);
+
+  // Opened, its open started by a read, and closed before the open transaction ran: the
+  // open opens nothing, and the read waiting for it ends short.
+  store->elsewhere().writeFile(u"/d", "content");
+  auto uncached = makeEntry(u"/d", WorkingFileEntryParams(100, 100), executor);
+  uncached->decrementRefCount();
+  uncached->openReadOnly();
+  std::string late = "?";
+  std::thread lateReader([&] { late = readAt(*uncached, 0, 7); });
+  waitUntil([&] { return executor->records().size() == 2; });
+  uncached->flushContentCache();
+  EXPECT_EQ(executor->runAll(), 1);
+  lateReader.join();
+  EXPECT_EQ(late, "");
   EXPECT_EQ(store->elsewhere().openStreams(), 0u);
 }
 
@@ -458,9 +485,10 @@ TEST_F(WorkingFileEntryTest, OpenFailureSurfacesAtTheFirstUseOfTheInnerStream) {
   auto executor = std::make_shared<RecordingExecutor>(true);
   auto entry = makeEntry(u"/o", WorkingFileEntryParams(100, 100), executor);
   EXPECT_NO_THROW(entry->openReadOnly());
-  EXPECT_EQ(codeOf([&] { entry->checkAndOpenIfNecessary(); }), fsp::ErrorCode::InUse);
+  EXPECT_NO_THROW(entry->checkAndOpenIfNecessary());  // no read has needed the store yet
+  EXPECT_EQ(readAt(*entry, 0, 7), "");                // an uncached read ends short
   EXPECT_TRUE(sink.contains("Exception caught: "));
-  EXPECT_EQ(readAt(*entry, 0, 7), "");  // an uncached read ends short
+  EXPECT_EQ(codeOf([&] { entry->checkAndOpenIfNecessary(); }), fsp::ErrorCode::InUse);
 
   // With synchronous parameters the failure is thrown by the opening itself.
   store->failNext(Operation::OpenStream, 1, fsp::ErrorCode::NotWritable);

@@ -48,6 +48,14 @@ class FakeExecutor : public storage::overlayprovider::IExecutor {
     if (!inner_) return task();
     inner_->execute(std::move(task), type, weight);
   }
+  void executeTouching(Task task, storage::overlayprovider::ObservableTransactionType type, double weight,
+                       storage::overlayprovider::Touches const& touches) override {
+    if (!inner_) return execute(std::move(task), type, weight);
+    inner_->executeTouching(std::move(task), type, weight, touches);
+  }
+  bool tryRunHere(Task const& task, storage::overlayprovider::Touches const& touches) override {
+    return inner_ && inner_->tryRunHere(task, touches);
+  }
   void shutdown(bool cancelOutstanding) override {
     if (inner_) inner_->shutdown(cancelOutstanding);
   }

@@ -139,6 +139,45 @@ TEST(ParallelExecutorConcurrencyTest, ATransactionThatTouchesNothingIsABarrierBo
   EXPECT_EQ("a b barrier c", journal.text());
 }
 
+TEST(ParallelExecutorConcurrencyTest, ATransactionRunsOnTheCallersThreadOnlyWhereNothingRelatedIsUnfinished) {
+  ParallelExecutor executor(2, [] {}, 0);
+  Gate gate;
+  Journal journal;
+  ExecutorStopper stop(executor, {&gate});
+  executor.executeTouching([&] { gate.pass(); journal.add("held"); }, T::FILE_WRITE, 0, at(u"mem://s/a/f"));
+  gate.waitArrived();
+  auto const here = std::this_thread::get_id();
+  std::thread::id ranOn;
+  auto note = [&] { ranOn = std::this_thread::get_id(); };
+  // The same location, one above it, a barrier: not here.
+  EXPECT_FALSE(executor.tryRunHere(note, at(u"mem://s/a/f")));
+  EXPECT_FALSE(executor.tryRunHere(note, at(u"mem://s/a")));
+  EXPECT_FALSE(executor.tryRunHere(note, Touches()));
+  EXPECT_EQ(std::thread::id(), ranOn);
+  // Unrelated: here, at once, although a lane is held. A related transaction queued
+  // while it runs waits for it; an unrelated one does not.
+  EXPECT_TRUE(executor.tryRunHere(
+      [&] {
+        note();
+        executor.executeTouching([&] { journal.add("below"); }, T::FILE_WRITE, 0, at(u"mem://s/b/x"));
+        EXPECT_EQ(1u, executor.getWaitingCount());
+        journal.add("here");
+      },
+      at(u"mem://s/b")));
+  EXPECT_EQ(here, ranOn);
+  waitUntil([&] { return executor.getUnfinishedCount() == 1; });
+  EXPECT_EQ("here below", journal.text());
+
+  // An unfinished barrier holds back what would run here.
+  executor.execute([&] { journal.add("barrier"); }, T::EXTERNAL_EVENT, 0);
+  EXPECT_FALSE(executor.tryRunHere(note, at(u"mem://s/c")));
+  gate.open();
+  executor.waitForPendingToFinish();
+  EXPECT_EQ("here below held barrier", journal.text());
+  EXPECT_TRUE(executor.tryRunHere([&] { journal.add("after"); }, at(u"mem://s/a/f")));
+  EXPECT_EQ(0u, executor.getUnfinishedCount());
+}
+
 TEST(ParallelExecutorConcurrencyTest, WaitForPendingToFinishWaitsForEveryLaneButNotForLaterWork) {
   ParallelExecutor executor(3, [] {}, 0);
   Gate a, b, later;

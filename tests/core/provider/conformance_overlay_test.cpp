@@ -5,6 +5,10 @@
 #include <support/ConformanceStores.hpp>
 #include <support/ConformanceSuite.hpp>
 
+#include <boost/property_tree/ptree.hpp>
+
+#include <string>
+
 namespace fsp = foundation::storage::provider;
 
 namespace {
@@ -12,10 +16,13 @@ namespace {
 // The overlay laid on the root of an inner store's fresh working folder.
 class OverlayHarness : public ovltest::Harness {
  public:
-  OverlayHarness(std::shared_ptr<ovltest::Harness> inner, bool flushAfterMutations)
+  OverlayHarness(std::shared_ptr<ovltest::Harness> inner, bool flushAfterMutations, int transfers)
       : inner_(std::move(inner)), flushAfterMutations_(flushAfterMutations) {
     auto innerRoot = inner_->root();
     provider_ = std::make_shared<storage::overlayprovider::OverlayProvider>(innerRoot);
+    boost::property_tree::ptree config;
+    config.put("overlay.transfers", transfers);
+    provider_->doConfigure(config);
     root_ = fsp::StorageItem(provider_, fsp::StorageIRI(u"overlay", innerRoot.getLocation(), u"/"));
   }
 
@@ -50,11 +57,13 @@ class OverlayHarness : public ovltest::Harness {
   fsp::StorageItem root_;
 };
 
-ovltest::StoreUnderTest overlayOver(ovltest::StoreUnderTest inner, bool flushAfterMutations) {
+// `transfers`: the overlay's "overlay.transfers" (1: the single-worker queue).
+ovltest::StoreUnderTest overlayOver(ovltest::StoreUnderTest inner, bool flushAfterMutations, int transfers = 1) {
   auto make = inner.make;
-  return {"overlay_over_" + inner.name + (flushAfterMutations ? "_flushed" : ""),
-          [make, flushAfterMutations]() -> std::shared_ptr<ovltest::Harness> {
-            return std::make_shared<OverlayHarness>(make(), flushAfterMutations);
+  return {"overlay_over_" + inner.name + (flushAfterMutations ? "_flushed" : "") +
+              (transfers > 1 ? "_" + std::to_string(transfers) + "_transfers" : ""),
+          [make, flushAfterMutations, transfers]() -> std::shared_ptr<ovltest::Harness> {
+            return std::make_shared<OverlayHarness>(make(), flushAfterMutations, transfers);
           }};
 }
 
@@ -64,4 +73,7 @@ OVL_INSTANTIATE_CONFORMANCE_SUITE(Overlay, overlayOver(ovltest::memStore(true), 
                                   overlayOver(ovltest::memStore(true), true),
                                   overlayOver(ovltest::memStore(false), false),
                                   overlayOver(ovltest::fileStore(), false),
-                                  overlayOver(ovltest::fileStore(), true));
+                                  overlayOver(ovltest::fileStore(), true),
+                                  overlayOver(ovltest::memStore(true), false, 8),
+                                  overlayOver(ovltest::memStore(true), true, 8),
+                                  overlayOver(ovltest::fileStore(), false, 8));

@@ -11,6 +11,7 @@
 #pragma once
 
 #include <ovl/Command.hpp>
+#include <ovl/Overlay.hpp>
 
 #include <atomic>
 #include <chrono>
@@ -30,6 +31,7 @@ struct DemoOptions {
   unsigned largeFiles = 3;
   std::uint64_t largeFileBytes = 8u << 20;
   bool keep = false;  // leave the demo's folders in the store
+  long transfers = kDefaultToolTransfers;  // the overlay's "overlay.transfers"
   // How long a run waits to see the change made from the store's side.
   std::chrono::milliseconds changeTimeout{60000};
   // Called after the overlay run's flush and before its verification, with the run's

@@ -35,6 +35,18 @@ namespace fsp = foundation::storage::provider;
 // The scheme the overlay bundle serves.
 inline constexpr char16_t const* kOverlayScheme = u"overlay";
 
+// The transfers the tools that lay one overlay over a slow store (demo, bench, the
+// mount) use unless told otherwise.
+inline constexpr int kDefaultToolTransfers = 8;
+
+struct Arguments;
+
+// `config` with "overlay.transfers" set: to the value of `--transfers` when given (a
+// whole number from 1 to 256, else UsageError), else left as the configuration
+// (--config/--set) gives it, else kDefaultToolTransfers. The number in effect goes into
+// `used`.
+boost::property_tree::ptree withTransfers(boost::property_tree::ptree config, Arguments const& args, long& used);
+
 class OverlayHost {
  public:
   // Where the bundle module is: `flag` when given, else $OVL_BUNDLE when set and not

@@ -43,7 +43,9 @@
 #include <foundation/storage/provider/StorageItem.hpp>
 #include <foundation/storage/provider/extensions/IFlushableFilesystem.hpp>
 
+#include <atomic>
 #include <chrono>
+#include <cstdint>
 #include <functional>
 #include <initializer_list>
 #include <memory>
@@ -179,7 +181,16 @@ class ThrottleProvider : public fsp::IConfigurableProvider, public fsp::extensio
   // Flushes the inner provider when it is flushable; returns at once otherwise.
   /* 55 */ void doFlushFilesystem() override;
 
-  // Waits `latency` from now (nothing when the latency is zero).
+  // The calls that reached the inner store since construction: those that paid the
+  // latency (requests), and the reads, writes and closes of the streams they opened.
+  struct CallCounts {
+    std::uint64_t requests = 0;
+    std::uint64_t streamCalls = 0;
+    std::uint64_t total() const { return requests + streamCalls; }
+  };
+  CallCounts callCounts() const;
+
+  // Waits `latency` from now (nothing when the latency is zero) and counts a request.
   void waitLatency() const;
   enum class Direction { Download, Upload };
   // Books `bytes` on the link of `direction` and waits until the booking ends (nothing
@@ -189,6 +200,7 @@ class ThrottleProvider : public fsp::IConfigurableProvider, public fsp::extensio
 
  private:
   class Link;  // one direction of the connection; shared with open streams, which may outlive us
+  struct Counters;  // shared with open streams likewise
 
   // Waits the latency, then runs `call`; an Exception naming an inner IRI is re-thrown
   // naming the throttle IRI (one of `outers` when it maps to that inner IRI).
@@ -211,6 +223,7 @@ class ThrottleProvider : public fsp::IConfigurableProvider, public fsp::extensio
   Options const options_;
   std::shared_ptr<Link> const download_;
   std::shared_ptr<Link> const upload_;
+  std::shared_ptr<Counters> const counters_;
 };
 
 // Makes throttles over the inner items the registry resolves for `throttle:<...>` IRIs.
