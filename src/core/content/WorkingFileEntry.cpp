@@ -900,9 +900,16 @@ void WorkingFileEntry::flushContentCache() {
   }
   incrementPendingCounter();
   auto token = std::make_shared<PendingToken>(shared_from_this());
+  // A read-only close waits only for the store's stream to be free of the writes queued
+  // before it: the writers' own close has set the file's time and re-read its attributes.
   executor_->executeTouching(
-      [token, location, metadata, generation, durability = std::move(durability)]() {
-        token->entry().runInnerClose(location, metadata, generation, durability.get());
+      [token, location, metadata, generation, wasReadOnly, durability = std::move(durability)]() {
+        if (wasReadOnly) {
+          if (durability) durability->run();
+          token->entry().closeInnerStreamNow(metadata, generation);
+        } else {
+          token->entry().runInnerClose(location, metadata, generation, durability.get());
+        }
         token->release();
       },
       ObservableTransactionType::FILE_CLOSE, params_.getMinItemWeight(), Touches::location(location.toString()));

@@ -16,7 +16,8 @@
 // Writing: bytes land in the cache file at once and are gathered in a WritableBuffer;
 // each full buffer is queued on the executor as one FILE_WRITE transaction. Closing the
 // last caller stream queues what remains and a FILE_CLOSE transaction (or, for a
-// read-only entry with nothing queued, closes the inner stream at once). A FILE_WRITE
+// read-only entry with nothing queued, closes the inner stream at once; a read-only
+// entry's queued close only closes the stream). A FILE_WRITE
 // gets three attempts (transient failures and errors that are not the store's; a
 // refusal gets one); one that still fails aborts the entry for good ("aborted due to a
 // write problem"), goes into the delivery report, and later writes store nothing;
@@ -270,8 +271,9 @@ class WorkingFileEntry : public std::enable_shared_from_this<WorkingFileEntry> {
   // with the metadata's last-modified time and queues what remains in the write buffer;
   // when this was the last stream: closes a read-only inner stream now if nothing is
   // pending (making the cache file durable first), else queues a FILE_CLOSE transaction
-  // (make the cache file durable, close the inner stream, stamp its last-modified time,
-  // refresh the extended attributes and watermark, thaw the metadata), and the entry
+  // (make the cache file durable, close the inner stream, and, unless the entry was
+  // read-only, stamp its last-modified time and refresh the extended attributes and
+  // watermark; thaw the metadata), and the entry
   // becomes not opened. The sync of the cache file is skipped when nothing was stored
   // in it since the last one.
   void flushContentCache();

@@ -21,6 +21,8 @@
 
 #include <gtest/gtest.h>
 
+#include <boost/property_tree/ptree.hpp>
+
 #include <algorithm>
 #include <atomic>
 #include <condition_variable>
@@ -493,6 +495,30 @@ TEST_F(OverlayConcurrencyTest, QueriesFollowChangesMadeElsewhereWithoutAFlush) {
           << std::string(path.begin(), path.end());
     }
   }
+}
+
+// With several transfers, reads do not wait behind unrelated writes: the first read of a
+// file the overlay has not fetched yet returns while the store holds another file's
+// payload, and the written file reads back from the cache.
+TEST_F(OverlayConcurrencyTest, AFirstReadReturnsWhileTheStoreHoldsAnUnrelatedPayload) {
+  boost::property_tree::ptree config;
+  config.put("overlay.transfers", 8);
+  provider->doConfigure(config);
+  std::string const stored(100000, 's');
+  store->elsewhere().createFolder(u"/in");
+  store->elsewhere().writeFile(u"/in/stored", stored);
+  auto& gate = store->gate(Operation::Write);
+  gate.close();
+  write(u"/written", "new bytes");
+  gate.waitForWaiters(1);  // its payload is held in the store
+
+  EXPECT_EQ(read(u"/in/stored"), stored);
+  EXPECT_EQ(read(u"/written"), "new bytes");
+  EXPECT_EQ(gate.waiting(), 1u);
+
+  gate.open();
+  provider->doFlushFilesystem();
+  EXPECT_EQ(store->contentOf(u"/written"), "new bytes");
 }
 
 TEST_F(OverlayConcurrencyTest, ShutdownAmidRunningOperationsNeitherCrashesNorHangs) {
