@@ -495,6 +495,7 @@ TEST_F(OvlDemo, RunsEndToEndAndVerifiesBothRuns) {
                           "see a change made elsewhere", "delete a sub-tree", "flush", "total"}) {
     EXPECT_THAT(result.out, HasSubstr("\n" + std::string(row))) << row;
   }
+  EXPECT_THAT(result.out, HasSubstr("through the overlay with 8 transfers at once"));
   EXPECT_THAT(result.out, HasSubstr("overlay queue: drained"));
   // Both runs leave the same content in the store: one combined checksum for both.
   auto const combined = [&](std::string const& run) {
@@ -543,11 +544,16 @@ TEST_F(OvlOverlay, DemoNamesAStoreThatDoesNotExist) {
   auto const flag = run({"demo", "--latency-ms", "fast"});
   EXPECT_EQ(flag.status, 2) << flag;
   EXPECT_THAT(flag.err, HasSubstr("--latency-ms: 'fast' is not a number"));
+  for (auto const* transfers : {"0", "2.5", "many"}) {
+    auto const bad = run({"demo", "--transfers", transfers});
+    EXPECT_EQ(bad.status, 2) << bad;
+    EXPECT_THAT(bad.err, HasSubstr(std::string("--transfers: '") + transfers + "' is not")) << bad;
+  }
 }
 
 TEST_F(OvlOverlay, BenchJsonHasEveryFigure) {
   auto const result = run({"bench", "--json", "--files", "20", "--large-mib", "1", "--latency-ms", "1", "--mbps", "0",
-                           "--tasks", "1000"});
+                           "--tasks", "1000", "--transfers", "3"});
   ASSERT_EQ(result.status, 0) << result;
   boost::property_tree::ptree tree;
   std::istringstream in(result.out);
@@ -565,6 +571,11 @@ TEST_F(OvlOverlay, BenchJsonHasEveryFigure) {
   ASSERT_TRUE(figures.count("executor_throughput"));
   EXPECT_GT(figures["executor_throughput"].get<double>("overlay"), 0);
   EXPECT_EQ(tree.get<unsigned>("parameters.files"), 20u);
+  EXPECT_EQ(tree.get<unsigned>("parameters.transfers"), 3u);
+  // Each written file costs the store at least its open, its payload and its close.
+  ASSERT_TRUE(figures.count("store_calls_per_file"));
+  EXPECT_GE(figures["store_calls_per_file"].get<double>("direct"), 3);
+  EXPECT_GE(figures["store_calls_per_file"].get<double>("overlay"), 3);
 }
 
 }  // namespace

@@ -210,7 +210,7 @@ class Run {
 
   // Writes new content to a file of the store from the store's side, then waits until
   // the session reads it (at once for the store itself; the overlay learns of it from the
-  // store's change events, which it works off in its one queue, after the changes of its
+  // store's change events, which it works off in its queue, after the changes of its
   // own that are still on their way to the store). The wait asks whether the file exists and for its size, not for its
   // content: the overlay holds the store's events back for a while after each of its own
   // stream openings (so that it does not take the echo of its own changes for a foreign
@@ -376,7 +376,7 @@ void printTable(std::ostream& out, Run const& direct, Run const& overlay, DemoOp
       << latchSeconds()
       << " s after its own last change (QV_OVERLAY_EVENT_ROBUSTNESS_TIMEOUT, in ms), so that it\n"
          " does not take the echo of its own writes for a foreign change, and works them off in its\n"
-         " one queue, after the writes of its own that are still on their way to the store)\n";
+         " queue, after the writes of its own that are still on their way to the store)\n";
 }
 
 // The store the demo works in: the folder named by --inner, or a new temporary folder.
