@@ -119,12 +119,15 @@ class BackendExecutor final : public IExecutor {
     queue_.setBackPressureObserver(std::move(observer));
   }
 
+  // What both queues share. Shortest decimal text that reads back as `value` ("10",
+  // "0.5", "104857600").
+  static std::string decimal(double value);
+  // Logs the refusal of a task of `type` queued after shutdown began.
+  static void logRefused(ObservableTransactionType type);
+
  private:
   // The worker loop.
   void run();
-
-  // Shortest decimal text that reads back as `value` ("10", "0.5", "104857600").
-  static std::string decimal(double value);
 
   SteadyClockSource const clock_;
   std::function<void()> const idleCallback_;
@@ -156,23 +159,9 @@ inline BackendExecutor::BackendExecutor(std::function<void()> idleCallback, doub
 }
 
 inline void BackendExecutor::execute(Task task, ObservableTransactionType type, double weight) {
-  if (notAccepting_.load()) {
-    auto& logger = getLogger();
-    logger.log(foundation::log::Error, "Attempted to execute task when no longer accepting.");
-    if (logger.isEnabled(foundation::log::Debug)) {
-      std::ostringstream message;
-      message << "ObservableTransactionType: " << type;
-      logger.log(foundation::log::Debug, message.str());
-    }
-    return;
-  }
+  if (notAccepting_.load()) return logRefused(type);
   if (queue_.size() == 0 && !busy_.load()) idleCallback_();
-  QueueRecord record;
-  record.task = std::move(task);
-  record.weight = weight;
-  record.type = type;
-  record.enqueueTime = clock_();
-  queue_.push(std::move(record));
+  queue_.push(QueueRecord::of(std::move(task), type, weight, clock_()));
 }
 
 inline void BackendExecutor::shutdown(bool cancelOutstanding) {
@@ -224,6 +213,16 @@ inline void BackendExecutor::run() {
       busy_.store(false);
     }  // the record (and what its task holds) is destroyed here, after busy_ went down
     if (stopped_.load()) return;
+  }
+}
+
+inline void BackendExecutor::logRefused(ObservableTransactionType type) {
+  auto& logger = getLogger();
+  logger.log(foundation::log::Error, "Attempted to execute task when no longer accepting.");
+  if (logger.isEnabled(foundation::log::Debug)) {
+    std::ostringstream message;
+    message << "ObservableTransactionType: " << type;
+    logger.log(foundation::log::Debug, message.str());
   }
 }
 

@@ -1,9 +1,9 @@
 #include <core/exec/ParallelExecutor.hpp>
 
+#include <core/exec/BackendExecutor.hpp>
+
 #include <core/util/Logger.hpp>
 
-#include <charconv>
-#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <system_error>
@@ -11,14 +11,6 @@
 namespace storage::overlayprovider {
 
 namespace {
-
-// Shortest decimal text that reads back as `value` ("10", "0.5", "104857600").
-std::string decimal(double value) {
-  char buffer[400];  // enough for any double in fixed notation
-  auto const result = std::to_chars(buffer, buffer + sizeof buffer, value, std::chars_format::fixed);
-  if (result.ec != std::errc()) return std::to_string(value);
-  return std::string(buffer, result.ptr);
-}
 
 std::size_t atLeastOne(std::size_t lanes) {
   if (lanes == 0) throw std::invalid_argument("ParallelExecutor needs at least one lane");
@@ -52,7 +44,7 @@ ParallelExecutor::ParallelExecutor(std::size_t lanes, std::function<void()> idle
     }
   }
   getLogger().log(foundation::log::Info, "ParallelExecutor initialized with " + std::to_string(lanes_) +
-                                             " lanes and a max queue weight of " + decimal(maxQueueWeight));
+                                             " lanes and a max queue weight of " + BackendExecutor::decimal(maxQueueWeight));
 }
 
 void ParallelExecutor::execute(Task task, ObservableTransactionType type, double weight) {
@@ -61,23 +53,9 @@ void ParallelExecutor::execute(Task task, ObservableTransactionType type, double
 
 void ParallelExecutor::executeTouching(Task task, ObservableTransactionType type, double weight,
                                        Touches const& touches) {
-  if (notAccepting_.load()) {
-    auto& logger = getLogger();
-    logger.log(foundation::log::Error, "Attempted to execute task when no longer accepting.");
-    if (logger.isEnabled(foundation::log::Debug)) {
-      std::ostringstream message;
-      message << "ObservableTransactionType: " << type;
-      logger.log(foundation::log::Debug, message.str());
-    }
-    return;
-  }
+  if (notAccepting_.load()) return BackendExecutor::logRefused(type);
   if (queue_.queued() == 0 && busyLanes_.load() == 0) idleCallback_();
-  QueueRecord record;
-  record.task = std::move(task);
-  record.weight = weight;
-  record.type = type;
-  record.enqueueTime = clock_();
-  queue_.push(std::move(record), touches);
+  queue_.push(QueueRecord::of(std::move(task), type, weight, clock_()), touches);
 }
 
 bool ParallelExecutor::tryRunHere(Task const& task, Touches const& touches) {
@@ -117,7 +95,7 @@ void ParallelExecutor::join() {
 }
 
 void ParallelExecutor::setMaxQueueWeight(double weight) {
-  getLogger().log(foundation::log::Info, "Updating ParallelExecutor max queue weight to " + decimal(weight));
+  getLogger().log(foundation::log::Info, "Updating ParallelExecutor max queue weight to " + BackendExecutor::decimal(weight));
   queue_.setMaxWeight(weight);
 }
 

@@ -6,6 +6,7 @@
 
 #include <chrono>
 #include <functional>
+#include <utility>
 
 namespace storage::overlayprovider {
 
@@ -18,6 +19,17 @@ struct QueueRecord {
   double weight = 0.0;
   ObservableTransactionType type = ObservableTransactionType::WAKEUP_FLUSH;
   std::chrono::steady_clock::time_point enqueueTime{};
+
+  // A task's record.
+  static QueueRecord of(std::function<void()> task, ObservableTransactionType type, double weight,
+                        std::chrono::steady_clock::time_point now) {
+    QueueRecord record;
+    record.task = std::move(task);
+    record.weight = weight;
+    record.type = type;
+    record.enqueueTime = now;
+    return record;
+  }
 
   // A marker record: no task, weight 0, type WAKEUP_FLUSH, enqueued at `now`.
   static QueueRecord marker(std::chrono::steady_clock::time_point now) {
