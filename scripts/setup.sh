@@ -10,9 +10,11 @@ PACKAGES=(
   libboost-dev libboost-log-dev libboost-thread-dev libboost-filesystem-dev
   libboost-iostreams-dev libboost-date-time-dev
   libcrypto++-dev libicu-dev
+  libfuse3-dev fuse3
 )
 if [ "${1:-}" = "--test" ]; then
-  PACKAGES+=(libgtest-dev libgmock-dev libbenchmark-dev clang)
+  # The mount's tests run real programs through it (git, rsync; fio for its benchmark).
+  PACKAGES+=(libgtest-dev libgmock-dev libbenchmark-dev clang git rsync fio)
 fi
 
 missing=()

@@ -1,6 +1,9 @@
 #include <ovl/Command.hpp>
 
 #include <ovl/Format.hpp>
+#ifdef OVL_WITH_MOUNT
+#include <ovl/MountCommands.hpp>
+#endif
 
 #include <fl/i18n.hpp>
 
@@ -275,6 +278,9 @@ std::vector<Command> const& commands() {
     std::vector<Command> all = fileCommands();
     all.push_back(demoCommand());
     all.push_back(benchCommand());
+#ifdef OVL_WITH_MOUNT
+    for (auto& command : mountCommands()) all.push_back(std::move(command));
+#endif
     for (auto& command : programCommands()) all.push_back(std::move(command));
     return all;
   }();

@@ -378,7 +378,8 @@ int runOvl(std::vector<std::string> args, std::ostream& out, std::ostream& err, 
     auto config = loadConfig(flags.config, flags.settings);
     checkCacheRoot(config);
     bool const overlayOperands = std::any_of(parsed.operands.begin(), parsed.operands.end(), Session::wrapsOverlayIRI);
-    bool const usesOverlay = flags.overlay || overlayOperands || command->name == "demo" || command->name == "bench";
+    bool const usesOverlay = flags.overlay || overlayOperands || command->name == "demo" || command->name == "bench" ||
+                             command->name == "mount";
     if (usesOverlay && !config.get_optional<std::string>("overlay.cacheRoot")) {
       auto const persist = config.get<std::string>("overlay.persistContentCache", "false");
       if (persist == "true" || persist == "1") {

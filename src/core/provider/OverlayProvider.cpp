@@ -19,6 +19,7 @@
 #include <boost/property_tree/ptree.hpp>
 
 #include <filesystem>
+#include <future>
 #include <optional>
 #include <stdexcept>
 
@@ -1031,6 +1032,26 @@ std::vector<fsp::extensions::UnlistedFolder> OverlayProvider::takeUnlistedFolder
 }
 
 fsp::extensions::QueueFigures OverlayProvider::getQueueFigures() const { return executorHandle_->queueFigures(); }
+
+void OverlayProvider::waitForDelivery(StorageIRI const& location) {
+  OVERLAY_TRACE_IRI(location);
+  lazyInitialize(location);
+  // The marker's promise is kept when the task is destroyed, whether it ran or a
+  // shutting-down executor dropped it, so the caller never waits for a task that will
+  // not run.
+  struct Marker {
+    std::promise<void> done;
+    ~Marker() { done.set_value(); }
+  };
+  std::future<void> done;
+  {
+    auto marker = std::make_shared<Marker>();
+    done = marker->done.get_future();
+    executorHandle_->executeTouching([marker] {}, ObservableTransactionType::WAKEUP_FLUSH, 0.0,
+                                     touching(getInnerMostURL(location)));
+  }
+  done.wait();
+}
 
 void OverlayProvider::doShutdown() {
   OVERLAY_TRACE();

@@ -150,6 +150,8 @@ class OverlayProvider : public fsp::IConfigurableProvider,
   std::vector<fsp::extensions::LocalCacheFailure> takeLocalCacheFailures() override;
   std::vector<fsp::extensions::UnlistedFolder> takeUnlistedFolders() override;
   fsp::extensions::QueueFigures getQueueFigures() const override;
+  // Queues a marker that touches `location` and waits until it has run or was dropped.
+  void waitForDelivery(StorageIRI const& location) override;
 
   // Creates the executor, the quota accountant, the event listener and the latch once,
   // then starts the whole-tree population of the metadata cache (waiting for it in

@@ -65,6 +65,12 @@ class IWriteBehindStatus {
   virtual std::vector<UnlistedFolder> takeUnlistedFolders() = 0;
   // The queue's figures now (all zero for a provider that runs every change at once).
   virtual QueueFigures getQueueFigures() const = 0;
+  // Blocks until every change to `location`, to a folder above it or to anything below
+  // it that was queued before the call has been run: delivered, or given up and then
+  // returned by takeUndeliveredChanges. Changes of other locations may still be on their
+  // way. Returns at once when the provider has stopped. `location` is an IRI of this
+  // provider. Thread-safe.
+  virtual void waitForDelivery(StorageIRI const& location) = 0;
 };
 
 }  // namespace foundation::storage::provider::extensions
