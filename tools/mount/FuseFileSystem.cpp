@@ -81,8 +81,6 @@ void fill(struct stat& st, fsp::FileAttributes const& a) {
 }
 void fill(struct stat& st, fsp::FolderAttributes const& a) { fill(st, true, 0, a.getLastModified(), a.isWritable()); }
 
-bool doesNotExist(fsp::Exception const& e) { return e.getErrorCode() == fsp::ErrorCode::DoesNotExist; }
-
 // Copies `text` into a getxattr/listxattr buffer: its length when `size` is 0, ERANGE when
 // it does not fit.
 int answer(std::string const& text, char* out, std::size_t size) {
@@ -199,16 +197,19 @@ fsp::StorageItem FuseFileSystem::item(char const* path) const { return fsp::Stor
 int FuseFileSystem::getattr(char const* path, struct stat* st, OpenFile*) {
   return guarded([&] {
     auto const it = item(path);
-    if (std::strcmp(path, "/") != 0) {
-      try {
+    // Asking for existence first works off the store's change events the overlay holds
+    // (asking for attributes alone would not): a file made elsewhere shows up here.
+    switch (it.existsExtended()) {
+      case fsp::ExistenceKind::File:
         fill(*st, it.getFileAttributes());
         return 0;
-      } catch (fsp::Exception const& e) {
-        if (!doesNotExist(e)) throw;
-      }
+      case fsp::ExistenceKind::Folder:
+        fill(*st, it.getFolderAttributes());
+        return 0;
+      case fsp::ExistenceKind::None:
+        break;
     }
-    fill(*st, it.getFolderAttributes());
-    return 0;
+    return -ENOENT;
   });
 }
 

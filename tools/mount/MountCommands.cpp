@@ -155,13 +155,27 @@ struct StatusSource {
   }
 };
 
-// The path of the folder the overlay lies over, in the store's own IRIs (the inner-most
-// IRI's path), without a trailing "/" except for the root.
-std::u16string storeRootPath(fsp::StorageIRI iri) {
-  while (iri.hasInnerIRI()) iri = iri.getInnerIRI();
-  auto path = iri.getPath();
-  while (path.size() > 1 && path.back() == u'/') path.pop_back();
-  return path.empty() ? u"/" : path;
+// The store folder `text` names (an IRI or a local path), seen through a throttle rooted
+// at it: with the session's latency and bandwidth when --throttle-ms/--throttle-mbps were
+// given, else with none. Throws CommandError naming `text` when it is not an existing
+// folder. Rooting matters beyond the delay: the overlay keeps the record of its root in
+// the listing of the folder above, and over a folder of a local disk that is the folder
+// holding the mount point, whose listing would ask this very mount for attributes.
+fsp::StorageItem rootedStore(Session& session, std::string const& text) {
+  fsp::StorageItem plain;
+  try {
+    plain = session.registry().resolve(text);
+  } catch (std::exception const& e) {
+    throw CommandError(text, e.what());
+  }
+  if (!plain.folderExists()) throw CommandError(text, "the store must be an existing folder");
+  auto const folder = fsp::StorageIRI(plain.getLocation().getResolvedIRI(), u"/");
+  providers::throttle::Options none;
+  none.latency = std::chrono::microseconds(0);
+  none.bytesPerSecond = 0;
+  auto const provider = std::make_shared<providers::throttle::ThrottleProvider>(
+      fsp::StorageItem(plain.getProvider(), folder), session.throttle().value_or(none));
+  return fsp::StorageItem(provider, fsp::StorageIRI(providers::throttle::kScheme, folder, u"/"));
 }
 
 // Shows, on a terminal, how many changes are still on their way while `drain` runs.
@@ -265,11 +279,10 @@ int serve(Session& session, Arguments const& args, std::string const& storeText,
   auto config = withTransfers(session.config(), args, source.transfers);
   source.cacheFolder = config.get<std::string>("overlay.cacheRoot", "");
   OverlayHost host(session.registry(), session.bundlePath(), config);
-  session.setOverlay(&host, storeText);
-  auto const root = session.resolve(storeText);
-  if (!root.folderExists()) throw CommandError(storeText, "the store must be an existing folder");
+  auto const inner = rootedStore(session, storeText);
+  auto const root = host.over(inner, inner.getLocation());
   source.status = dynamic_cast<fsp::extensions::IWriteBehindStatus*>(root.getProvider().get());
-  FuseFileSystem files(root, source.status, storeRootPath(root.getLocation()));
+  FuseFileSystem files(root, source.status, u"/");
   source.files = &files;
 
   std::string const options = "fsname=ovl,subtype=ovl,default_permissions";
