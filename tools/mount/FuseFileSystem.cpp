@@ -186,9 +186,9 @@ fuse_operations const& FuseFileSystem::operations() {
   return table;
 }
 
-FuseFileSystem::FuseFileSystem(fsp::StorageItem root, fsp::extensions::IWriteBehindStatus* status,
-                               std::u16string storeRootPath)
-    : root_(std::move(root)), status_(status), storeRootPath_(std::move(storeRootPath)) {}
+FuseFileSystem::FuseFileSystem(fsp::StorageItem root, fsp::StorageItem store,
+                               fsp::extensions::IWriteBehindStatus* status, std::u16string storeRootPath)
+    : root_(std::move(root)), store_(std::move(store)), status_(status), storeRootPath_(std::move(storeRootPath)) {}
 
 FuseFileSystem::~FuseFileSystem() { stopWatching(); }
 
@@ -419,15 +419,29 @@ int FuseFileSystem::statfs(struct statvfs* out) {
   out->f_bsize = out->f_frsize = 4096;
   out->f_namemax = 255;
   out->f_files = out->f_ffree = out->f_favail = 1u << 30;
+  std::optional<fsp::ProviderStorageInfo> info;
   try {
-    auto const info = root_.getProviderStorageInfo();
-    auto const capacity = info.getStorageCapacity();
-    auto const free = capacity > info.getSpaceOccupied() ? capacity - info.getSpaceOccupied() : 0;
+    info = root_.getProviderStorageInfo();
+  } catch (...) {
+    // No quota figures in the overlay: the store's own, which may be slow to ask.
+    std::lock_guard lock(storageMutex_);
+    auto const now = std::chrono::steady_clock::now();
+    if (!storage_ || now - storageAsked_ > std::chrono::seconds(5)) {
+      storageAsked_ = now;
+      try {
+        storage_ = store_.getProviderStorageInfo();
+      } catch (...) {
+        // The store tells no figures either: the file system shows none (0 blocks), as
+        // network file systems without quota do.
+      }
+    }
+    info = storage_;
+  }
+  if (info) {
+    auto const capacity = info->getStorageCapacity();
+    auto const free = capacity > info->getSpaceOccupied() ? capacity - info->getSpaceOccupied() : 0;
     out->f_blocks = capacity / out->f_frsize;
     out->f_bfree = out->f_bavail = free / out->f_frsize;
-  } catch (...) {
-    // The store tells no figures: the file system shows none (0 blocks), as network
-    // file systems without quota do.
   }
   return 0;
 }

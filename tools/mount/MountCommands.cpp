@@ -117,6 +117,7 @@ struct StatusSource {
     if (status) {
       auto const q = status->getQueueFigures();
       t.put("queue.queued", q.queued);
+      t.put("queue.queued_bytes", q.queuedBytes);
       t.put("queue.drains", q.drains);
       t.put("queue.longest_busy_ms", q.longestBusyPeriodMs);
       t.put("queue.longest_wait_ms", q.longestWaitMs);
@@ -189,7 +190,8 @@ void drainShowingProgress(Session& session, StatusSource const& source, std::fun
       std::unique_lock lock(mutex);
       while (!done.wait_for(lock, std::chrono::milliseconds(250), [&] { return finished; })) {
         auto const q = source.status->getQueueFigures();
-        session.err() << "\rovl mount: writing to the store: " << q.queued << " changes to go   " << std::flush;
+        session.err() << "\rovl mount: writing to the store: " << q.queued << " changes (" << humanSize(q.queuedBytes)
+                      << ") to go   " << std::flush;
       }
     });
   }
@@ -282,7 +284,7 @@ int serve(Session& session, Arguments const& args, std::string const& storeText,
   auto const inner = rootedStore(session, storeText);
   auto const root = host.over(inner, inner.getLocation());
   source.status = dynamic_cast<fsp::extensions::IWriteBehindStatus*>(root.getProvider().get());
-  FuseFileSystem files(root, source.status, u"/");
+  FuseFileSystem files(root, inner, source.status, u"/");
   source.files = &files;
 
   std::string const options = "fsname=ovl,subtype=ovl,default_permissions";
@@ -456,7 +458,8 @@ int runUmount(Session& session, Arguments const& args) {
     if (auto const now = askStatus(socket)) {
       if (session.errIsTerminal()) {
         session.err() << "\rovl umount: writing to the store: " << now->get<std::string>("queue.queued", "?")
-                      << " changes to go   " << std::flush;
+                      << " changes (" << humanSize(now->get<std::uint64_t>("queue.queued_bytes", 0)) << ") to go   "
+                      << std::flush;
       }
     }
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
@@ -502,7 +505,8 @@ int runStatus(Session& session, Arguments const& args) {
       << "store             " << s.get<std::string>("store", "") << '\n'
       << "process           " << s.get<std::string>("pid", "") << " (" << s.get<std::string>("phase", "") << ")\n"
       << "transfers         " << s.get<std::string>("transfers", "") << '\n'
-      << "not yet in store  " << s.get<std::string>("queue.queued", "0") << " queued changes\n"
+      << "not yet in store  " << s.get<std::string>("queue.queued", "0") << " queued changes carrying "
+      << humanSize(s.get<std::uint64_t>("queue.queued_bytes", 0)) << "\n"
       << "open files        " << s.get<std::string>("open_files", "0");
   auto const writing = s.get_child("open_for_writing", kNoChildren);
   if (!writing.empty()) {

@@ -674,7 +674,7 @@ void WorkingFileEntry::enqueueInnerWrite() {
         token->entry().runInnerWrite(start, *bytes, enqueued, openOperation, location, metadata);
         token->release();
       },
-      ObservableTransactionType::FILE_WRITE, weight, Touches::location(location_.toString()));
+      ObservableTransactionType::FILE_WRITE, weight, Touches::location(location_.toString()).carrying(bytes->size()));
 }
 
 void WorkingFileEntry::runInnerWrite(std::streampos start, std::vector<char> const& bytes,

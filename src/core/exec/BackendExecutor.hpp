@@ -72,6 +72,8 @@ class BackendExecutor final : public IExecutor {
   // task and the worker's next wait, or before the worker first entered its loop. This
   // narrow condition is deliberate. Then queues the task, waiting on the weight bound.
   void execute(Task task, ObservableTransactionType type, double weight) override;
+  // The same; `touches` only tells the payload bytes the task carries (queue figures).
+  void executeTouching(Task task, ObservableTransactionType type, double weight, Touches const& touches) override;
 
   // Stops accepting tasks. With `cancelOutstanding`, logs "Cancelling outstanding"
   // (debug) and discards the queued tasks (their weight is not released and their
@@ -159,9 +161,14 @@ inline BackendExecutor::BackendExecutor(std::function<void()> idleCallback, doub
 }
 
 inline void BackendExecutor::execute(Task task, ObservableTransactionType type, double weight) {
+  executeTouching(std::move(task), type, weight, Touches());
+}
+
+inline void BackendExecutor::executeTouching(Task task, ObservableTransactionType type, double weight,
+                                             Touches const& touches) {
   if (notAccepting_.load()) return logRefused(type);
   if (queue_.size() == 0 && !busy_.load()) idleCallback_();
-  queue_.push(QueueRecord::of(std::move(task), type, weight, clock_()));
+  queue_.push(QueueRecord::of(std::move(task), type, weight, clock_(), touches.payloadBytes()));
 }
 
 inline void BackendExecutor::shutdown(bool cancelOutstanding) {

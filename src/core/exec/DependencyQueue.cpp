@@ -147,6 +147,7 @@ void DependencyQueue::clear() {
         ++it;
         continue;
       }
+      accounting_.countDiscarded(node.record);
       discarded.push_back(std::move(node.record));
       if (node.locations.empty()) {
         if (lastBarrier_ == it->first) lastBarrier_.reset();

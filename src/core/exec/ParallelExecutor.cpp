@@ -55,7 +55,7 @@ void ParallelExecutor::executeTouching(Task task, ObservableTransactionType type
                                        Touches const& touches) {
   if (notAccepting_.load()) return BackendExecutor::logRefused(type);
   if (queue_.queued() == 0 && busyLanes_.load() == 0) idleCallback_();
-  queue_.push(QueueRecord::of(std::move(task), type, weight, clock_()), touches);
+  queue_.push(QueueRecord::of(std::move(task), type, weight, clock_(), touches.payloadBytes()), touches);
 }
 
 bool ParallelExecutor::tryRunHere(Task const& task, Touches const& touches) {

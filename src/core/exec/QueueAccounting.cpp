@@ -38,6 +38,7 @@ void QueueAccounting::producerReleased() {
 
 void QueueAccounting::countPush(QueueRecord const& record, bool addWeight, bool queueWasEmpty) {
   if (addWeight) currentWeight_ += record.weight;
+  queuedBytes_ += record.bytes;
   if (queueWasEmpty) {
     busyRecordCount_ = 0;
     busyStart_ = clock_();
@@ -57,6 +58,7 @@ void QueueAccounting::countPush(QueueRecord const& record, bool addWeight, bool 
 
 void QueueAccounting::countPop(QueueRecord const& record, bool releaseWeight, std::size_t queuedNow) {
   if (releaseWeight) currentWeight_ -= record.weight;
+  queuedBytes_ -= record.bytes;
   if (!captureMetrics_) return;
   try {
     auto const found = counters_.find(static_cast<int>(record.type));
@@ -82,6 +84,7 @@ void QueueAccounting::report(std::size_t queued) {
 foundation::storage::provider::extensions::QueueFigures QueueAccounting::figures(std::size_t queued) const {
   foundation::storage::provider::extensions::QueueFigures figures;
   figures.queued = queued;
+  figures.queuedBytes = queuedBytes_;
   figures.drains = drains_;
   figures.longestBusyPeriodMs = longestBusyMs_;
   figures.longestWaitMs = maxQueueTimeMs_;

@@ -66,6 +66,9 @@ class QueueAccounting {
   // is now empty) the time-to-empty record.
   void countPop(QueueRecord const& record, bool releaseWeight, std::size_t queuedNow);
 
+  // A record discarded unrun (a cancelling shutdown): its payload bytes no longer wait.
+  void countDiscarded(QueueRecord const& record) { queuedBytes_ -= record.bytes; }
+
   // Writes the statistics report at informational severity; `queued` records wait.
   // Failures to build it are swallowed.
   void report(std::size_t queued);
@@ -78,6 +81,7 @@ class QueueAccounting {
   void writeReport(std::size_t queued);
 
   double currentWeight_ = 0.0;         // may go negative, see BackendExecutor
+  std::uint64_t queuedBytes_ = 0;      // payload bytes of the records waiting now
   std::int64_t busyQueueTimeMs_ = 0;   // total queue time of the current busy period
   std::int64_t maxQueueTimeMs_ = 0;    // never reset
   std::int64_t totalQueueTimeMs_ = 0;  // never reset

@@ -5,6 +5,7 @@
 #include <core/exec/ObservableTransactionType.hpp>
 
 #include <chrono>
+#include <cstdint>
 #include <functional>
 #include <utility>
 
@@ -19,11 +20,13 @@ struct QueueRecord {
   double weight = 0.0;
   ObservableTransactionType type = ObservableTransactionType::WAKEUP_FLUSH;
   std::chrono::steady_clock::time_point enqueueTime{};
+  std::uint64_t bytes = 0;  // file content the task carries to the store
 
   // A task's record.
   static QueueRecord of(std::function<void()> task, ObservableTransactionType type, double weight,
-                        std::chrono::steady_clock::time_point now) {
+                        std::chrono::steady_clock::time_point now, std::uint64_t bytes = 0) {
     QueueRecord record;
+    record.bytes = bytes;
     record.task = std::move(task);
     record.weight = weight;
     record.type = type;

@@ -45,6 +45,7 @@ void TaskQueue::clear() {
   {
     LockGuard lock(mutex_);
     discarded.swap(records_);
+    for (auto const& record : discarded) accounting_.countDiscarded(record);
   }
 }
 

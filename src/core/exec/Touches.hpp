@@ -20,6 +20,7 @@
 // folder.
 #pragma once
 
+#include <cstdint>
 #include <initializer_list>
 #include <string>
 #include <utility>
@@ -46,6 +47,15 @@ class Touches {
   }
   Touches(std::initializer_list<std::u16string> locations) : Touches(std::vector<std::u16string>(locations)) {}
 
+  // The same, carrying `bytes` of file content to the store (a payload): counted in the
+  // queue's figures while the transaction waits; it changes no order.
+  Touches carrying(std::uint64_t bytes) const {
+    Touches copy = *this;
+    copy.bytes_ = bytes;
+    return copy;
+  }
+  std::uint64_t payloadBytes() const noexcept { return bytes_; }
+
   bool isBarrier() const noexcept { return locations_.empty(); }
   // The locations, each without a trailing '/'.
   std::vector<std::u16string> const& locations() const noexcept { return locations_; }
@@ -62,6 +72,7 @@ class Touches {
 
  private:
   std::vector<std::u16string> locations_;
+  std::uint64_t bytes_ = 0;
 };
 
 }  // namespace storage::overlayprovider

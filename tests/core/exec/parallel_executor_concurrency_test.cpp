@@ -213,17 +213,20 @@ TEST(ParallelExecutorConcurrencyTest, ShutdownWithCancelDiscardsWhatHasNotStarte
   ParallelExecutor executor(2, [] {}, 0);
   Gate a, b;
   Journal journal;
-  executor.executeTouching([&] { a.pass(); journal.add("a"); }, T::FILE_WRITE, 0, at(u"mem://s/a"));
+  executor.executeTouching([&] { a.pass(); journal.add("a"); }, T::FILE_WRITE, 0, at(u"mem://s/a").carrying(7));
   executor.executeTouching([&] { b.pass(); journal.add("b"); }, T::FILE_WRITE, 0, at(u"mem://s/b"));
   a.waitArrived();
   b.waitArrived();
   executor.executeTouching([&] { journal.add("a-close"); }, T::FILE_CLOSE, 0, at(u"mem://s/a"));
-  executor.executeTouching([&] { journal.add("c"); }, T::FILE_WRITE, 0, at(u"mem://s/c"));
+  executor.executeTouching([&] { journal.add("c"); }, T::FILE_WRITE, 0, at(u"mem://s/c").carrying(100));
   executor.execute([&] { journal.add("event"); }, T::EXTERNAL_EVENT, 0);
+  // Only what waits counts: a's payload has started.
+  EXPECT_EQ(100u, executor.queueFigures().queuedBytes);
 
   executor.shutdown(true);  // returns while both lanes still run
   EXPECT_TRUE(executor.isShutdown());
   EXPECT_TRUE(executor.isQueueEmpty());
+  EXPECT_EQ(0u, executor.queueFigures().queuedBytes);
   executor.executeTouching([&] { journal.add("refused"); }, T::FILE_WRITE, 0, at(u"mem://s/z"));
   EXPECT_EQ(1u, messagesContaining(sink, "no longer accepting").size());
 

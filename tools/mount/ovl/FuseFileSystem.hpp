@@ -28,7 +28,9 @@
 #include <foundation/storage/provider/StorageItem.hpp>
 #include <foundation/storage/provider/extensions/IWriteBehindStatus.hpp>
 
+#include <chrono>
 #include <cstdint>
+#include <optional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -48,12 +50,14 @@ namespace fsp = foundation::storage::provider;
 
 class FuseFileSystem {
  public:
-  // Serves the overlay item `root` (an overlay folder); `status` is the overlay provider's
-  // write-behind status (not owned; may be null for a provider without one).
-  // `storeRootPath` is the path, in the store's own IRIs, of the folder under the overlay
-  // root: the locations of the store's change events and of failed changes are mapped to
-  // mount paths with it.
-  FuseFileSystem(fsp::StorageItem root, fsp::extensions::IWriteBehindStatus* status, std::u16string storeRootPath);
+  // Serves the overlay item `root` (an overlay folder) laid over the store folder `store`;
+  // `status` is the overlay provider's write-behind status (not owned; may be null for a
+  // provider without one). `storeRootPath` is the path, in the store's own IRIs, of the
+  // folder under the overlay root: the locations of the store's change events and of
+  // failed changes are mapped to mount paths with it. statfs shows the overlay's quota
+  // figures, else the store's own (asked at most every few seconds).
+  FuseFileSystem(fsp::StorageItem root, fsp::StorageItem store, fsp::extensions::IWriteBehindStatus* status,
+                 std::u16string storeRootPath);
   ~FuseFileSystem();
   FuseFileSystem(FuseFileSystem const&) = delete;
   FuseFileSystem& operator=(FuseFileSystem const&) = delete;
@@ -115,6 +119,7 @@ class FuseFileSystem {
   void invalidate(std::string const& path);
 
   fsp::StorageItem const root_;
+  fsp::StorageItem const store_;
   fsp::extensions::IWriteBehindStatus* const status_;
   std::u16string const storeRootPath_;
 
@@ -123,6 +128,10 @@ class FuseFileSystem {
   std::vector<Failure> failures_;                        // guarded by mutex_
   std::uint64_t failureCount_ = 0;                       // guarded by mutex_
   std::map<std::string, std::string> pending_;           // failed, not yet told: path -> cause; mutex_
+
+  std::mutex storageMutex_;
+  std::optional<fsp::ProviderStorageInfo> storage_;            // guarded by storageMutex_
+  std::chrono::steady_clock::time_point storageAsked_{};      // guarded by storageMutex_
 
   std::mutex watchMutex_;
   struct fuse* mounted_ = nullptr;  // guarded by watchMutex_; set while watching

@@ -46,6 +46,7 @@ struct UnlistedFolder {
 // Figures of the provider's queue of changes since it started.
 struct QueueFigures {
   std::size_t queued = 0;                  // transactions waiting now
+  std::uint64_t queuedBytes = 0;           // file content those transactions carry, in bytes
   std::uint64_t drains = 0;                // times the queue ran empty after being busy
   std::int64_t longestBusyPeriodMs = 0;    // from a push into an empty queue until it ran empty
   std::int64_t longestWaitMs = 0;          // the longest time a transaction waited to start
