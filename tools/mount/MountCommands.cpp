@@ -18,6 +18,7 @@
 #include <cstdlib>
 #include <fcntl.h>
 #include <fstream>
+#include <iomanip>
 #include <iostream>
 #include <pthread.h>
 #include <sstream>
@@ -519,8 +520,8 @@ int runStatus(Session& session, Arguments const& args) {
         << "): " << one.second.get<std::string>("cause", "") << '\n';
   }
   out << "queue             " << s.get<std::string>("queue.drains", "0") << " drains, longest wait "
-      << s.get<std::string>("queue.longest_wait_ms", "0") << " ms, average wait "
-      << s.get<std::string>("queue.average_wait_ms", "0") << " ms\n";
+      << s.get<std::string>("queue.longest_wait_ms", "0") << " ms, average wait " << std::fixed
+      << std::setprecision(1) << s.get<double>("queue.average_wait_ms", 0) << " ms\n";
   if (auto const bytes = s.get_optional<std::uint64_t>("cache.bytes")) {
     out << "cache             " << humanSize(*bytes) << " in " << s.get<std::string>("cache.folder", "");
     if (auto const free = s.get_optional<std::uint64_t>("cache.free_bytes")) out << ", " << humanSize(*free) << " free";
