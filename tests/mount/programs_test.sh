@@ -57,6 +57,12 @@ diff -u "$SCRATCH/local.out" "$SCRATCH/mnt.out" || fail "the programs printed ot
 # and git's config records that the mount keeps no executable bits and no symbolic links.
 diff -r --exclude=index --exclude=config "$SCRATCH/local" "$SCRATCH/mnt" || fail "the trees differ"
 
+# What the mount cannot hold is refused plainly.
+for refused in "ln -s code-renamed $SCRATCH/mnt/link" "ln $SCRATCH/mnt/archive.tar $SCRATCH/mnt/hard" "mkfifo $SCRATCH/mnt/fifo"; do
+  out="$($refused 2>&1)" && fail "'$refused' worked in the mount"
+  case "$out" in *"Operation not permitted"*) ;; *) fail "'$refused' failed otherwise than with EPERM: $out" ;; esac
+done
+
 umount_store "$SCRATCH/mnt"
 diff <(tree_sums "$SCRATCH/local" | grep -v -e ' ./repo/.git/index$' -e ' ./repo/.git/config$') \
      <(tree_sums "$SCRATCH/store" | grep -v -e ' ./repo/.git/index$' -e ' ./repo/.git/config$') ||
