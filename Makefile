@@ -64,6 +64,7 @@ test-clang: setup-test
 
 bench: build
 	@for b in build/release/bench/*_bench; do echo "== $$b"; $$b; done
+	@bash bench/mount_bench.sh build/release/tools/ovl || [ $$? = 77 ]
 
 clean:
 	@rm -rf build
