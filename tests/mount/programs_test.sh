@@ -63,6 +63,14 @@ for refused in "ln -s code-renamed $SCRATCH/mnt/link" "ln $SCRATCH/mnt/archive.t
   case "$out" in *"Operation not permitted"*) ;; *) fail "'$refused' failed otherwise than with EPERM: $out" ;; esac
 done
 
+# A file removed while open stays readable through the open descriptor, as on a local disk.
+echo kept >"$SCRATCH/mnt/open-removed"
+exec 3<"$SCRATCH/mnt/open-removed"
+rm "$SCRATCH/mnt/open-removed"
+[ ! -e "$SCRATCH/mnt/open-removed" ] || fail "a removed open file is still there by its name"
+[ "$(cat <&3)" = kept ] || fail "a removed open file could not be read through its descriptor"
+exec 3<&-
+
 umount_store "$SCRATCH/mnt"
 diff <(tree_sums "$SCRATCH/local" | grep -v -e ' ./repo/.git/index$' -e ' ./repo/.git/config$') \
      <(tree_sums "$SCRATCH/store" | grep -v -e ' ./repo/.git/index$' -e ' ./repo/.git/config$') ||
