@@ -111,10 +111,12 @@ std::optional<DependencyQueue::Taken> DependencyQueue::take() {
 }
 
 void DependencyQueue::finish(std::uint64_t id) {
+  std::size_t released = 0;
   {
     LockGuard lock(mutex_);
     auto const found = nodes_.find(id);
     if (found == nodes_.end()) return;
+    std::size_t const freeBefore = free_.size();
     Node node = std::move(found->second);
     nodes_.erase(found);
     for (auto const waiter : node.waiters) release(waiter);
@@ -132,8 +134,11 @@ void DependencyQueue::finish(std::uint64_t id) {
         if (closedBy) release(*closedBy);
       }
     }
+    released = free_.size() - freeBefore;
   }
-  freed_.notify_all();
+  // One lane per transaction that may now start: waking every idle lane for each finished
+  // transaction cost more than the small transactions themselves.
+  for (std::size_t i = 0; i < released; ++i) freed_.notify_one();
   finished_.notify_all();
 }
 
