@@ -107,6 +107,7 @@ struct StatusSource {
   FuseFileSystem* files = nullptr;
   foundation::storage::provider::extensions::IWriteBehindStatus* status = nullptr;
   std::atomic<bool> draining{false};
+  std::atomic<bool> reportWanted{false};  // an ovl umount waits for the final report
 
   ptree::ptree tree() const {
     ptree::ptree t;
@@ -305,7 +306,14 @@ int serve(Session& session, Arguments const& args, std::string const& storeText,
   std::optional<mount::ControlServer> control;
   auto const socket = mount::controlSocketFor(mountPoint, true);
   try {
-    control.emplace(socket, [&](std::string const&) { return source.json(); });
+    // A report left by an earlier mount here that nobody read goes.
+    std::error_code ignored;
+    fs::remove(mount::reportPathFor(socket), ignored);
+    control.emplace(socket, [&](std::string const& request) {
+      if (request == "report") source.reportWanted = true;
+      if (request == "no-report") source.reportWanted = false;
+      return source.json();
+    });
   } catch (std::exception const& e) {
     fuse_unmount(mounted);
     fuse_destroy(mounted);
@@ -360,7 +368,7 @@ int serve(Session& session, Arguments const& args, std::string const& storeText,
   }
   report.add_child("failures.recent", lines);
   if (!drainFailure.empty()) report.put("error", drainFailure);
-  {
+  if (source.reportWanted) {
     auto const reportPath = mount::reportPathFor(socket);
     auto const written = reportPath.string() + ".part";
     std::ofstream out(written);
@@ -434,8 +442,8 @@ int runMount(Session& session, Arguments const& args) {
   return serve(session, args, storeText, mountPoint);
 }
 
-std::optional<ptree::ptree> askStatus(fs::path const& socket) {
-  auto const answer = mount::askControl(socket, "status");
+std::optional<ptree::ptree> askStatus(fs::path const& socket, std::string const& request = "status") {
+  auto const answer = mount::askControl(socket, request);
   if (!answer || answer->empty()) return std::nullopt;
   ptree::ptree tree;
   std::istringstream in(*answer);
@@ -450,10 +458,13 @@ std::optional<ptree::ptree> askStatus(fs::path const& socket) {
 int runUmount(Session& session, Arguments const& args) {
   auto const mountPoint = mountPointOf(args.operands[0]);
   auto const socket = mount::controlSocketFor(mountPoint, false);
-  auto const status = askStatus(socket);
+  auto const status = askStatus(socket, "report");
   if (!status) throw CommandError(mountPoint.string(), "no ovl mount answers for this folder");
   pid_t const pid = status->get<pid_t>("pid", 0);
-  if (auto const failure = unmount(mountPoint, false)) throw CommandError(mountPoint.string(), "cannot unmount: " + *failure);
+  if (auto const failure = unmount(mountPoint, false)) {
+    mount::askControl(socket, "no-report");
+    throw CommandError(mountPoint.string(), "cannot unmount: " + *failure);
+  }
   // The mount process now drains its queue into the store; wait for its report.
   while (pid > 0 && ::kill(pid, 0) == 0) {
     if (auto const now = askStatus(socket)) {

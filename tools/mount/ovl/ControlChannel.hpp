@@ -3,10 +3,11 @@
 // The mount process listens on a Unix socket whose name follows from the mount point
 // (so no file in the mount has to be read to find it): in $XDG_RUNTIME_DIR/ovl, else
 // /run/ovl for root, else /tmp/ovl-<uid>, as "mount-<hash of the mount point's absolute
-// path>.sock". A client connects, writes one request line ("status") and reads one JSON
-// answer until the server closes the connection. When the mount process ends it writes
-// its final report beside the socket ("....result", JSON) and removes the socket; the
-// umount client reads and removes the report.
+// path>.sock". A client connects, writes one request line and reads one JSON answer (the
+// mount's status) until the server closes the connection: "status"; "report", which also
+// asks the mount process to write its final report beside the socket ("....result",
+// JSON) when it ends, for `ovl umount` to read and remove; "no-report", which takes that
+// back (an unmount that failed).
 #pragma once
 
 #include <filesystem>
