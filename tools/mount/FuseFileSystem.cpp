@@ -280,6 +280,19 @@ int FuseFileSystem::chmod(char const* path, unsigned mode) {
   });
 }
 
+void FuseFileSystem::reopenAround(OpenFile& file, fsp::StorageItem const& it, std::function<void()> const& between) {
+  std::lock_guard lock(file.mutex);
+  if (file.stream) {
+    auto stream = std::move(file.stream);
+    stream->close();
+  }
+  between();
+  auto again = file.options;
+  again.openMode = fsp::ByteStreamOpenOptions::OpenExisting;
+  again.truncate = false;
+  file.stream = it.openStream(again);
+}
+
 int FuseFileSystem::truncate(char const* path, long long size, OpenFile* open) {
   if (size < 0) return -EINVAL;
   return guarded([&] {
@@ -288,18 +301,8 @@ int FuseFileSystem::truncate(char const* path, long long size, OpenFile* open) {
       it.truncateToSize(static_cast<unsigned long long>(size));
       return 0;
     }
-    // The open stream is closed around the truncation, which opens the file itself, and
-    // opened again as it was (without emptying it).
-    std::lock_guard lock(open->mutex);
-    if (open->stream) {
-      auto stream = std::move(open->stream);
-      stream->close();
-    }
-    it.truncateToSize(static_cast<unsigned long long>(size));
-    auto again = open->options;
-    again.openMode = fsp::ByteStreamOpenOptions::OpenExisting;
-    again.truncate = false;
-    open->stream = it.openStream(again);
+    // The truncation opens the file itself: the open stream is closed around it.
+    reopenAround(*open, it, [&] { it.truncateToSize(static_cast<unsigned long long>(size)); });
     return 0;
   });
 }
@@ -396,17 +399,8 @@ int FuseFileSystem::fsync(char const* path, OpenFile* file) {
   return guarded([&] {
     auto const it = item(path);
     if (file && file->writable) {
-      // What the stream holds goes to the overlay's queue with its close; the stream is
-      // opened again for the program's next writes.
-      std::lock_guard lock(file->mutex);
-      if (file->stream) {
-        auto stream = std::move(file->stream);
-        stream->close();
-      }
-      auto again = file->options;
-      again.openMode = fsp::ByteStreamOpenOptions::OpenExisting;
-      again.truncate = false;
-      file->stream = it.openStream(again);
+      // What the stream holds goes to the overlay's queue with its close.
+      reopenAround(*file, it, [] {});
     }
     if (status_) status_->waitForDelivery(it.getLocation());
     collectFailures();

@@ -197,25 +197,32 @@ void drainShowingProgress(Session& session, StatusSource const& source, std::fun
       }
     });
   }
-  try {
-    drain();
-  } catch (...) {
-    {
-      std::lock_guard lock(mutex);
-      finished = true;
+  // The progress line stops, and is wiped, however the drain ends.
+  struct Stop {
+    std::mutex& mutex;
+    std::condition_variable& done;
+    bool& finished;
+    std::thread& shower;
+    std::ostream& err;
+    ~Stop() {
+      {
+        std::lock_guard lock(mutex);
+        finished = true;
+      }
+      done.notify_all();
+      if (!shower.joinable()) return;
+      shower.join();
+      err << "\r" << std::string(60, ' ') << "\r" << std::flush;
     }
-    done.notify_all();
-    if (shower.joinable()) shower.join();
-    throw;
-  }
-  {
-    std::lock_guard lock(mutex);
-    finished = true;
-  }
-  done.notify_all();
-  if (shower.joinable()) {
-    shower.join();
-    session.err() << "\r" << std::string(60, ' ') << "\r" << std::flush;
+  } stop{mutex, done, finished, shower, session.err()};
+  drain();
+}
+
+// One line per failed change of a "failures.recent" list: "  PATH (CHANGE): CAUSE".
+void printFailures(std::ostream& out, ptree::ptree const& failures) {
+  for (auto const& one : failures) {
+    out << "  " << one.second.get<std::string>("path", "") << " (" << one.second.get<std::string>("change", "")
+        << "): " << one.second.get<std::string>("cause", "") << '\n';
   }
 }
 
@@ -386,10 +393,7 @@ int serve(Session& session, Arguments const& args, std::string const& storeText,
   }
   if (!drainFailure.empty()) session.err() << "ovl mount: writing to the store failed: " << drainFailure << '\n';
   session.err() << "ovl mount: " << failed << " change(s) did not reach the store:\n";
-  for (auto const& one : report.get_child("failures.recent")) {
-    session.err() << "  " << one.second.get<std::string>("path") << " (" << one.second.get<std::string>("change")
-                  << "): " << one.second.get<std::string>("cause") << '\n';
-  }
+  printFailures(session.err(), report.get_child("failures.recent"));
   return 1;
 }
 
@@ -442,8 +446,8 @@ int runMount(Session& session, Arguments const& args) {
   return serve(session, args, storeText, mountPoint);
 }
 
-std::optional<ptree::ptree> askStatus(fs::path const& socket, std::string const& request = "status") {
-  auto const answer = mount::askControl(socket, request);
+// The JSON tree of `answer`; nothing when there is none or it is not JSON.
+std::optional<ptree::ptree> parsed(std::optional<std::string> const& answer) {
   if (!answer || answer->empty()) return std::nullopt;
   ptree::ptree tree;
   std::istringstream in(*answer);
@@ -453,6 +457,10 @@ std::optional<ptree::ptree> askStatus(fs::path const& socket, std::string const&
     return std::nullopt;
   }
   return tree;
+}
+
+std::optional<ptree::ptree> askStatus(fs::path const& socket, std::string const& request = "status") {
+  return parsed(mount::askControl(socket, request));
 }
 
 int runUmount(Session& session, Arguments const& args) {
@@ -492,10 +500,7 @@ int runUmount(Session& session, Arguments const& args) {
   }
   session.err() << "ovl umount: " << mountPoint.string() << ": " << report.get<std::string>("failures.count", "?")
                 << " change(s) did not reach the store:\n";
-  for (auto const& one : report.get_child("failures.recent", kNoChildren)) {
-    session.err() << "  " << one.second.get<std::string>("path", "") << " (" << one.second.get<std::string>("change", "")
-                  << "): " << one.second.get<std::string>("cause", "") << '\n';
-  }
+  printFailures(session.err(), report.get_child("failures.recent", kNoChildren));
   if (auto const error = report.get_optional<std::string>("error")) session.err() << "  " << *error << '\n';
   return 1;
 }
@@ -509,7 +514,7 @@ int runStatus(Session& session, Arguments const& args) {
     session.out() << *answer;
     return 0;
   }
-  auto const status = askStatus(socket);
+  auto const status = parsed(answer);
   if (!status) throw CommandError(mountPoint.string(), "the mount process gave an answer that is not JSON");
   auto& out = session.out();
   auto const& s = *status;
@@ -526,10 +531,7 @@ int runStatus(Session& session, Arguments const& args) {
     for (auto const& one : writing) out << ' ' << one.second.data();
   }
   out << '\n' << "failed changes    " << s.get<std::string>("failures.count", "0") << '\n';
-  for (auto const& one : s.get_child("failures.recent", kNoChildren)) {
-    out << "  " << one.second.get<std::string>("path", "") << " (" << one.second.get<std::string>("change", "")
-        << "): " << one.second.get<std::string>("cause", "") << '\n';
-  }
+  printFailures(out, s.get_child("failures.recent", kNoChildren));
   out << "queue             " << s.get<std::string>("queue.drains", "0") << " drains, longest wait "
       << s.get<std::string>("queue.longest_wait_ms", "0") << " ms, average wait " << std::fixed
       << std::setprecision(1) << s.get<double>("queue.average_wait_ms", 0) << " ms\n";

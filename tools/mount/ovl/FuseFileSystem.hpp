@@ -30,6 +30,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <map>
 #include <memory>
@@ -112,6 +113,9 @@ class FuseFileSystem {
 
  private:
   fsp::StorageItem item(char const* path) const;
+  // Closes the writable stream of `file` (its bytes and close go to the queue), runs
+  // `between`, and opens the stream of `it` again as it was opened, without emptying it.
+  void reopenAround(OpenFile& file, fsp::StorageItem const& it, std::function<void()> const& between);
   // Takes the provider's undelivered changes into failures_ and pending_.
   void collectFailures();
   // True (and forgets it) when a change of `path` failed since its last close or fsync.
