@@ -81,6 +81,15 @@ struct StoreCapabilities {
   // the store beneath, so a file written through the overlay has it once the queue
   // has drained.
   bool watermarkBeforeFlush = true;
+  // Listings report a time set with setLastModified and a writable flag cleared with
+  // setWritable, as the item's own attributes do. An object store lists only what it
+  // keeps for every key (size, time of storing); what was set is in each object's
+  // metadata, which the attributes of one item report.
+  bool listingsCarrySetAttributes = true;
+  // The item's own attributes report what was set and the store enforces the flag. False
+  // for the overlay over a store whose listings do not carry them, once the overlay has
+  // dropped its caches and listed the folder again (the flushed instantiations).
+  bool keepsSetAttributes = true;
 };
 
 // One fresh working folder on the provider under test. The suite makes one harness per

@@ -31,7 +31,14 @@ StorageIRI getInnerMostURL(StorageIRI const& iri) {
   while (innermost->hasInnerIRI()) innermost = &innermost->getInnerIRI();
 
   if (innermost->getPath() == u"/") return StorageIRI(stripHostFrom(*innermost), iri.getPath()).getResolvedIRI();
-  if (iri.getScheme() == u"overlay") return StorageIRI(direct, iri.getPath()).getResolvedIRI();
+  if (iri.getScheme() == u"overlay") {
+    // Without the host, as every other branch: the cache's keys have no authority, and a
+    // key kept with it (an s3 bucket) would name a different entry than the same item
+    // reached through a store's event. The store is one provider per authority, so the
+    // path alone still addresses it.
+    StorageIRI joined(direct, iri.getPath());
+    return (joined.getAuthority().empty() ? joined : stripHostFrom(joined)).getResolvedIRI();
+  }
   return iri.getResolvedIRI();
 }
 

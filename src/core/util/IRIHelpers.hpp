@@ -32,7 +32,8 @@ StorageIRI getPhysicalURLFromFilteringURL(StorageIRI const& iri);
 //    without its host, joined with the outer path, resolved (the paths of intermediate
 //    levels are not used);
 //  - otherwise, scheme exactly "overlay": the direct inner IRI joined with the outer
-//    path, resolved;
+//    path, without its host, resolved ("overlay:<s3://bucket/work/>/a" ->
+//    "s3:///work/a");
 //  - otherwise: `iri` resolved.
 // Lets the exceptions of stripHostFrom and of IRI construction propagate.
 StorageIRI getInnerMostURL(StorageIRI const& iri);

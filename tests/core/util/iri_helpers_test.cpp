@@ -81,9 +81,10 @@ TEST(IRIHelpersTest, InnerMostOfANestedIRI) {
   // Nor does it undo a filtering scheme of the innermost IRI.
   EXPECT_EQ("sync+file:///a", innermost(u"overlay:<sync+file://h/>/a"));
 
-  // Innermost path not "/" and scheme exactly "overlay": the direct inner IRI (host and
-  // all) joined with the outer path.
-  EXPECT_EQ("file://host/srv/data/docs/a.txt", innermost(u"overlay:<file://host/srv/data/>/docs/a.txt"));
+  // Innermost path not "/" and scheme exactly "overlay": the direct inner IRI joined with
+  // the outer path, without its host (one store serves one host: an s3 bucket).
+  EXPECT_EQ("file:///srv/data/docs/a.txt", innermost(u"overlay:<file://host/srv/data/>/docs/a.txt"));
+  EXPECT_EQ("s3:///work/a.txt", innermost(u"overlay:<s3://bucket/work/>/a.txt"));
   EXPECT_EQ("file:///srv/data/b", innermost(u"overlay:<file:///srv/data>/docs/../b"));
   EXPECT_EQ("overlay:<mem://s1/base>/mid/a", innermost(u"overlay:<overlay:<mem://s1/base>/mid>/a"));
 
