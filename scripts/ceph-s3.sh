@@ -10,7 +10,7 @@ DEFAULT_MON_BASE=13300
 DEFAULT_S3_BASE=17480
 PORT_TRIES=200
 BUCKET=ovl-test
-DAEMONS=(mon osd rgw)                    # start order; stop goes the other way
+DAEMONS=(mon.a osd.0 client.rgw.s3)     # Ceph's names, in start order; stop goes the other way
 RGW_POOLS=(.rgw.root default.rgw.control default.rgw.meta default.rgw.log
            default.rgw.buckets.index default.rgw.buckets.data default.rgw.buckets.non-ec)
 
@@ -203,7 +203,7 @@ cmd_stop() {
 # makes each on first use, and its first requests wait for them), then waits for the
 # OSD to be up: a client that starts before that looks for an OSD again only after
 # five seconds.
-PY_HELPER=$(cat <<'EOF'
+PY_CODE=$(cat <<'EOF'
 import json, socket, sys, threading, time
 
 def port_free(port):
@@ -281,7 +281,8 @@ else:
     sys.exit(f'unknown helper action {action}')
 EOF
 )
-py_helper() { /usr/bin/python3 -c "$PY_HELPER" "$@"; }
+# A command, not a function, so that a step's PID is Python's own and killing it ends it.
+PY_HELPER=(/usr/bin/python3 -c "$PY_CODE")
 
 # --- start ----------------------------------------------------------------------------
 
@@ -299,6 +300,8 @@ launch() {
     exec "$@" -c "$CONF" -f </dev/null >"$DIR/log/$name.out" 2>&1
   ) &
   echo $! >"$DIR/run/$name.pid"
+  # Not a job of this shell: stop ends it by PID, and its end is reported by check_daemons.
+  disown $!
 }
 
 # Shows the end of a daemon's log (and of what it wrote to its standard error).
@@ -415,6 +418,12 @@ admin_socket = $DIR/run/\$name.asok
 osd_objectstore = memstore
 memstore_device_bytes = $STORE_BYTES
 
+[client.admin]
+# The tools start runs give up rather than wait for a cluster that has gone away.
+client_mount_timeout = $TIMEOUT
+rados_mon_op_timeout = $TIMEOUT
+rados_osd_op_timeout = $TIMEOUT
+
 [client.rgw.s3]
 rgw_data = $DIR/rgw
 admin_socket = $DIR/run/\$name.asok
@@ -437,8 +446,8 @@ start_cleanup() {
   local pid
   for pid in "${!STEP_NAMES[@]}"; do kill "$pid" 2>/dev/null || true; done
   [ -d "$DIR/run" ] || exit "$status"
-  if stop_daemons "$DIR"; then
-    echo "$ME: stopped what this start had launched; logs kept in $DIR/log" >&2
+  if compgen -G "$DIR/run/*.pid" >/dev/null && stop_daemons "$DIR"; then
+    echo "$ME: stopped the daemons this start had launched; logs kept in $DIR/log" >&2
   fi
   exit "$status"
 }
@@ -493,7 +502,7 @@ cmd_start() {
     flock -w "$TIMEOUT" 9 || start_failed "another start held the port lock for over $TIMEOUT s"
   fi
   local ports
-  ports=$(py_helper ports "${CEPH_MON_PORT:-$DEFAULT_MON_BASE}" "${CEPH_S3_PORT:-$DEFAULT_S3_BASE}" \
+  ports=$("${PY_HELPER[@]}" ports "${CEPH_MON_PORT:-$DEFAULT_MON_BASE}" "${CEPH_S3_PORT:-$DEFAULT_S3_BASE}" \
             "$([ -n "${CEPH_MON_PORT:-}" ] && echo 1 || echo 0)" \
             "$([ -n "${CEPH_S3_PORT:-}" ] && echo 1 || echo 0)" "$PORT_TRIES" 2>&1) \
     || start_failed "$ports"
@@ -510,26 +519,30 @@ cmd_start() {
     || { cat "$DIR/log/monmap.out" >&2; start_failed "monmaptool could not write $DIR/monmap"; }
   ceph-mon -c "$CONF" --mkfs -i a --monmap "$DIR/monmap" >"$DIR/log/mon-mkfs.out" 2>&1 \
     || { cat "$DIR/log/mon-mkfs.out" >&2; start_failed "ceph-mon --mkfs could not set up $DIR/mon"; }
-  launch mon ceph-mon -i a
+  launch mon.a ceph-mon -i a
   progress "monitor started on 127.0.0.1:$MON_PORT"
 
   # The OSD's store is made while the monitor registers the OSD; the pools are made
   # while the OSD boots.
   local register mkfs pools answer
-  step register py_helper register "$CONF" "$osd_uuid" "$TIMEOUT"; register=$!
+  step register "${PY_HELPER[@]}" register "$CONF" "$osd_uuid" "$TIMEOUT"; register=$!
   step osd-mkfs ceph-osd -c "$CONF" -i 0 --mkfs --osd-uuid "$osd_uuid"; mkfs=$!
-  wait_steps "registering the OSD" mon "$register"
+  wait_steps "registering the OSD" mon.a "$register"
   wait_steps "making the OSD's store (ceph-osd --mkfs)" "" "$mkfs"
   progress "monitor up; OSD registered"
-  launch osd ceph-osd -i 0
-  step pools py_helper pools "$CONF" "$TIMEOUT" "${RGW_POOLS[@]}"; pools=$!
-  wait_steps "creating the pools and waiting for the OSD" osd "$pools"
+  launch osd.0 ceph-osd -i 0
+  step pools "${PY_HELPER[@]}" pools "$CONF" "$TIMEOUT" "${RGW_POOLS[@]}"; pools=$!
+  wait_steps "creating the pools and waiting for the OSD" osd.0 "$pools"
   progress "OSD up; ${#RGW_POOLS[@]} pools created"
 
-  launch rgw radosgw -n client.rgw.s3
-  step s3-answer bash -c 'until curl -s -o /dev/null "http://127.0.0.1:$1/"; do sleep 0.05; done' _ "$S3_PORT"
+  launch client.rgw.s3 radosgw -n client.rgw.s3
+  # The poll ends by itself too (with the gateway, or at the deadline): a start killed
+  # outright leaves no poll behind.
+  step s3-answer bash -c 'until curl -s -m 10 -o /dev/null "http://127.0.0.1:$1/"; do
+      kill -0 "$2" && (( ${EPOCHREALTIME/./} < $3 )) || exit 1; sleep 0.05; done' \
+    _ "$S3_PORT" "$(recorded_pid "$DIR" client.rgw.s3)" "$DEADLINE"
   answer=$!
-  wait_steps "waiting for the gateway to answer on port $S3_PORT" rgw "$answer"
+  wait_steps "waiting for the gateway to answer on port $S3_PORT" client.rgw.s3 "$answer"
   check_daemons
   exec 9<&-
   progress "gateway answering on 127.0.0.1:$S3_PORT"
@@ -538,15 +551,15 @@ cmd_start() {
   local user
   step user-create radosgw-admin -c "$CONF" user create --uid=ovltest --display-name="overlayprovider tests" \
     --access-key="$access_key" --secret-key="$secret_key"; user=$!
-  wait_steps "creating the S3 user (radosgw-admin user create)" rgw "$user"
+  wait_steps "creating the S3 user (radosgw-admin user create)" client.rgw.s3 "$user"
   local code
-  code=$(curl -sS -o "$DIR/log/bucket.out" -w '%{http_code}' -X PUT \
+  code=$(curl -sS -m "$TIMEOUT" -o "$DIR/log/bucket.out" -w '%{http_code}' -X PUT \
            --aws-sigv4 "aws:amz:default:s3" --user "$access_key:$secret_key" \
            -H 'x-amz-content-sha256: UNSIGNED-PAYLOAD' \
            "http://127.0.0.1:$S3_PORT/$BUCKET" 2>&1) || true
   if [ "$code" != 200 ]; then
     cat "$DIR/log/bucket.out" >&2 2>/dev/null || true
-    start_failed "creating the bucket $BUCKET answered '$code', not 200" rgw
+    start_failed "creating the bucket $BUCKET answered '$code', not 200" client.rgw.s3
   fi
   progress "user and bucket $BUCKET ready"
 
