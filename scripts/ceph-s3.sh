@@ -76,7 +76,7 @@ missing_package() {
 
 require_ceph() {
   local prog
-  for prog in ceph-mon ceph-osd radosgw radosgw-admin monmaptool curl; do
+  for prog in ceph-mon ceph-osd radosgw radosgw-admin monmaptool curl setpriv flock; do
     command -v "$prog" >/dev/null 2>&1 || missing_package "$prog"
   done
   # The Debian package's rados module belongs to the system's Python, which need not
@@ -336,9 +336,11 @@ check_daemons() {
 declare -A STEP_NAMES=()
 
 # Runs NAME's command in the background, its output in DIR/log/NAME.out; $! is its PID.
+# The command is killed if start dies, so that a start killed outright (where no trap
+# runs) leaves no step waiting on a cluster that stop has since ended.
 step() {
   local name=$1; shift
-  "$@" </dev/null >"$DIR/log/$name.out" 2>&1 &
+  setpriv --pdeathsig KILL "$@" </dev/null >"$DIR/log/$name.out" 2>&1 &
   STEP_NAMES[$!]=$name
 }
 
@@ -536,8 +538,7 @@ cmd_start() {
   progress "OSD up; ${#RGW_POOLS[@]} pools created"
 
   launch client.rgw.s3 radosgw -n client.rgw.s3
-  # The poll ends by itself too (with the gateway, or at the deadline): a start killed
-  # outright leaves no poll behind.
+  # The poll also ends by itself when the gateway has exited or at the deadline.
   step s3-answer bash -c 'until curl -s -m 10 -o /dev/null "http://127.0.0.1:$1/"; do
       kill -0 "$2" && (( ${EPOCHREALTIME/./} < $3 )) || exit 1; sleep 0.05; done' \
     _ "$S3_PORT" "$(recorded_pid "$DIR" client.rgw.s3)" "$DEADLINE"
