@@ -588,8 +588,8 @@ region = default
 s3 =
     addressing_style = path
 # Newer clients (botocore 1.36 on) add a CRC to every upload unless told to do so only
-# where an operation demands one: Ceph 16 ignores it in a header (as sent over plain
-# HTTP) but cannot read it in the trailer of a chunked body (as sent over HTTPS).
+# where an operation demands one. Over plain HTTP it travels in a header, which Ceph 16
+# ignores; its other form, a trailer after a chunked body, is newer than Ceph 16.
 request_checksum_calculation = when_required
 response_checksum_validation = when_required
 EOF
