@@ -11,10 +11,15 @@ PACKAGES=(
   libboost-iostreams-dev libboost-date-time-dev
   libcrypto++-dev libicu-dev
   libfuse3-dev fuse3
+  # The S3 store talks HTTP and signs its requests through libcurl.
+  libcurl4-openssl-dev
 )
 if [ "${1:-}" = "--test" ]; then
   # The mount's tests run real programs through it (git, rsync; fio for its benchmark).
   PACKAGES+=(libgtest-dev libgmock-dev libbenchmark-dev clang git rsync fio)
+  # The S3 store's tests, demo and benchmarks run a throw-away Ceph cluster with its S3
+  # gateway (scripts/ceph-s3.sh, which also needs curl) and use the aws command line.
+  PACKAGES+=(ceph-mon ceph-osd radosgw ceph-common curl awscli)
 fi
 
 missing=()
