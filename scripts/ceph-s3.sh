@@ -20,6 +20,9 @@ Usage:
   ceph-s3.sh start DIR           start a cluster whose files all live in DIR
   ceph-s3.sh stop DIR [--keep]   stop it; remove DIR unless --keep
   ceph-s3.sh aws DIR ARGS...     run the aws command line against the cluster in DIR
+  ceph-s3.sh gateway DIR stop|start
+                                 kill the gateway alone (as a crash would) or start it
+                                 again on its port; for tests of a store that goes away
   ceph-s3.sh --help
 
 start wipes DIR (only if it is empty or was made by this script, and no daemon of an
@@ -191,6 +194,37 @@ cmd_stop() {
   if [ "$keep" = 0 ]; then
     rm -rf "$dir" || die "could not remove $dir"
   fi
+}
+
+# `gateway DIR stop` kills the gateway at once (SIGKILL: connections drop as in a crash);
+# `gateway DIR start` starts it again with the cluster's configuration and waits until it
+# answers on its port.
+cmd_gateway() {
+  [ $# -eq 2 ] || usage_error "gateway needs DIR and stop or start"
+  DIR=$(absolute_dir "$1"); CONF=$DIR/ceph.conf
+  [ -f "$DIR/.ceph-s3" ] && [ -f "$DIR/env" ] || die "$DIR holds no cluster made by ceph-s3.sh start"
+  local port pid i
+  port=$(sed -n 's|^AWS_ENDPOINT_URL=http://127.0.0.1:||p' "$DIR/env")
+  case "$2" in
+    stop)
+      pid=$(recorded_pid "$DIR" client.rgw.s3) || return 0
+      if is_cluster_daemon "$pid" "$CONF"; then
+        kill -KILL "$pid" 2>/dev/null || true
+        wait_exit "$pid" 100 || die "the gateway (pid $pid) still runs after SIGKILL"
+      fi
+      rm -f "$DIR/run/client.rgw.s3.pid" ;;
+    start)
+      if pid=$(recorded_pid "$DIR" client.rgw.s3) && is_cluster_daemon "$pid" "$CONF"; then return 0; fi
+      launch client.rgw.s3 radosgw -n client.rgw.s3
+      pid=$(recorded_pid "$DIR" client.rgw.s3)
+      for (( i = 0; i < 1200; i++ )); do
+        curl -s -m 5 -o /dev/null "http://127.0.0.1:$port/" && return 0
+        pid_alive "$pid" || die "the gateway exited at start; see $DIR/log/client.rgw.s3.out"
+        sleep 0.05
+      done
+      die "the gateway did not answer on port $port within 60 s" ;;
+    *) usage_error "gateway: stop or start, not '$2'" ;;
+  esac
 }
 
 # --- helpers in Python ----------------------------------------------------------------
@@ -630,6 +664,7 @@ case "${1:-}" in
   start) shift; cmd_start "$@" ;;
   stop) shift; cmd_stop "$@" ;;
   aws) shift; cmd_aws "$@" ;;
+  gateway) shift; cmd_gateway "$@" ;;
   -h | --help | help) usage ;;
   "") usage >&2; exit 2 ;;
   *) usage_error "unknown command '$1'" ;;

@@ -11,6 +11,8 @@
 
 #include <providers/throttle/ThrottleProvider.hpp>
 
+#include <fl/i18n.hpp>
+
 #include <boost/property_tree/json_parser.hpp>
 
 #include <fcntl.h>
@@ -71,6 +73,9 @@ struct BenchOptions {
   unsigned directSamples = 20;  // stat calls timed on the slow store (each costs a latency)
   long executorTasks = 1'000'000;
   long transfers = kDefaultToolTransfers;  // the overlay's "overlay.transfers"
+  // A folder of an existing store to work in (an s3:// bucket, say) instead of a new
+  // local folder; the bench's own folder in it is removed at the end.
+  std::optional<std::string> inner;
 };
 
 std::string number(double value) {
@@ -119,19 +124,46 @@ class Bench {
     std::string pattern = (std::filesystem::temp_directory_path() / "ovl-bench.XXXXXX").string();
     if (!::mkdtemp(pattern.data())) throw CommandError(pattern, "cannot make a temporary folder for the store");
     folder_ = pattern;
-    std::filesystem::create_directories(folder_ / "direct");
-    std::filesystem::create_directories(folder_ / "overlay");
+    if (options.inner) {
+      StorageItem base;
+      try {
+        base = session.registry().resolve(*options.inner);
+      } catch (std::exception const& e) {
+        throw CommandError(*options.inner, e.what());
+      }
+      if (!base.folderExists()) throw CommandError(*options.inner, "the store for --inner must be an existing folder");
+      work_ = StorageItem(base.getProvider(), StorageIRI(base.getLocation(), u"ovl-bench-" + ascii16(std::to_string(::getpid()))));
+      work_->createFolder();
+      below(*work_, u"/direct").createFolder();
+      below(*work_, u"/overlay").createFolder();
+    } else {
+      std::filesystem::create_directories(folder_ / "direct");
+      std::filesystem::create_directories(folder_ / "overlay");
+    }
     slow_.latency = std::chrono::microseconds(std::llround(options.latencyMs * 1000));
     slow_.bytesPerSecond = options.megabytesPerSecond * 1e6;
   }
   ~Bench() {
     std::error_code ignored;
     std::filesystem::remove_all(folder_, ignored);
+    if (work_) {
+      try {
+        work_->removeFolderRecursively();
+      } catch (std::exception const& e) {
+        session_.err() << "ovl bench: could not remove " << work_->getLocation().toUtf8() << ": " << e.what() << '\n';
+      }
+    }
+  }
+
+  // Where the direct writer (`name` "direct") or the overlay's store works.
+  StorageItem plain(char16_t const* name) const {
+    if (work_) return below(*work_, std::u16string(u"/") + name);
+    return session_.registry().resolve((folder_ / fl::i18n::to_string(name)).string());
   }
 
   std::vector<Figure> run() {
-    auto const directPlain = session_.registry().resolve((folder_ / "direct").string());
-    auto const overlayPlain = session_.registry().resolve((folder_ / "overlay").string());
+    auto const directPlain = plain(u"direct");
+    auto const overlayPlain = plain(u"overlay");
     auto const direct = throttled(directPlain);
     auto config = session_.config();
     config.put("overlay.transfers", options_.transfers);
@@ -204,9 +236,7 @@ class Bench {
       auto const value = random();
       std::memcpy(large.data() + i, &value, 8);
     }
-    for (auto const* name : {"direct", "overlay"}) {
-      std::ofstream(folder_ / name / "large.bin", std::ios::binary).write(large.data(), static_cast<long>(large.size()));
-    }
+    for (auto const& where : {directPlain, overlayPlain}) writeWhole(below(where, u"/large.bin"), large);
     std::ofstream(folder_ / "local.bin", std::ios::binary).write(large.data(), static_cast<long>(large.size()));
     double const megabytes = static_cast<double>(large.size()) / 1e6;
     invalidateProvider(overlayRoot);  // the overlay learns of the file now, not after the event delay
@@ -302,6 +332,7 @@ class Bench {
   Session& session_;
   BenchOptions const options_;
   std::filesystem::path folder_;
+  std::optional<StorageItem> work_;  // the bench's folder in the --inner store
   providers::throttle::Options slow_;
 };
 
@@ -357,6 +388,7 @@ int runBenchCommand(Session& session, Arguments const& args) {
   options.megabytesPerSecond = args.number("--mbps", options.megabytesPerSecond, 0, 1e6);
   options.executorTasks = static_cast<long>(args.number("--tasks", static_cast<double>(options.executorTasks), 1, 1e9));
   withTransfers(session.config(), args, options.transfers);
+  if (args.values.count("--inner")) options.inner = args.values.at("--inner");
   Bench bench(session, options);
   auto const figures = bench.run();
   if (args.has("--json")) {
@@ -380,7 +412,9 @@ Command benchCommand() {
           "file, cached stat calls, a cached\n"
           "listing, the first read and the re-read of a large file (with the local disk's own read\n"
           "of the same size as the limit), and the overlay queue's throughput. Prints a table, or\n"
-          "one JSON document with --json. The overlay takes --config/--set.",
+          "one JSON document with --json. The overlay takes --config/--set. With --inner the bench\n"
+          "works in a folder of that store instead (over S3: --latency-ms 0 --mbps 0 measures the\n"
+          "store's own speed).",
           {{"--json", "", "print the results as JSON"},
            {"--files", "", "files in the burst, stat and listing figures (default 1000)", "N"},
            {"--file-kib", "", "size of each burst file in KiB (default 4)", "N"},
@@ -388,7 +422,8 @@ Command benchCommand() {
            {"--latency-ms", "", "the throttle's latency per store call (default 20)", "N"},
            {"--mbps", "", "the throttle's bandwidth in MB/s, 0 = unlimited (default 50)", "N"},
            {"--tasks", "", "tasks for the queue figure (default 1000000)", "N"},
-           {"--transfers", "", "changes the overlay sends to the store at once (default 8)", "N"}},
+           {"--transfers", "", "changes the overlay sends to the store at once (default 8)", "N"},
+           {"--inner", "", "an existing folder of a store to work in (default: a new local folder)", "IRI"}},
           runBenchCommand};
 }
 

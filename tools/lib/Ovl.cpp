@@ -10,6 +10,7 @@
 
 #include <providers/file/FileProviderFactory.hpp>
 #include <providers/mem/MemoryProviderFactory.hpp>
+#include <providers/s3/S3ProviderFactory.hpp>
 #include <providers/throttle/ThrottleProvider.hpp>
 
 #include <foundation/log/Configuration.hpp>
@@ -359,6 +360,7 @@ int runOvl(std::vector<std::string> args, std::ostream& out, std::ostream& err, 
     providers::file::registerWith(*ownRegistry);
     providers::mem::registerWith(*ownRegistry);
     providers::throttle::registerWith(*ownRegistry);
+    providers::s3::registerWith(*ownRegistry);
     registry = ownRegistry.get();
   }
   Session session(*registry, out, err, options.errIsTerminal, throttleOptions(flags));
@@ -376,6 +378,13 @@ int runOvl(std::vector<std::string> args, std::ostream& out, std::ostream& err, 
     foundation::log::diagnostic_logger log("ovl");
     log.log(foundation::log::Debug, "ovl " + joined(args));
     auto config = loadConfig(flags.config, flags.settings);
+    if (ownRegistry) {
+      // s3:// stores take their "s3.*" settings from the configuration, before the
+      // environment and ~/.aws.
+      ownRegistry->registerFactory(providers::s3::kScheme,
+                                   std::make_shared<providers::s3::S3ProviderFactory>(providers::s3::S3Settings::fromConfig(
+                                       config, providers::s3::S3Settings::fromEnvironment())));
+    }
     checkCacheRoot(config);
     bool const overlayOperands = std::any_of(parsed.operands.begin(), parsed.operands.end(), Session::wrapsOverlayIRI);
     bool const usesOverlay = flags.overlay || overlayOperands || command->name == "demo" || command->name == "bench" ||

@@ -1,5 +1,7 @@
 #include "S3Objects.hpp"
 
+#include "S3Streams.hpp"
+
 #include <boost/date_time/posix_time/posix_time.hpp>
 #include <boost/property_tree/ptree.hpp>
 #include <boost/property_tree/xml_parser.hpp>
@@ -10,6 +12,8 @@
 #include <mutex>
 #include <sstream>
 #include <thread>
+
+#include <unistd.h>
 
 namespace providers::s3::detail {
 
@@ -146,6 +150,9 @@ void S3Objects::failure(Response const& response, std::string const& what, sp::S
         detail += ": the " + client_->settings().describe() + " was refused; check the access key and its secret";
       } else if (code == "AccessDenied") {
         detail += ": access denied to " + client_->describe();
+      } else if (code.empty()) {
+        // HEAD answers carry no error text: say what may be wrong.
+        detail += ": refused by " + client_->describe() + " (a wrong access key or secret, or no access to the bucket)";
       }
       break;
     case 409:
@@ -280,14 +287,14 @@ void S3Objects::remove(std::string const& key, sp::StorageIRI const& subject) co
 
 void S3Objects::copy(std::string const& from, std::string const& to, std::uint64_t size,
                      std::optional<Metadata> const& metadata, sp::StorageIRI const& subject) const {
-  if (size >= client_->settings().multipartThreshold) {
+  if (size > kLargestSingleCopy) {
     Metadata kept;
     if (metadata) {
       kept = *metadata;
     } else if (auto info = head(from, subject)) {
       kept = info->metadata;
     }
-    copyInParts(from, to, size, kept, subject);
+    copyThroughHere(from, to, size, kept, subject);
     return;
   }
   Request request;
@@ -375,34 +382,28 @@ void S3Objects::putInParts(std::string const& key, Body const& body, Metadata co
   }
 }
 
-void S3Objects::copyInParts(std::string const& from, std::string const& to, std::uint64_t size,
-                            Metadata const& metadata, sp::StorageIRI const& subject) const {
-  auto const partSize = client_->settings().partSize;
-  auto const parts = static_cast<std::size_t>((size + partSize - 1) / partSize);
-  auto const id = startUpload(to, metadata, subject);
-  std::vector<std::string> etags(parts);
-  std::string const source = "x-amz-copy-source: /" + uriEncode(client_->bucket(), false) + "/" + uriEncode(from, true);
+void S3Objects::copyThroughHere(std::string const& from, std::string const& to, std::uint64_t size,
+                                const Metadata& metadata, sp::StorageIRI const& subject) const {
+  int const fd = makeSpoolFile(subject);
   try {
-    forEachInParallel(parts, client_->settings().partTransfers, [&](std::size_t i) {
-      auto const first = i * partSize;
-      auto const last = std::min<std::uint64_t>(size, first + partSize) - 1;
-      Request request;
-      request.method = "PUT";
-      request.key = to;
-      request.query = {{"partNumber", std::to_string(i + 1)}, {"uploadId", id}};
-      request.headers = {source, "x-amz-copy-source-range: bytes=" + std::to_string(first) + "-" + std::to_string(last)};
-      auto const response = send(request, subject);
-      if (!response.ok() || response.body.find("<Error>") != std::string::npos) {
-        failure(response.ok() ? Response{500, {}, response.body} : response,
-                "copying part " + std::to_string(i + 1) + " of " + from, subject);
+    std::uint64_t const chunk = client_->settings().partSize;
+    std::vector<std::uint64_t> offsets;
+    for (std::uint64_t offset = 0; offset < size; offset += chunk) offsets.push_back(offset);
+    forEachInParallel(offsets.size(), client_->settings().partTransfers, [&](std::size_t i) {
+      auto const bytes = getRange(from, offsets[i], std::min(chunk, size - offsets[i]), subject);
+      if (::pwrite(fd, bytes.data(), bytes.size(), static_cast<off_t>(offsets[i])) != static_cast<ssize_t>(bytes.size())) {
+        throw sp::Exception(ErrorCode::TransientFailure, subject, "cannot keep a local copy of " + from);
       }
-      etags[i] = unquoted(parseXml(response.body).get("CopyPartResult.ETag", ""));
     });
-    finishUpload(to, id, etags, subject);
+    Body body;
+    body.fd = fd;
+    body.length = size;
+    put(to, body, metadata, subject);
   } catch (...) {
-    abortUpload(to, id);
+    ::close(fd);
     throw;
   }
+  ::close(fd);
 }
 
 }  // namespace providers::s3::detail

@@ -82,8 +82,11 @@ class S3Objects {
   // when it is at least the multipart threshold.
   void put(std::string const& key, Body const& body, Metadata const& metadata, sp::StorageIRI const& subject) const;
   void remove(std::string const& key, sp::StorageIRI const& subject) const;
-  // Server-side copy of `from` (of `size` bytes) to `to`; `metadata`, when given,
-  // replaces the source's. In parts at or above the multipart threshold.
+  // Copy of `from` (of `size` bytes) to `to`; `metadata`, when given, replaces the
+  // source's. On the server up to S3's limit for one copy (5 GiB); above it, through a
+  // local copy uploaded in parts. (A server-side copy in parts needs the header
+  // x-amz-copy-source-range, which Debian's libcurl 7.88 signs in the wrong order next to
+  // x-amz-copy-source: the gateway refuses it, SignatureDoesNotMatch.)
   void copy(std::string const& from, std::string const& to, std::uint64_t size, std::optional<Metadata> const& metadata,
             sp::StorageIRI const& subject) const;
 
@@ -96,8 +99,9 @@ class S3Objects {
  private:
   Response send(Request const& request, sp::StorageIRI const& subject) const;
   void putInParts(std::string const& key, Body const& body, Metadata const& metadata, sp::StorageIRI const& subject) const;
-  void copyInParts(std::string const& from, std::string const& to, std::uint64_t size, Metadata const& metadata,
-                   sp::StorageIRI const& subject) const;
+  void copyThroughHere(std::string const& from, std::string const& to, std::uint64_t size, Metadata const& metadata,
+                       sp::StorageIRI const& subject) const;
+  static constexpr std::uint64_t kLargestSingleCopy = 5ull << 30;
   std::string startUpload(std::string const& key, Metadata const& metadata, sp::StorageIRI const& subject) const;
   void finishUpload(std::string const& key, std::string const& uploadId, std::vector<std::string> const& etags,
                     sp::StorageIRI const& subject) const;

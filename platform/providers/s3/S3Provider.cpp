@@ -76,6 +76,10 @@ void S3Provider::doConfigure(boost::property_tree::ptree config) {
   client_ = std::make_shared<detail::S3Client>(std::move(settings), bucket_);
 }
 
+std::string S3Provider::missingBucket() const {
+  return "the bucket " + bucket_ + " does not exist at " + settings().endpoint;
+}
+
 std::string S3Provider::keyOf(StorageIRI const& iri) const {
   auto const path = iri.getResolvedIRI().getPath();
   try {
@@ -97,8 +101,7 @@ void S3Provider::requireParentFolder(StorageIRI const& iri) const {
   auto const objects = this->objects();
   if (key.empty()) {
     if (!objects.bucketExists(parent)) {
-      throw Exception(ErrorCode::DoesNotExist, parent,
-                      "the bucket " + bucket_ + " does not exist at " + objects.client().settings().endpoint);
+      throw Exception(ErrorCode::DoesNotExist, parent, missingBucket());
     }
     return;
   }
@@ -131,7 +134,7 @@ void S3Provider::doCreateFolderRecursive(StorageIRI const& iri) const {
   auto const key = keyOf(iri);
   auto const objects = this->objects();
   if (key.empty()) {
-    if (!objects.bucketExists(iri)) throw Exception(ErrorCode::DoesNotExist, iri, "the bucket " + bucket_ + " does not exist");
+    if (!objects.bucketExists(iri)) throw Exception(ErrorCode::DoesNotExist, iri, missingBucket());
     return;
   }
   if (objects.head(key, iri)) throw Exception(ErrorCode::AlreadyExists, iri);
@@ -350,8 +353,9 @@ std::vector<sp::FolderEntry> S3Provider::listFolder(StorageIRI const& iri) const
   auto const prefix = folderPrefix(key);
   auto const objects = this->objects();
   auto const listing = objects.list(prefix, "/", iri);
-  if (listing.objects.empty() && listing.prefixes.empty() && (!key.empty() || !objects.bucketExists(iri))) {
-    throw Exception(ErrorCode::DoesNotExist, iri);
+  if (listing.objects.empty() && listing.prefixes.empty()) {
+    if (!key.empty()) throw Exception(ErrorCode::DoesNotExist, iri);
+    if (!objects.bucketExists(iri)) throw Exception(ErrorCode::DoesNotExist, iri, missingBucket());
   }
   std::vector<sp::FolderEntry> entries;
   auto name = [&](std::string const& rest) -> std::optional<std::u16string> {
@@ -395,7 +399,10 @@ sp::FolderEntryIteratorPtr S3Provider::doListAllRecursive(StorageIRI const& iri)
   auto const prefix = folderPrefix(key);
   auto const objects = this->objects();
   auto const listing = objects.list(prefix, "", iri);
-  if (listing.objects.empty() && (!key.empty() || !objects.bucketExists(iri))) throw Exception(ErrorCode::DoesNotExist, iri);
+  if (listing.objects.empty()) {
+    if (!key.empty()) throw Exception(ErrorCode::DoesNotExist, iri);
+    if (!objects.bucketExists(iri)) throw Exception(ErrorCode::DoesNotExist, iri, missingBucket());
+  }
   // By path segments, so that a folder comes before its content.
   struct Found {
     bool folder;

@@ -132,6 +132,8 @@ class S3Provider : public foundation::storage::provider::IConfigurableProvider {
  private:
   detail::S3Objects objects() const;
   std::string keyOf(StorageIRI const& iri) const;
+  // "the bucket B does not exist at ENDPOINT".
+  std::string missingBucket() const;
   bool isFolder(StorageIRI const& iri, std::string const& key) const;
   // Throws DoesNotExist(parent) unless the parent of `iri` is a folder, NotWritable(parent)
   // when it is marked not writable.
