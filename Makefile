@@ -5,11 +5,12 @@
 #               the normal build, an AddressSanitizer+UndefinedBehaviorSanitizer build, a
 #               ThreadSanitizer build of the tests labelled "concurrency", and a Clang
 #               build that checks the lock annotations and runs the tests labelled "core"
-# Other targets: build (everything, with tests and benchmarks), bench, clean.
+# Other targets: build (everything, with tests and benchmarks), bench, demo-s3 (the
+# demo over a throw-away Ceph S3 gateway), clean.
 JOBS ?= $(shell nproc)
 CMAKE_FLAGS ?=
 
-.PHONY: setup setup-test build demo test test-release test-asan test-tsan test-clang bench clean
+.PHONY: setup setup-test build demo demo-s3 test test-release test-asan test-tsan test-clang bench clean
 
 setup:
 	@scripts/setup.sh
@@ -32,6 +33,16 @@ build: setup-test
 demo: setup build/release/CMakeCache.txt
 	@cmake --build build/release -j $(JOBS) --target ovl
 	@build/release/tools/ovl demo
+
+# The demo with an S3 bucket as its store: starts a throw-away Ceph gateway on loopback,
+# runs the demo in its bucket (the store's own latency, changes polled every second) and
+# stops the gateway again.
+demo-s3: setup-test build/release/CMakeCache.txt
+	@cmake --build build/release -j $(JOBS) --target ovl
+	@scripts/ceph-s3.sh start build/demo-s3-gateway >/dev/null
+	@set -a; . build/demo-s3-gateway/env; set +a; \
+	  build/release/tools/ovl demo --inner s3://$$OVL_S3_BUCKET/ --latency-ms 0 --mbps 0 --set s3.poll_interval_ms=1000; \
+	  status=$$?; scripts/ceph-s3.sh stop build/demo-s3-gateway; exit $$status
 
 test: test-release test-asan test-tsan test-clang
 	@echo "All test runs passed."
@@ -65,6 +76,7 @@ test-clang: setup-test
 bench: build
 	@for b in build/release/bench/*_bench; do echo "== $$b"; $$b; done
 	@bash bench/mount_bench.sh build/release/tools/ovl || [ $$? = 77 ]
+	@bash bench/s3_bench.sh build/release/tools/ovl || [ $$? = 77 ]
 
 clean:
 	@rm -rf build
