@@ -19,8 +19,10 @@ using sp::ErrorCode;
 
 namespace {
 
-[[noreturn]] void raise(char const* what, ErrorCode code, std::string const& message) {
+// The stream failure of operation `what` ("read", "write", "seek", "close") on `iri`.
+[[noreturn]] void raise(char const* what, ErrorCode code, sp::StorageIRI const& iri, std::string const& why) {
   std::string const op(what);
+  std::string const message = op + " on " + iri.toUtf8() + " failed: " + why + " (" + sp::toString(code) + ")";
   if (op == "read") throw ByteStreamReadFailure(message, code);
   if (op == "write") throw ByteStreamWriteFailure(message, code);
   if (op == "seek") throw ByteStreamSeekFailure(message, code);
@@ -66,9 +68,7 @@ SpoolStream::~SpoolStream() {
   }
 }
 
-void SpoolStream::fail(char const* what, ErrorCode code, std::string const& why) const {
-  raise(what, code, std::string(what) + " on " + iri_.toUtf8() + " failed: " + why + " (" + sp::toString(code) + ")");
-}
+void SpoolStream::fail(char const* what, ErrorCode code, std::string const& why) const { raise(what, code, iri_, why); }
 
 long SpoolStream::size() const {
   struct stat st {};
@@ -149,7 +149,7 @@ RangedReadStream::~RangedReadStream() {
 }
 
 void RangedReadStream::fail(char const* what, ErrorCode code, std::string const& why) const {
-  raise(what, code, std::string(what) + " on " + iri_.toUtf8() + " failed: " + why + " (" + sp::toString(code) + ")");
+  raise(what, code, iri_, why);
 }
 
 std::future<std::string> RangedReadStream::fetchAsync(std::uint64_t offset, std::uint64_t length) const {
