@@ -118,6 +118,7 @@ void S3Provider::requireNothingAt(StorageIRI const& iri, std::string const& key)
 
 void S3Provider::doCreateFile(StorageIRI const& iri) const {
   auto const key = keyOf(iri);
+  forgetUploads(key);
   requireNothingAt(iri, key);
   requireParentFolder(iri);
   objects().put(key, detail::Body{}, {}, iri);
@@ -166,6 +167,7 @@ sp::ExistenceKind S3Provider::doExistsExtended(StorageIRI const& iri) const {
 
 void S3Provider::doRemoveFile(StorageIRI const& iri) const {
   auto const key = keyOf(iri);
+  forgetUploads(key);
   auto const objects = this->objects();
   if (key.empty() || !objects.head(key, iri)) throw Exception(ErrorCode::DoesNotExist, iri);
   objects.remove(key, iri);
@@ -188,6 +190,7 @@ void S3Provider::doRemoveFolder(StorageIRI const& iri) const {
 
 void S3Provider::doRemoveFolderRecursively(StorageIRI const& iri) const {
   auto const key = keyOf(iri);
+  forgetUploads(key);
   auto const objects = this->objects();
   auto const prefix = folderPrefix(key);
   auto listing = objects.list(prefix, "", iri);
@@ -220,6 +223,8 @@ void S3Provider::doMoveFile(StorageIRI const& src, StorageIRI const& dst, Replac
   auto const [size, metadata] = checkFileTransfer(src, dst, policy);
   auto const srcKey = keyOf(src);
   auto const dstKey = keyOf(dst);
+  forgetUploads(srcKey);
+  forgetUploads(dstKey);
   if (srcKey == dstKey) return;
   auto const objects = this->objects();
   objects.copy(srcKey, dstKey, size, metadata, dst);
@@ -230,6 +235,7 @@ void S3Provider::doCopyFile(StorageIRI const& src, StorageIRI const& dst, Replac
   auto [size, metadata] = checkFileTransfer(src, dst, policy);
   auto const srcKey = keyOf(src);
   auto const dstKey = keyOf(dst);
+  forgetUploads(dstKey);
   if (srcKey == dstKey) return;
   metadata.erase(detail::kTimeKey);
   objects().copy(srcKey, dstKey, size, metadata, dst);
@@ -240,6 +246,8 @@ void S3Provider::doMoveFolder(StorageIRI const& src, StorageIRI const& dst, Repl
   auto const srcKey = keyOf(src);
   auto const dstKey = keyOf(dst);
   if (!isFolder(src, srcKey)) throw Exception(ErrorCode::DoesNotExist, src);
+  forgetUploads(srcKey);
+  forgetUploads(dstKey);
   if (srcKey.empty() || dstKey == srcKey || dstKey.rfind(srcKey + "/", 0) == 0 || dstKey.empty()) {
     throw Exception(ErrorCode::InvalidName, dst, "the destination lies inside the folder moved");
   }
@@ -337,7 +345,14 @@ sp::ByteStreamPtr S3Provider::doOpenStream(StorageIRI const& iri, ByteStreamOpen
     std::lock_guard clientLock(mutex_);
     client = client_;
   }
-  return std::make_unique<detail::SpoolStream>(client, key, iri, std::move(spool), options.append);
+  return std::make_unique<detail::SpoolStream>(
+      client, key, iri, std::move(spool), options.append,
+      [this, key](std::uint64_t size, Metadata const& metadata) {
+        std::lock_guard uploadsLock(uploadsMutex_);
+        // Bounded: only the latest uploads matter (a time stamp follows its close at once).
+        if (uploads_.size() >= kKeptUploads) uploads_.clear();
+        uploads_[key] = Upload{size, metadata, std::chrono::steady_clock::now()};
+      });
 }
 
 sp::ByteStreamPtr S3Provider::doOpenReadOnlyStream(StorageIRI const& iri) const {
@@ -453,10 +468,37 @@ sp::FolderEntryIteratorPtr S3Provider::doListAllRecursive(StorageIRI const& iri)
   return iterator(std::move(entries));
 }
 
+std::optional<S3Provider::Upload> S3Provider::takeUpload(std::string const& key) const {
+  std::lock_guard lock(uploadsMutex_);
+  auto const it = uploads_.find(key);
+  if (it == uploads_.end()) return std::nullopt;
+  auto upload = std::move(it->second);
+  uploads_.erase(it);
+  if (std::chrono::steady_clock::now() - upload.when > kUploadKept) return std::nullopt;
+  return upload;
+}
+
+void S3Provider::forgetUploads(std::string const& key) const {
+  std::lock_guard lock(uploadsMutex_);
+  auto const prefix = key + "/";
+  std::erase_if(uploads_, [&](auto const& entry) { return entry.first == key || entry.first.rfind(prefix, 0) == 0; });
+}
+
 void S3Provider::changeMetadata(StorageIRI const& iri, std::function<void(Metadata&)> const& change) const {
   auto const key = keyOf(iri);
   auto const objects = this->objects();
   if (!key.empty()) {
+    // A file this store has just uploaded (the time stamp that follows a close): its size
+    // and metadata are known, so the copy needs no HEAD first. Another client's write in
+    // between keeps its content; only the metadata is this store's, as it would be after
+    // a HEAD answered just before that write.
+    auto const upload = takeUpload(key);
+    if (upload && upload->size < objects.client().settings().multipartThreshold) {
+      auto metadata = upload->metadata;
+      change(metadata);
+      objects.copy(key, key, upload->size, metadata, iri);
+      return;
+    }
     if (auto info = objects.head(key, iri)) {
       auto metadata = info->metadata;
       change(metadata);

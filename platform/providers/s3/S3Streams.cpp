@@ -55,8 +55,13 @@ int makeSpoolFile(sp::StorageIRI const& subject) {
 Spool::~Spool() { ::close(fd); }
 
 SpoolStream::SpoolStream(std::shared_ptr<S3Client const> client, std::string key, sp::StorageIRI iri,
-                         std::shared_ptr<Spool> spool, bool append)
-    : objects_(std::move(client)), key_(std::move(key)), iri_(std::move(iri)), spool_(std::move(spool)), append_(append) {}
+                         std::shared_ptr<Spool> spool, bool append, Uploaded uploaded)
+    : objects_(std::move(client)),
+      key_(std::move(key)),
+      iri_(std::move(iri)),
+      spool_(std::move(spool)),
+      append_(append),
+      uploaded_(std::move(uploaded)) {}
 
 SpoolStream::~SpoolStream() {
   if (!closed_) {
@@ -120,6 +125,7 @@ void SpoolStream::upload() {
   spool_->dirty = false;
   try {
     objects_.put(key_, body, spool_->metadata, iri_);
+    if (uploaded_) uploaded_(body.length, spool_->metadata);
   } catch (...) {
     spool_->dirty = true;
     throw;

@@ -24,6 +24,7 @@
 #include <foundation/storage/provider/ByteStream.hpp>
 
 #include <atomic>
+#include <functional>
 #include <future>
 #include <memory>
 #include <string>
@@ -49,8 +50,11 @@ struct Spool {
 
 class SpoolStream : public sp::ByteStream {
  public:
+  // Told of each upload: the new object's size and metadata.
+  using Uploaded = std::function<void(std::uint64_t size, Metadata const& metadata)>;
+
   SpoolStream(std::shared_ptr<S3Client const> client, std::string key, sp::StorageIRI iri, std::shared_ptr<Spool> spool,
-              bool append);
+              bool append, Uploaded uploaded);
   ~SpoolStream() override;
 
   long read(char* buffer, long count) override;
@@ -68,6 +72,7 @@ class SpoolStream : public sp::ByteStream {
   sp::StorageIRI const iri_;
   std::shared_ptr<Spool> const spool_;
   bool const append_;
+  Uploaded const uploaded_;
   long position_ = 0;
   bool closed_ = false;
 };

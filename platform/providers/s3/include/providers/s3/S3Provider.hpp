@@ -49,10 +49,12 @@
 
 #include <foundation/storage/provider/IConfigurableProvider.hpp>
 
+#include <chrono>
 #include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 
 namespace providers::s3 {
@@ -155,6 +157,22 @@ class S3Provider : public foundation::storage::provider::IConfigurableProvider {
   // while a copy is being made, so that a second opening waits for it.
   mutable std::mutex spoolsMutex_;
   mutable std::map<std::string, std::weak_ptr<detail::Spool>> spools_;
+  // What this store's write streams last uploaded, by key, until a change of the file's
+  // metadata uses it (see changeMetadata), another change of this store at or below the
+  // key forgets it, or it is older than kUploadKept.
+  struct Upload {
+    std::uint64_t size = 0;
+    std::map<std::string, std::string> metadata;
+    std::chrono::steady_clock::time_point when;
+  };
+  static constexpr std::chrono::seconds kUploadKept{10};
+  // The upload of `key` if there is a recent one; forgets it either way.
+  std::optional<Upload> takeUpload(std::string const& key) const;
+  // Forgets the uploads of `key` and of every key below it.
+  void forgetUploads(std::string const& key) const;
+  static constexpr std::size_t kKeptUploads = 4096;
+  mutable std::mutex uploadsMutex_;
+  mutable std::map<std::string, Upload> uploads_;
 };
 
 }  // namespace providers::s3
