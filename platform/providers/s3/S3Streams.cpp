@@ -164,11 +164,14 @@ std::future<std::string> RangedReadStream::fetchAsync(std::uint64_t offset, std:
   });
 }
 
-bool RangedReadStream::fill() {
+bool RangedReadStream::fill(std::uint64_t wanted) {
   if (position_ >= bufferStart_ && position_ < bufferStart_ + buffer_.size()) return true;
   if (position_ >= size_) return false;
   bool const sequential = position_ == bufferStart_ + buffer_.size() && !buffer_.empty();
   chunk_ = sequential ? std::min<std::uint64_t>(chunk_ * 2, 16u << 20) : (256u << 10);
+  // One request for what the caller asked at least: a large read of a fresh stream is
+  // one GET, not a run of growing ones.
+  chunk_ = std::max(chunk_, std::min<std::uint64_t>(wanted, 64u << 20));
   try {
     if (next_.valid() && nextStart_ == position_) {
       buffer_ = next_.get();
@@ -195,7 +198,7 @@ long RangedReadStream::read(char* buffer, long count) {
   if (closed_) fail("read", ErrorCode::NotSupported, "the stream is closed");
   if (count <= 0) return 0;
   long done = 0;
-  while (done < count && fill()) {
+  while (done < count && fill(static_cast<std::uint64_t>(count - done))) {
     auto const offset = position_ - bufferStart_;
     auto const n = std::min<std::uint64_t>(static_cast<std::uint64_t>(count - done), buffer_.size() - offset);
     std::memcpy(buffer + done, buffer_.data() + offset, n);

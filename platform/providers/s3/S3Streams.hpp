@@ -11,10 +11,10 @@
 // close() uploads too (best effort: failures are dropped), as a local file keeps what was
 // written to it.
 //
-// RangedReadStream (read-only): reads with ranged GETs into a buffer that grows while
-// reads are sequential (256 KiB doubling to 16 MiB); a sequential reader has the next
-// buffer fetched in the background while it consumes the current one. Writes fail with
-// ByteStreamWriteFailure (NotWritable).
+// RangedReadStream (read-only): reads with ranged GETs into a buffer of at least what the
+// read asks, growing while reads are sequential (256 KiB doubling to 16 MiB); a
+// sequential reader has the next buffer fetched in the background while it consumes the
+// current one. Writes fail with ByteStreamWriteFailure (NotWritable).
 //
 // One stream is used by one thread at a time.
 #pragma once
@@ -89,8 +89,9 @@ class RangedReadStream : public sp::ByteStream {
 
  private:
   [[noreturn]] void fail(char const* what, sp::ErrorCode code, std::string const& why) const;
-  // Makes the buffer hold the byte at position_ (fetching it), false at the end.
-  bool fill();
+  // Makes the buffer hold the byte at position_ (fetching at least `wanted` bytes when it
+  // must fetch), false at the end.
+  bool fill(std::uint64_t wanted);
   std::future<std::string> fetchAsync(std::uint64_t offset, std::uint64_t length) const;
 
   S3Objects const objects_;
