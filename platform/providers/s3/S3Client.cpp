@@ -157,9 +157,11 @@ Response S3Client::send(Request const& request) const {
     response = Response();
     bool const answered = this->attempt(*handle, request, url, response, error);
     bool const passing = !answered || retryableStatus(response.status);
-    logger().log(foundation::log::Debug, request.method + " " + bucket_ + "/" + request.key +
-                                             (request.query.empty() ? "" : " ?" + request.query.front().first + "...") +
-                                             ": " + (answered ? std::to_string(response.status) : error));
+    if (logger().isEnabled(foundation::log::Debug)) {
+      logger().log(foundation::log::Debug, request.method + " " + bucket_ + "/" + request.key +
+                                               (request.query.empty() ? "" : " ?" + request.query.front().first + "...") +
+                                               ": " + (answered ? std::to_string(response.status) : error));
+    }
     if (!passing || attempt >= settings_.retries) break;
     // A failed handle may hold a broken connection; start the next attempt afresh.
     if (!answered) handle = std::make_unique<Handle>();
