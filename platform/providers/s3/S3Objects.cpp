@@ -7,6 +7,8 @@
 #include <boost/property_tree/xml_parser.hpp>
 
 #include <atomic>
+#include <cerrno>
+#include <cstring>
 #include <exception>
 #include <functional>
 #include <mutex>
@@ -382,19 +384,24 @@ void S3Objects::putInParts(std::string const& key, Body const& body, Metadata co
   }
 }
 
+void S3Objects::download(std::string const& key, std::uint64_t size, int fd, sp::StorageIRI const& subject) const {
+  std::uint64_t const chunk = client_->settings().partSize;
+  std::vector<std::uint64_t> offsets;
+  for (std::uint64_t offset = 0; offset < size; offset += chunk) offsets.push_back(offset);
+  forEachInParallel(offsets.size(), client_->settings().partTransfers, [&](std::size_t i) {
+    auto const bytes = getRange(key, offsets[i], std::min(chunk, size - offsets[i]), subject);
+    if (::pwrite(fd, bytes.data(), bytes.size(), static_cast<off_t>(offsets[i])) != static_cast<ssize_t>(bytes.size())) {
+      throw sp::Exception(ErrorCode::TransientFailure, subject,
+                          "cannot keep a local copy of " + key + ": " + std::strerror(errno));
+    }
+  });
+}
+
 void S3Objects::copyThroughHere(std::string const& from, std::string const& to, std::uint64_t size,
                                 const Metadata& metadata, sp::StorageIRI const& subject) const {
   int const fd = makeSpoolFile(subject);
   try {
-    std::uint64_t const chunk = client_->settings().partSize;
-    std::vector<std::uint64_t> offsets;
-    for (std::uint64_t offset = 0; offset < size; offset += chunk) offsets.push_back(offset);
-    forEachInParallel(offsets.size(), client_->settings().partTransfers, [&](std::size_t i) {
-      auto const bytes = getRange(from, offsets[i], std::min(chunk, size - offsets[i]), subject);
-      if (::pwrite(fd, bytes.data(), bytes.size(), static_cast<off_t>(offsets[i])) != static_cast<ssize_t>(bytes.size())) {
-        throw sp::Exception(ErrorCode::TransientFailure, subject, "cannot keep a local copy of " + from);
-      }
-    });
+    download(from, size, fd, subject);
     Body body;
     body.fd = fd;
     body.length = size;

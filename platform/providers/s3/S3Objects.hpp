@@ -78,6 +78,9 @@ class S3Objects {
   // `length` bytes from `offset` (fewer at the end, none past it).
   std::string getRange(std::string const& key, std::uint64_t offset, std::uint64_t length,
                        sp::StorageIRI const& subject) const;
+  // The first `size` bytes of the object into the open file `fd` at the same offsets, in
+  // parts of the part size, several at once.
+  void download(std::string const& key, std::uint64_t size, int fd, sp::StorageIRI const& subject) const;
   // Stores `body` at `key` with `metadata`; in parts (in parallel) from the file `fd`
   // when it is at least the multipart threshold.
   void put(std::string const& key, Body const& body, Metadata const& metadata, sp::StorageIRI const& subject) const;

@@ -314,25 +314,29 @@ sp::ByteStreamPtr S3Provider::doOpenStream(StorageIRI const& iri, ByteStreamOpen
     // stat it before this stream closes.
     objects.put(key, detail::Body{}, {}, iri);
   }
-  std::lock_guard lock(spoolsMutex_);
-  auto spool = spools_[key].lock();
+  // The file's slot: held while its local copy is made, so that a second opening of the
+  // same file waits for that copy while openings of other files go on.
+  std::shared_ptr<SpoolSlot> slot;
+  {
+    std::lock_guard lock(spoolsMutex_);
+    // Slots nobody else holds and whose copy is gone (no stream is open on it).
+    std::erase_if(spools_, [](auto const& entry) {
+      if (entry.second.use_count() != 1) return false;
+      std::lock_guard slotLock(entry.second->mutex);
+      return entry.second->spool.expired();
+    });
+    auto& found = spools_[key];
+    if (!found) found = std::make_shared<SpoolSlot>();
+    slot = found;
+  }
+  std::lock_guard slotLock(slot->mutex);
+  auto spool = slot->spool.lock();
   if (!spool) {
     Metadata metadata = info ? info->metadata : Metadata();
     metadata.erase(detail::kTimeKey);  // new content, new time
     spool = std::make_shared<detail::Spool>(detail::makeSpoolFile(iri), std::move(metadata));
-    if (info && !options.truncate) {
-      std::uint64_t constexpr kChunk = 8u << 20;
-      for (std::uint64_t offset = 0; offset < info->size; offset += kChunk) {
-        auto const bytes = objects.getRange(key, offset, std::min(kChunk, info->size - offset), iri);
-        if (bytes.empty()) break;
-        if (::pwrite(spool->fd, bytes.data(), bytes.size(), static_cast<off_t>(offset)) !=
-            static_cast<ssize_t>(bytes.size())) {
-          throw Exception(ErrorCode::TransientFailure, iri, "cannot keep a local copy: " + std::string(std::strerror(errno)));
-        }
-      }
-    }
-    spools_[key] = spool;
-    std::erase_if(spools_, [](auto const& entry) { return entry.second.expired(); });
+    if (info && !options.truncate) objects.download(key, info->size, spool->fd, iri);
+    slot->spool = spool;
   }
   if (options.truncate && info && (info->size > 0 || spool->dirty)) {
     if (::ftruncate(spool->fd, 0) != 0) {

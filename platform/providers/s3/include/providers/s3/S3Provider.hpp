@@ -153,10 +153,14 @@ class S3Provider : public foundation::storage::provider::IConfigurableProvider {
   mutable std::mutex mutex_;  // guards client_
   std::shared_ptr<detail::S3Client const> client_;
   std::unique_ptr<detail::S3Poller> const poller_;
-  // The local copies of the files open for writing, by key (see S3Streams.hpp). Held
-  // while a copy is being made, so that a second opening waits for it.
-  mutable std::mutex spoolsMutex_;
-  mutable std::map<std::string, std::weak_ptr<detail::Spool>> spools_;
+  // The local copies of the files open for writing, by key (see S3Streams.hpp); a slot's
+  // mutex is held while its copy is being made.
+  struct SpoolSlot {
+    std::mutex mutex;
+    std::weak_ptr<detail::Spool> spool;  // guarded by mutex
+  };
+  mutable std::mutex spoolsMutex_;  // guards spools_
+  mutable std::map<std::string, std::shared_ptr<SpoolSlot>> spools_;
   // What this store's write streams last uploaded, by key, until a change of the file's
   // metadata uses it (see changeMetadata), another change of this store at or below the
   // key forgets it, or it is older than kUploadKept.
