@@ -25,13 +25,6 @@
 #include <fstream>
 #include <string>
 
-namespace fsp = foundation::storage::provider;
-using fsp::ErrorCode;
-using fsp::StorageIRI;
-using fsp::StorageItem;
-using providers::mem::MemoryProvider;
-using providers::mem::Operation;
-using storage::overlayprovider::OverlayProvider;
 
 namespace {
 
