@@ -21,14 +21,7 @@
 #include <thread>
 #include <vector>
 
-namespace fsp = foundation::storage::provider;
-using fsp::StorageIRI;
-using fsp::StorageItem;
-using metadata_test::iri;
-using metadata_test::MemStore;
-using providers::mem::Operation;
 using storage::overlayprovider::FileMetadata;
-using storage::overlayprovider::MetadataCache;
 
 namespace {
 

@@ -15,17 +15,9 @@
 #include <optional>
 #include <string>
 
-namespace fsp = foundation::storage::provider;
-using fsp::StorageIRI;
-using fsp::StorageItem;
-using metadata_test::contains;
-using metadata_test::iri;
-using metadata_test::MemStore;
-using providers::mem::Operation;
 using storage::overlayprovider::FileMetadata;
 using storage::overlayprovider::FolderMetadata;
 using storage::overlayprovider::IFolderEntry;
-using storage::overlayprovider::MetadataCache;
 
 namespace {
 

@@ -13,14 +13,6 @@
 #include <algorithm>
 #include <string>
 
-namespace fsp = foundation::storage::provider;
-using fsp::StorageIRI;
-using fsp::StorageItem;
-using metadata_test::contains;
-using metadata_test::iri;
-using metadata_test::MemStore;
-using providers::mem::Operation;
-using storage::overlayprovider::MetadataCache;
 
 namespace {
 

@@ -14,15 +14,7 @@
 #include <chrono>
 #include <string>
 
-namespace fsp = foundation::storage::provider;
 using fsp::ExtendedFeature;
-using fsp::StorageIRI;
-using fsp::StorageItem;
-using metadata_test::contains;
-using metadata_test::iri;
-using metadata_test::MemStore;
-using providers::mem::Operation;
-using storage::overlayprovider::MetadataCache;
 
 namespace {
 

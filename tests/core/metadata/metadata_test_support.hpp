@@ -1,6 +1,7 @@
 // Helpers for the metadata cache tests: an in-memory store whose listings can be made to
 // leave out file sizes (so that the cache asks for each file's attributes), a fixture
-// with a metadata cache over it, and the texts of the cache's failure records.
+// with a metadata cache over it, the texts of the cache's failure records, and the names
+// the tests use at file scope.
 #pragma once
 
 #include <core/metadata/MetadataCache.hpp>
@@ -90,3 +91,13 @@ inline std::string const kRecursiveListingFailureText =
     "to a bad filename (g2635196).";
 
 }  // namespace metadata_test
+
+// The names every metadata cache test uses, at file scope.
+namespace fsp = foundation::storage::provider;
+using fsp::StorageIRI;
+using fsp::StorageItem;
+using metadata_test::contains;
+using metadata_test::iri;
+using metadata_test::MemStore;
+using providers::mem::Operation;
+using storage::overlayprovider::MetadataCache;

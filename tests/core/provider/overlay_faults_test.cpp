@@ -33,13 +33,6 @@
 #include <thread>
 #include <unistd.h>
 
-namespace fsp = foundation::storage::provider;
-using fsp::ErrorCode;
-using fsp::StorageIRI;
-using fsp::StorageItem;
-using providers::mem::MemoryProvider;
-using providers::mem::Operation;
-using storage::overlayprovider::OverlayProvider;
 
 namespace {
 

@@ -16,13 +16,6 @@
 #include <chrono>
 #include <thread>
 
-namespace fsp = foundation::storage::provider;
-using fsp::StorageIRI;
-using fsp::StorageItem;
-using metadata_test::iri;
-using metadata_test::MemStore;
-using providers::mem::Operation;
-using storage::overlayprovider::MetadataCache;
 using storage::overlayprovider::OverlayProvider;
 
 namespace {

@@ -23,17 +23,8 @@
 
 #include <filesystem>
 #include <fstream>
-#include <map>
-#include <random>
 #include <string>
 
-namespace fsp = foundation::storage::provider;
-using fsp::ErrorCode;
-using fsp::StorageIRI;
-using fsp::StorageItem;
-using providers::mem::MemoryProvider;
-using providers::mem::Operation;
-using storage::overlayprovider::OverlayProvider;
 
 namespace {
 
@@ -91,52 +82,6 @@ TEST_F(OverlayOperationsTest, ChangesAreSeenAtOnceAndReachTheStoreInOrder) {
   gate.open();
   provider->doFlushFilesystem();
   EXPECT_EQ(store->elsewhere().contentOf(u"/docs/a.txt"), "hello");
-}
-
-TEST_F(OverlayOperationsTest, ABurstOfChangesLeavesTheStoreAsTheModelSays) {
-  store->elsewhere().createFolder(u"/w");
-  std::map<std::u16string, std::string> model;  // path -> content of every file below /w
-  std::mt19937 random(7);
-  auto name = [](int i) { return u"/w/f" + std::u16string(1, static_cast<char16_t>(u'a' + i)); };
-  for (int step = 0; step < 300; ++step) {
-    int const i = static_cast<int>(random() % 8);
-    int const j = static_cast<int>(random() % 8);
-    switch (random() % 4) {
-      case 0: {
-        std::string content(random() % 5000, static_cast<char>('a' + step % 26));
-        write(name(i), content);
-        model[name(i)] = content;
-        break;
-      }
-      case 1:
-        if (model.count(name(i))) {
-          provider->doRemoveFile(at(name(i)));
-          model.erase(name(i));
-        }
-        break;
-      case 2:
-        if (model.count(name(i)) && i != j) {
-          provider->doMoveFile(at(name(i)), at(name(j)), fsp::ReplacementPolicy::Always);
-          model[name(j)] = model[name(i)];
-          model.erase(name(i));
-        }
-        break;
-      case 3:
-        if (model.count(name(i)) && i != j && !model.count(name(j))) {
-          provider->doCopyFile(at(name(i)), at(name(j)), fsp::ReplacementPolicy::Never);
-          model[name(j)] = model[name(i)];
-        }
-        break;
-    }
-  }
-  // What the caller reads before the queue drained is the model already.
-  for (auto const& [path, content] : model) EXPECT_EQ(read(path), content);
-  provider->doFlushFilesystem();
-  std::map<std::u16string, std::string> stored;
-  for (auto const& [path, content] : store->elsewhere().snapshot()) {
-    if (content && path.rfind(u"/w/", 0) == 0) stored[path] = *content;
-  }
-  EXPECT_EQ(stored, model);
 }
 
 TEST_F(OverlayOperationsTest, TransientFailuresAreRetriedTwiceThenDropped) {

@@ -36,15 +36,8 @@
 #include <thread>
 #include <vector>
 
-namespace fsp = foundation::storage::provider;
-using fsp::ErrorCode;
-using fsp::StorageIRI;
-using fsp::StorageItem;
-using providers::mem::MemoryProvider;
-using providers::mem::Operation;
 using storage::overlayprovider::BackendExecutor;
 using storage::overlayprovider::ContentCache;
-using storage::overlayprovider::OverlayProvider;
 
 namespace {
 

@@ -1,5 +1,6 @@
 // Helpers shared by the overlay provider's tests: a fixture with an overlay over a `mem`
-// store of its own, and the calls the tests make through it.
+// store of its own, the calls the tests make through it, and the names the tests use at
+// file scope.
 #pragma once
 
 #include <core/provider/OverlayProvider.hpp>
@@ -8,6 +9,7 @@
 #include <foundation/storage/provider/ByteStream.hpp>
 #include <foundation/storage/provider/Exception.hpp>
 #include <providers/mem/MemoryProvider.hpp>
+#include <providers/mem/Operation.hpp>
 
 #include <gtest/gtest.h>
 
@@ -65,3 +67,12 @@ class OverlayFixture : public ::testing::Test {
 };
 
 }  // namespace overlay_test
+
+// The names every overlay provider test uses, at file scope.
+namespace fsp = foundation::storage::provider;
+using fsp::ErrorCode;
+using fsp::StorageIRI;
+using fsp::StorageItem;
+using providers::mem::MemoryProvider;
+using providers::mem::Operation;
+using storage::overlayprovider::OverlayProvider;
