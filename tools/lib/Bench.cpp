@@ -337,8 +337,10 @@ class Bench {
 };
 
 void printTable(std::ostream& out, std::vector<Figure> const& figures, BenchOptions const& options) {
-  out << "ovl bench: overlay and the same store used directly, through a throttle of " << options.latencyMs
-      << " ms per call and " << options.megabytesPerSecond << " MB/s; overlay with " << options.transfers
+  out << "ovl bench: overlay and the same store (" << (options.inner ? *options.inner : "a new local folder")
+      << ") used directly, through a throttle of " << options.latencyMs << " ms per call and "
+      << (options.megabytesPerSecond > 0 ? number(options.megabytesPerSecond) + " MB/s" : "unlimited bandwidth")
+      << "; overlay with " << options.transfers
       << (options.transfers == 1 ? " transfer" : " transfers") << " at once; " << std::thread::hardware_concurrency()
       << " cores\n\n"
       << std::left << std::setw(66) << "figure" << std::right << std::setw(11) << "direct" << std::setw(11) << "overlay"
