@@ -174,6 +174,23 @@ stop_daemons() {
   return "$survivors"
 }
 
+# Ends what a start killed halfway (SIGKILL cannot be trapped) may have left besides the
+# daemons: its helper steps (pool creation, user creation), which name DIR/ceph.conf on
+# their command line and would otherwise wait out their own time-outs.
+stop_helpers() {
+  local conf=$1/ceph.conf file pid pids=()
+  for file in /proc/[0-9]*/cmdline; do
+    grep -qzxF -- "$conf" "$file" 2>/dev/null || continue
+    pid=${file#/proc/}; pid=${pid%/cmdline}
+    [ "$pid" != $$ ] && pid_alive "$pid" && pids+=("$pid")
+  done
+  [ ${#pids[@]} -gt 0 ] || return 0
+  kill -TERM "${pids[@]}" 2>/dev/null || true
+  for pid in "${pids[@]}"; do
+    wait_exit "$pid" 50 || kill -KILL "$pid" 2>/dev/null || true
+  done
+}
+
 # --- stop -----------------------------------------------------------------------------
 
 cmd_stop() {
@@ -191,6 +208,7 @@ cmd_stop() {
     die "$dir was not made by ceph-s3.sh start (no $dir/.ceph-s3); leaving it alone"
   fi
   stop_daemons "$dir" || die "could not stop every daemon of $dir; leaving it in place"
+  stop_helpers "$dir"
   if [ "$keep" = 0 ]; then
     rm -rf "$dir" || die "could not remove $dir"
   fi
