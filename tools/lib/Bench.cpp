@@ -124,26 +124,36 @@ class Bench {
     std::string pattern = (std::filesystem::temp_directory_path() / "ovl-bench.XXXXXX").string();
     if (!::mkdtemp(pattern.data())) throw CommandError(pattern, "cannot make a temporary folder for the store");
     folder_ = pattern;
-    if (options.inner) {
-      StorageItem base;
-      try {
-        base = session.registry().resolve(*options.inner);
-      } catch (std::exception const& e) {
-        throw CommandError(*options.inner, e.what());
+    // A constructor that throws runs no destructor: what it made so far goes here.
+    try {
+      if (options.inner) {
+        StorageItem base;
+        try {
+          base = session.registry().resolve(*options.inner);
+        } catch (std::exception const& e) {
+          throw CommandError(*options.inner, e.what());
+        }
+        if (!base.folderExists()) throw CommandError(*options.inner, "the store for --inner must be an existing folder");
+        StorageItem work(base.getProvider(), StorageIRI(base.getLocation(), u"ovl-bench-" + ascii16(std::to_string(::getpid()))));
+        work.createFolder();
+        work_ = work;
+        below(*work_, u"/direct").createFolder();
+        below(*work_, u"/overlay").createFolder();
+      } else {
+        std::filesystem::create_directories(folder_ / "direct");
+        std::filesystem::create_directories(folder_ / "overlay");
       }
-      if (!base.folderExists()) throw CommandError(*options.inner, "the store for --inner must be an existing folder");
-      work_ = StorageItem(base.getProvider(), StorageIRI(base.getLocation(), u"ovl-bench-" + ascii16(std::to_string(::getpid()))));
-      work_->createFolder();
-      below(*work_, u"/direct").createFolder();
-      below(*work_, u"/overlay").createFolder();
-    } else {
-      std::filesystem::create_directories(folder_ / "direct");
-      std::filesystem::create_directories(folder_ / "overlay");
+    } catch (...) {
+      removeWhatWasMade();
+      throw;
     }
     slow_.latency = std::chrono::microseconds(std::llround(options.latencyMs * 1000));
     slow_.bytesPerSecond = options.megabytesPerSecond * 1e6;
   }
-  ~Bench() {
+  ~Bench() { removeWhatWasMade(); }
+
+  // The temporary folder, and the bench's folder in the --inner store.
+  void removeWhatWasMade() {
     std::error_code ignored;
     std::filesystem::remove_all(folder_, ignored);
     if (work_) {
