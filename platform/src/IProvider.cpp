@@ -6,6 +6,8 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <optional>
+#include <stdexcept>
 #include <random>
 #include <vector>
 
@@ -121,6 +123,44 @@ void walk(IProvider const& provider, StorageIRI const& folder, std::u16string co
   }
 }
 
+// The entries of a recursive listing whose own name (the last segment of the relative
+// path) matches a wildcard pattern, taken from the store's listing as they are asked for.
+class RecursiveWildcardFilter : public IFolderEntryIterator {
+ public:
+  RecursiveWildcardFilter(FolderEntryIteratorPtr listing, std::u16string pattern)
+      : listing_(std::move(listing)), pattern_(std::move(pattern)) {}
+  FolderEntry current() const override {
+    if (!current_) throw std::logic_error("RecursiveWildcardFilter: current() before advance()");
+    return *current_;
+  }
+  bool notAtEnd() const override {
+    lookAhead();
+    return next_.has_value();
+  }
+  void advance() override {
+    lookAhead();
+    if (!next_) throw std::out_of_range("RecursiveWildcardFilter: advance() at the end");
+    current_ = std::move(next_);
+    next_.reset();
+  }
+
+ private:
+  void lookAhead() const {
+    while (!next_ && listing_->notAtEnd()) {
+      listing_->advance();
+      FolderEntry entry = listing_->current();
+      auto const& path = entry.getName();
+      auto const slash = path.rfind(u'/');
+      if (matchesWildcard(slash == std::u16string::npos ? path : path.substr(slash + 1), pattern_)) next_ = std::move(entry);
+    }
+  }
+
+  FolderEntryIteratorPtr listing_;
+  std::u16string const pattern_;
+  mutable std::optional<FolderEntry> next_;  // the next matching entry, once looked for
+  std::optional<FolderEntry> current_;
+};
+
 }  // namespace
 
 StorageIRI scratchLocationFor(StorageIRI const& target) { return scratchBeside(target); }
@@ -195,16 +235,10 @@ FolderEntryIteratorPtr IProvider::doListAllRecursive(StorageIRI const& iri) cons
   return std::make_unique<VectorFolderEntryIterator>(std::move(entries));
 }
 FolderEntryIteratorPtr IProvider::doListAllRecursiveWildcards(StorageIRI const& iri, std::u16string const& pattern) const {
-  // The pattern applies to the entry's own name, not to its relative path.
-  std::vector<FolderEntry> kept;
-  for (auto& entry : collect(*doListAllRecursive(iri))) {
-    auto const& path = entry.getName();
-    auto slash = path.rfind(u'/');
-    if (matchesWildcard(slash == std::u16string::npos ? path : path.substr(slash + 1), pattern)) {
-      kept.push_back(std::move(entry));
-    }
-  }
-  return std::make_unique<VectorFolderEntryIterator>(std::move(kept));
+  // "*" keeps every entry: the store's own listing, not a copy of it (a whole tree can
+  // hold millions of entries).
+  if (pattern == u"*") return doListAllRecursive(iri);
+  return std::make_unique<RecursiveWildcardFilter>(doListAllRecursive(iri), pattern);
 }
 NameList IProvider::doListAllRecursiveNamesOnly(StorageIRI const& iri) const { return namesOf(doListAllRecursive(iri)); }
 NameList IProvider::doListAllRecursiveNamesOnlyWildcards(StorageIRI const& iri, std::u16string const& pattern) const {

@@ -32,6 +32,11 @@ bool Gate::waitForWaiters(std::size_t n, std::chrono::milliseconds timeout) {
   return changed_.wait_for(lock, timeout, [&] { return waiting_ >= n; });
 }
 
+bool Gate::waitForHeldInAll(std::size_t n, std::chrono::milliseconds timeout) {
+  std::unique_lock lock(mutex_);
+  return changed_.wait_for(lock, timeout, [&] { return totalHeld_ >= n && waiting_ > 0; });
+}
+
 std::size_t Gate::waiting() const {
   std::lock_guard lock(mutex_);
   return waiting_;

@@ -6,6 +6,7 @@
 
 #include <foundation/storage/provider/Exception.hpp>
 
+#include <functional>
 #include <stdexcept>
 
 namespace providers::mem {
@@ -59,6 +60,43 @@ FolderEntry entryOf(Node const& node, std::u16string name, bool withExtended) {
   return entry;
 }
 
+// Throws the injected fault `fault` of `op` on `iri`.
+[[noreturn]] void raise(Operation op, detail::Fault const& fault, StorageIRI const& iri) {
+  if (fault.unexpected) {
+    throw std::runtime_error(std::string("Injected unexpected failure in ") + toString(op) + " on " + iri.toUtf8());
+  }
+  throw Exception(fault.code, iri, std::string("injected fault in ") + toString(op));
+}
+
+// A recursive listing taken at the call, handed out entry by entry; `descend` runs
+// before the first entry inside each sub-folder (the entry right after its folder's).
+class RecursiveListing : public foundation::storage::provider::IClonableFolderEntryIterator<RecursiveListing> {
+ public:
+  RecursiveListing(std::vector<FolderEntry> entries, std::function<void()> descend)
+      : entries_(std::move(entries)), descend_(std::move(descend)) {}
+  FolderEntry current() const override {
+    if (pos_ == 0) throw std::logic_error("RecursiveListing: current() before advance()");
+    return entries_[pos_ - 1];
+  }
+  bool notAtEnd() const override { return pos_ < entries_.size(); }
+  void advance() override {
+    if (!notAtEnd()) throw std::out_of_range("RecursiveListing: advance() at the end");
+    if (pos_ > 0 && !entries_[pos_ - 1].isFile()) {
+      auto const& folder = entries_[pos_ - 1].getName();
+      auto const& next = entries_[pos_].getName();
+      if (next.size() > folder.size() && next.compare(0, folder.size(), folder) == 0 && next[folder.size()] == u'/') {
+        descend_();
+      }
+    }
+    ++pos_;
+  }
+
+ private:
+  std::vector<FolderEntry> entries_;
+  std::function<void()> descend_;
+  std::size_t pos_ = 0;  // entries handed out so far
+};
+
 void listRecursively(Node const& folder, std::u16string const& prefix, bool withExtended, std::vector<FolderEntry>& out) {
   for (auto const& [key, child] : folder.children) {
     auto relative = prefix.empty() ? child->name : prefix + u"/" + child->name;
@@ -91,12 +129,7 @@ StorageIRI MemoryProvider::root() const { return state_->root; }
 std::u16string const& MemoryProvider::name() const { return state_->name; }
 
 void MemoryProvider::enter(Operation op, StorageIRI const& iri) const {
-  auto fault = state_->controls.enter(op);
-  if (!fault) return;
-  if (fault->unexpected) {
-    throw std::runtime_error(std::string("Injected unexpected failure in ") + toString(op) + " on " + iri.toUtf8());
-  }
-  throw Exception(fault->code, iri, std::string("injected fault in ") + toString(op));
+  if (auto fault = state_->controls.enter(op)) raise(op, *fault, iri);
 }
 
 // ---- create ---------------------------------------------------------------------------
@@ -506,7 +539,11 @@ FolderEntryIteratorPtr MemoryProvider::doListAllRecursive(StorageIRI const& iri)
   if (node == nullptr || !node->folder) throw Exception(ErrorCode::DoesNotExist, iri);
   std::vector<FolderEntry> entries;
   listRecursively(*node, {}, state_->features.count(ExtendedFeature::ExtendedAttributes) != 0, entries);
-  return std::make_unique<VectorFolderEntryIterator>(std::move(entries));
+  return std::make_unique<RecursiveListing>(std::move(entries), [state = state_, iri] {
+    if (auto fault = state->controls.enter(Operation::ListAllRecursiveDescend)) {
+      raise(Operation::ListAllRecursiveDescend, *fault, iri);
+    }
+  });
 }
 
 // ---- events -----------------------------------------------------------------------------

@@ -30,6 +30,7 @@ char const* toString(Operation operation) {
     case Operation::ListFiles: return "ListFiles";
     case Operation::ListFolders: return "ListFolders";
     case Operation::ListAllRecursive: return "ListAllRecursive";
+    case Operation::ListAllRecursiveDescend: return "ListAllRecursiveDescend";
     case Operation::PublishEvents: return "PublishEvents";
     case Operation::StopEvents: return "StopEvents";
     case Operation::GetStorageInfo: return "GetStorageInfo";

@@ -2,80 +2,35 @@
 //
 // One record object is shared (std::shared_ptr) by the folder entry that lists the file,
 // the frozen snapshot and any caller that asked for it; a change made through one holder
-// is seen by all. The location is the inner-most IRI of the file.
-//
-// Thread-safety: every operation takes the record's own mutex for its whole duration and
-// takes no other lock while holding it, so records may be used under the cache lock or a
-// folder entry's lock. An extended-attributes producer runs under the record's mutex, so
-// two concurrent readers never run it twice.
+// is seen by all. The location is the inner-most IRI of the file. Everything but the size
+// is common to files and folders (MetadataRecord, which also says how records lock).
 #pragma once
 
-#include <core/metadata/LazyExtendedAttributes.hpp>
-
-#include <foundation/storage/provider/ExtendedAttributes.hpp>
-#include <foundation/storage/provider/StorageIRI.hpp>
-
-#include <boost/date_time/posix_time/ptime.hpp>
-
-#include <mutex>
-#include <string>
+#include <core/metadata/MetadataRecord.hpp>
 
 namespace storage::overlayprovider {
 
-namespace fsp = foundation::storage::provider;
-
-class FileMetadata {
+class FileMetadata : public MetadataRecord<FileMetadata> {
  public:
-  using Producer = LazyExtendedAttributes::Producer;
-
   // Location `location`, frozen as given, last modified now (UTC), empty extended
   // attributes, size 0 and not writable until set.
-  FileMetadata(fsp::StorageIRI location, bool frozen);
-  FileMetadata(FileMetadata const&) = delete;
-  FileMetadata& operator=(FileMetadata const&) = delete;
+  FileMetadata(fsp::StorageIRI const& location, bool frozen) : MetadataRecord(location, frozen) {}
+  // The same at `StorageIRI(*parent, name)`, the parent shared with other records.
+  FileMetadata(Parent parent, std::u16string name, bool frozen)
+      : MetadataRecord(std::move(parent), std::move(name), frozen) {}
 
-  // Fluent setters; each returns this record so that calls chain.
-  FileMetadata& withLastModified(boost::posix_time::ptime time);
-  FileMetadata& withSize(unsigned long size);
-  FileMetadata& withWritable(bool writable);
-  // Replaces the attributes by a copy of `attributes`; an installed producer is dropped
-  // unread.
-  FileMetadata& withExtendedAttributes(fsp::ExtendedAttributes attributes);
-  // Installs `producer`; it runs on the next read of the attributes (with the path the
-  // record has at that moment).
-  FileMetadata& withExtendedAttributes(Producer producer);
-
-  fsp::StorageIRI getLocation() const;
-  // The last segment of the location.
-  std::u16string getName() const;
-  boost::posix_time::ptime getLastModified() const;
-  bool isWritable() const;
-  unsigned long getFileSize() const;
-  // A copy of the attributes, produced first if still pending. Passes on what a producer
-  // throws.
-  fsp::ExtendedAttributes getExtendedAttributes() const;
-  // The "WATERMARK" attribute's text, or "WATERMARK" itself when there is none. Throws
-  // std::out_of_range ("Attribute for given type with name WATERMARK not found.") when
-  // the attribute is not text, and passes on what a producer throws.
-  std::string getWatermark() const;
-
-  // Moves the record under `parent`, keeping its name. Pending attributes are produced
-  // first, with the old path, so a producer never sees a location it was not installed
-  // for. Passes on what a producer throws (the location then stays unchanged).
-  void setParentLocation(fsp::StorageIRI const& parent);
-
-  bool isFrozen() const;
-  void freeze();
-  void thaw();
+  FileMetadata& withSize(unsigned long size) {
+    SmallLock lock(guard_);
+    size_ = size;
+    return *this;
+  }
+  unsigned long getFileSize() const {
+    SmallLock lock(guard_);
+    return size_;
+  }
 
  private:
-  mutable std::mutex guard_;  // guards every field below
-  fsp::StorageIRI location_;
-  boost::posix_time::ptime lastModified_;
-  unsigned long size_ = 0;
-  bool writable_ = false;
-  mutable LazyExtendedAttributes extended_;
-  bool frozen_;
+  unsigned long size_ GUARDED_BY(guard_) = 0;
 };
 
 }  // namespace storage::overlayprovider

@@ -21,6 +21,9 @@ namespace storage::overlayprovider {
 // Alternative 0: a file; alternative 1: a folder. Never holds a null pointer.
 using FileOrFolderMetadata = std::variant<std::shared_ptr<FileMetadata>, std::shared_ptr<FolderMetadata>>;
 
+// The record's name, without a copy (names never change; see MetadataRecord).
+std::u16string const& nameOf(FileOrFolderMetadata const& record);
+
 // The record's name (last segment of its location).
 class GetNameVisitor {
  public:
@@ -35,7 +38,8 @@ class GetLocationVisitor {
   fsp::StorageIRI operator()(std::shared_ptr<FolderMetadata> const& folder) const;
 };
 
-// Moves the record under the parent given at construction (`setParentLocation`).
+// Moves the record under the parent given at construction (`setParentLocation`); the
+// records one visitor moves share that parent's IRI.
 class SetParentVisitor {
  public:
   explicit SetParentVisitor(fsp::StorageIRI parent);
@@ -43,7 +47,7 @@ class SetParentVisitor {
   void operator()(std::shared_ptr<FolderMetadata> const& folder) const;
 
  private:
-  fsp::StorageIRI const parent_;
+  std::shared_ptr<fsp::StorageIRI const> const parent_;
 };
 
 // True for a file, false for a folder.

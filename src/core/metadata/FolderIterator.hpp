@@ -38,7 +38,7 @@ class FolderIterator : public fsp::IClonableFolderEntryIterator<FolderIterator<P
   template <class Content>
   explicit FolderIterator(Content const& content) {
     Pred const accepts;
-    for (auto const& [location, record] : content) {
+    for (auto const& record : content) {
       if (accepts(record)) records_.push_back(record);
     }
   }

@@ -64,30 +64,36 @@ LazyExtendedAttributes::Producer FutureFolderEntry::extendedAttributesProducer(s
   };
 }
 
-FileOrFolderMetadata FutureFolderEntry::recordFor(fsp::FolderEntry const& entry, fsp::StorageIRI const& location,
-                                                  std::shared_ptr<fsp::StorageItem> const& inner) {
+FutureFolderEntry::Producers FutureFolderEntry::producersFor(std::shared_ptr<fsp::StorageItem> const& inner) {
+  return {std::make_shared<LazyExtendedAttributes::Producer const>(extendedAttributesProducer(inner, false)),
+          std::make_shared<LazyExtendedAttributes::Producer const>(extendedAttributesProducer(inner, true))};
+}
+
+FileOrFolderMetadata FutureFolderEntry::recordFor(fsp::FolderEntry const& entry, RecordLocation::Parent parent,
+                                                  std::u16string name, std::shared_ptr<fsp::StorageItem> const& inner,
+                                                  Producers const& producers) {
   if (entry.isFile()) {
+    auto record = std::make_shared<FileMetadata>(std::move(parent), std::move(name), false);
     auto const& listed = entry.getFileAttributes();
     auto const attributes =
-        listed.getSize() ? listed : fsp::StorageItem(*inner, location.getPath()).getFileAttributes();
-    auto record = std::make_shared<FileMetadata>(location, false);
+        listed.getSize() ? listed : fsp::StorageItem(*inner, record->getLocation().getPath()).getFileAttributes();
     record->withSize(attributes.getSize().value_or(0))
         .withWritable(attributes.isWritable())
         .withLastModified(attributes.getLastModified());
     if (entry.getExtendedAttributes()) {
       record->withExtendedAttributes(*entry.getExtendedAttributes());
     } else {
-      record->withExtendedAttributes(extendedAttributesProducer(inner, false));
+      record->withExtendedAttributes(producers.file);
     }
     return record;
   }
   auto const& attributes = entry.getFolderAttributes();
-  auto record = std::make_shared<FolderMetadata>(location, false);
+  auto record = std::make_shared<FolderMetadata>(std::move(parent), std::move(name), false);
   record->withWritable(attributes.isWritable()).withLastModified(attributes.getLastModified());
   if (entry.getExtendedAttributes()) {
     record->withExtendedAttributes(*entry.getExtendedAttributes());
   } else {
-    record->withExtendedAttributes(extendedAttributesProducer(inner, true));
+    record->withExtendedAttributes(producers.folder);
   }
   return record;
 }
@@ -95,21 +101,19 @@ FileOrFolderMetadata FutureFolderEntry::recordFor(fsp::FolderEntry const& entry,
 void FutureFolderEntry::buildFolderDetail() {
   fsp::StorageItem const folder(*inner_, getLocation().getPath());
   auto const attributes = folder.getFolderAttributes();
+  auto const producers = producersFor(inner_);
   auto record = std::make_shared<FolderMetadata>(getLocation(), false);
   record->withLastModified(attributes.getLastModified())
       .withWritable(attributes.isWritable())
-      .withExtendedAttributes(extendedAttributesProducer(inner_, true));
+      .withExtendedAttributes(producers.folder);
   setListedMetadata(std::move(record));
-
   auto listing = folder.listAll();
   auto& children = childrenForListing();
   while (listing->notAtEnd()) {
     listing->advance();
     fsp::FolderEntry const entry = listing->current();
     try {
-      fsp::StorageIRI child(getLocation(), entry.getName());
-      auto childRecord = recordFor(entry, child, inner_);
-      children.emplace(std::move(child), std::move(childRecord));
+      children.insert(recordFor(entry, sharedLocation(), entry.getName(), inner_, producers));
     } catch (...) {
       getLogger().log(Severity::Error, kListingFailure);
     }

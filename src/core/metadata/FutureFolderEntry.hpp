@@ -46,14 +46,23 @@ class FutureFolderEntry : public IFolderEntry {
   // a plain IFolderEntry.
   bool isBuilt() const { return built_.load(std::memory_order_acquire); }
 
-  // The record for one listing entry `entry` found at `location`: for a file, size,
-  // writable and last modified from the entry when it carries a size, otherwise from the
-  // inner store's getFileAttributes; for a folder, from the entry's folder attributes.
-  // Extended attributes as a value when the entry carries them, otherwise a lazy
-  // producer (extendedAttributesProducer). The record is not frozen. Passes on what the
-  // inner store throws.
-  static FileOrFolderMetadata recordFor(fsp::FolderEntry const& entry, fsp::StorageIRI const& location,
-                                        std::shared_ptr<fsp::StorageItem> const& inner);
+  // The producers of extended attributes that the records of one listing share (one for
+  // files, one for folders: extendedAttributesProducer).
+  struct Producers {
+    LazyExtendedAttributes::SharedProducer file;
+    LazyExtendedAttributes::SharedProducer folder;
+  };
+  static Producers producersFor(std::shared_ptr<fsp::StorageItem> const& inner);
+
+  // The record for one listing entry `entry` found at `StorageIRI(*parent, name)`: for a
+  // file, size, writable and last modified from the entry when it carries a size,
+  // otherwise from the inner store's getFileAttributes; for a folder, from the entry's
+  // folder attributes. Extended attributes as a value when the entry carries them,
+  // otherwise the shared lazy producer. The record is not frozen. Passes on what the
+  // inner store (or the IRI's construction) throws.
+  static FileOrFolderMetadata recordFor(fsp::FolderEntry const& entry, RecordLocation::Parent parent,
+                                        std::u16string name, std::shared_ptr<fsp::StorageItem> const& inner,
+                                        Producers const& producers);
   // A producer that asks the inner store (an item with the path it is given) for the
   // extended attributes. When the store fails it logs "Problem retrieving extended
   // attributes (folder)" or "... (file)" (4) and "Exception caught: " with the failure's

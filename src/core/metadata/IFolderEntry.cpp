@@ -1,5 +1,7 @@
 #include <core/metadata/IFolderEntry.hpp>
 
+#include <core/util/LocationIndex.hpp>
+
 #include <boost/date_time/posix_time/posix_time_types.hpp>
 
 
@@ -20,7 +22,8 @@ bool fits(FileOrFolderMetadata const& child, IFolderEntry::CheckType type) {
 
 }  // namespace
 
-IFolderEntry::IFolderEntry(fsp::StorageIRI location) : location_(std::move(location)) {}
+IFolderEntry::IFolderEntry(fsp::StorageIRI location)
+    : location_(std::make_shared<fsp::StorageIRI const>(std::move(location))), children_(*location_) {}
 
 IFolderEntry::~IFolderEntry() = default;
 
@@ -51,21 +54,10 @@ std::shared_ptr<FolderMetadata> IFolderEntry::getMetadata() const {
 
 std::size_t IFolderEntry::lowerCaseHash(fsp::StorageIRI const& iri) { return lowerCaseHashOf(iri); }
 
-IFolderEntry::Children::iterator IFolderEntry::find(std::u16string_view text, CheckType type,
-                                                    bool caseSensitive) const {
-  auto const found = caseSensitive ? index_.findExact(text) : index_.findFolded(text);
-  if (found != children_.end() && !fits(found->second, type)) return children_.end();
+IFolderEntry::const_iterator IFolderEntry::find(std::u16string_view text, CheckType type, bool caseSensitive) const {
+  auto const found = caseSensitive ? children_.findExact(text) : children_.findFolded(text);
+  if (found != children_.end() && !fits(*found, type)) return children_.end();
   return found;
-}
-
-void IFolderEntry::insertChild(fsp::StorageIRI location, FileOrFolderMetadata child) const {
-  auto const [it, inserted] = children_.emplace(std::move(location), std::move(child));
-  if (inserted) index_.inserted(it);
-}
-
-void IFolderEntry::eraseChild(Children::iterator it) const {
-  index_.erasing(it);
-  children_.erase(it);
 }
 
 IFolderEntry::const_iterator IFolderEntry::getIteratorForFileOrFolderPath(fsp::StorageIRI const& iri, CheckType type,
@@ -87,14 +79,14 @@ std::shared_ptr<FileMetadata> IFolderEntry::getFileMetadata(std::u16string_view 
   std::lock_guard lock(guard_);
   doBuildFolder();
   auto it = find(text, CheckType::FILE, caseSensitive);
-  return it == children_.end() ? nullptr : std::get<0>(it->second);
+  return it == children_.end() ? nullptr : std::get<0>(*it);
 }
 
 std::shared_ptr<FolderMetadata> IFolderEntry::getFolderMetadata(std::u16string_view text, bool caseSensitive) const {
   std::lock_guard lock(guard_);
   doBuildFolder();
   auto it = find(text, CheckType::FOLDER, caseSensitive);
-  return it == children_.end() ? nullptr : std::get<1>(it->second);
+  return it == children_.end() ? nullptr : std::get<1>(*it);
 }
 
 bool IFolderEntry::hasFileMetadata(fsp::StorageIRI const& iri) const {
@@ -120,7 +112,7 @@ void IFolderEntry::removeFileMetadata(fsp::StorageIRI const& iri, bool caseSensi
   doBuildFolder();
   auto it = find(iri, CheckType::FILE, caseSensitive);
   if (it == children_.end()) return;
-  eraseChild(it);
+  children_.erase(it);
   stampNow();
 }
 
@@ -129,7 +121,7 @@ void IFolderEntry::removeFolderMetadata(fsp::StorageIRI const& iri, bool caseSen
   doBuildFolder();
   auto it = find(iri, CheckType::FOLDER, caseSensitive);
   if (it == children_.end()) return;
-  eraseChild(it);
+  children_.erase(it);
   stampNow();
 }
 
@@ -137,16 +129,14 @@ void IFolderEntry::addFileMetadata(std::shared_ptr<FileMetadata> child, bool upd
   std::lock_guard lock(guard_);
   doBuildFolder();
   if (updateLastModified) stampWith(child->getLastModified());
-  auto location = child->getLocation();
-  insertChild(std::move(location), FileOrFolderMetadata(std::move(child)));
+  children_.insert(FileOrFolderMetadata(std::move(child)));
 }
 
 void IFolderEntry::addFolderMetadata(std::shared_ptr<FolderMetadata> child, bool updateLastModified) const {
   std::lock_guard lock(guard_);
   doBuildFolder();
   if (updateLastModified) stampWith(child->getLastModified());
-  auto location = child->getLocation();
-  insertChild(std::move(location), FileOrFolderMetadata(std::move(child)));
+  children_.insert(FileOrFolderMetadata(std::move(child)));
 }
 
 IFolderEntry::const_iterator IFolderEntry::begin() const {
@@ -161,10 +151,16 @@ IFolderEntry::const_iterator IFolderEntry::end() const {
   return children_.end();
 }
 
-IFolderEntry::Children IFolderEntry::getAllContent() const {
+IFolderEntry::Content IFolderEntry::getAllContent() const {
   std::lock_guard lock(guard_);
   doBuildFolder();
-  return children_;
+  return Content(children_.begin(), children_.end());
+}
+
+std::size_t IFolderEntry::size() const {
+  std::lock_guard lock(guard_);
+  doBuildFolder();
+  return children_.size();
 }
 
 bool IFolderEntry::empty() const {

@@ -1,10 +1,11 @@
 // IFolderEntry: the metadata cache's picture of one folder, the folder's own record and
 // the records of its direct children.
 //
-// Children are keyed by their full location (`StorageIRI(folder, name)`, inner-most
-// form) and hold the shared records, so a change made through the entry is seen by
-// every other holder of a record. Entries are created and dropped by MetadataCache;
-// FutureFolderEntry is the kind whose content comes from a listing of the inner store.
+// Children are the shared records (FolderChildren), each at `StorageIRI(folder, name)`
+// (inner-most form) and kept in the order of those IRIs, so a change made through the
+// entry is seen by every other holder of a record. Entries are created and dropped by
+// MetadataCache; FutureFolderEntry is the kind whose content comes from a listing of the
+// inner store.
 //
 // Building. Every operation except `withMetadata`, `peekMetadata`, `getLocation` and
 // `lowerCaseHash`
@@ -16,8 +17,8 @@
 // child's key is lower-cased (fl::i18n::to_lower) and hashed with
 // std::hash<std::u16string>; the first child, in key order, whose hash equals the wanted
 // one is the match. Two names whose lower-cased forms collide in the hash are treated
-// as the same name. Lookups of either kind go through hash indexes of the children
-// (LocationIndex), so they cost the same in a folder of ten children or of ten thousand.
+// as the same name. Exact lookups find the name in the ordered children; case-insensitive
+// ones go through a hash table built at the first of them.
 //
 // Thread-safety: the entry's lock serialises all readers and writers of the children;
 // the folder's record pointer has a lock of its own so that `withMetadata` never waits
@@ -25,12 +26,12 @@
 #pragma once
 
 #include <core/metadata/FileOrFolderMetadata.hpp>
-#include <core/util/LocationIndex.hpp>
+#include <core/metadata/FolderChildren.hpp>
 
 #include <foundation/storage/provider/StorageIRI.hpp>
 
 #include <cstddef>
-#include <map>
+#include <vector>
 #include <memory>
 #include <mutex>
 
@@ -44,8 +45,10 @@ class IFolderEntry {
     FOLDER = 1,  // folders only; any value other than 0 and 2 behaves as this one
     ANY = 2,     // files and folders
   };
-  using Children = std::map<fsp::StorageIRI, FileOrFolderMetadata>;
-  using const_iterator = Children::const_iterator;
+  // The children's records in order (a snapshot).
+  using Content = std::vector<FileOrFolderMetadata>;
+  // Iterates the children's records in order.
+  using const_iterator = FolderChildren::const_iterator;
 
   // An entry for `location` without a record and without children.
   explicit IFolderEntry(fsp::StorageIRI location);
@@ -62,7 +65,9 @@ class IFolderEntry {
   // The folder's own record as it is now, without taking the entry's lock or building:
   // for callers that must not wait for a listing.
   std::shared_ptr<FolderMetadata> peekMetadata() const;
-  fsp::StorageIRI const& getLocation() const { return location_; }
+  fsp::StorageIRI const& getLocation() const { return *location_; }
+  // The same IRI, shared: the parent of the records made for the folder's children.
+  std::shared_ptr<fsp::StorageIRI const> const& sharedLocation() const { return location_; }
 
   // The child at `iri` when its kind fits `type`, else end(). Case-sensitive: exact key;
   // otherwise the lower-case hash rule above. The iterator stays valid only while no one
@@ -93,8 +98,9 @@ class IFolderEntry {
   // the caller must not change the entry while iterating.
   const_iterator begin() const;
   const_iterator end() const;
-  // A copy of the children, for iteration outside the lock.
-  Children getAllContent() const;
+  // A copy of the children's records, in order, for iteration outside the lock.
+  Content getAllContent() const;
+  std::size_t size() const;
   bool empty() const;
 
   // Forward to the folder's own record; false / nothing without one.
@@ -114,30 +120,23 @@ class IFolderEntry {
   // record unless one was given with `withMetadata`.
   void setListedMetadata(std::shared_ptr<FolderMetadata> metadata);
   // The children, for a listing that fills the entry before anyone reads it (no lock).
-  Children& childrenForListing() const { return children_; }
+  FolderChildren& childrenForListing() const { return children_; }
 
  private:
   // Guard held by the caller.
-  Children::iterator find(std::u16string_view text, CheckType type, bool caseSensitive) const;
-  Children::iterator find(fsp::StorageIRI const& iri, CheckType type, bool caseSensitive) const {
+  const_iterator find(std::u16string_view text, CheckType type, bool caseSensitive) const;
+  const_iterator find(fsp::StorageIRI const& iri, CheckType type, bool caseSensitive) const {
     return find(std::u16string_view(iri.toString()), type, caseSensitive);
   }
-  // Guard held by the caller: inserts `child` under `location` unless that key is present.
-  void insertChild(fsp::StorageIRI location, FileOrFolderMetadata child) const;
-  // Guard held by the caller: erases the child at `it`.
-  void eraseChild(Children::iterator it) const;
   void stampNow() const;
   void stampWith(boost::posix_time::ptime time) const;
 
-  fsp::StorageIRI const location_;
+  std::shared_ptr<fsp::StorageIRI const> const location_;
   mutable std::mutex metadataGuard_;         // guards metadata_ and metadataGiven_ (a leaf lock)
   std::shared_ptr<FolderMetadata> metadata_;
   bool metadataGiven_ = false;
-  mutable std::mutex guard_;  // guards children_ and index_ (after the build) and serialises builds
-  mutable Children children_;
-  // Lookup tables over children_, built at the first lookup after the build (a listing
-  // fills children_ directly, before anyone looks) and kept in step by every change.
-  mutable LocationIndex<Children> index_{children_};
+  mutable std::mutex guard_;  // guards children_ (after the build) and serialises builds
+  mutable FolderChildren children_;
 };
 
 // Adds the record to the folder entry given at construction, moving that folder's last

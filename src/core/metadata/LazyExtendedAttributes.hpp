@@ -2,16 +2,23 @@
 // value or produced on first use.
 //
 // A holder built from a value keeps a copy of it. A holder built from a producer keeps
-// the producer and nothing else until the attributes are first needed: then `get(path)`
-// calls the producer once with the record's path and keeps its result; later reads use
-// the kept value and never call the producer again. A producer that throws leaves the
-// holder pending, so the next read calls it again.
+// the producer and nothing else until the attributes are first needed: then the producer
+// is called once with the record's path and its result is kept; later reads use the kept
+// value and never call the producer again. A producer that throws leaves the holder
+// pending, so the next read calls it again.
 //
-// Not thread-safe on its own: every record guards its holder with the record's mutex.
+// Compact, because every cached record has one: a producer is held through a shared
+// pointer, so the records of one listing share a single producer; empty attributes take
+// no allocation; and attributes whose values are all text (a store's watermark, say) are
+// kept packed in one small block rather than as a map of boost::any values, and are
+// unpacked when asked for.
+//
+// Not thread-safe on its own: every record guards its holder with the record's lock.
 #pragma once
 
 #include <foundation/storage/provider/ExtendedAttributes.hpp>
 
+#include <cstddef>
 #include <functional>
 #include <memory>
 #include <string>
@@ -24,6 +31,8 @@ class LazyExtendedAttributes {
  public:
   // What a producer is called with: the record's path (`StorageIRI::getPath()`).
   using Producer = std::function<fsp::ExtendedAttributes(std::u16string)>;
+  // A producer shared by many holders (the records of one listing).
+  using SharedProducer = std::shared_ptr<Producer const>;
 
   // The name under which stores keep a file's watermark.
   static constexpr char const* kWatermark = "WATERMARK";
@@ -31,16 +40,26 @@ class LazyExtendedAttributes {
   // Holds empty attributes.
   LazyExtendedAttributes();
   // Holds a copy of `value`; no producer.
-  explicit LazyExtendedAttributes(fsp::ExtendedAttributes value);
+  explicit LazyExtendedAttributes(fsp::ExtendedAttributes const& value);
   // Holds `producer` and no value yet. An empty std::function produces empty attributes.
   explicit LazyExtendedAttributes(Producer producer);
+  // As above for a shared producer; a null one produces empty attributes.
+  explicit LazyExtendedAttributes(SharedProducer producer);
 
   // True while the producer has not yet delivered a value.
-  bool isPending() const { return value_ == nullptr; }
+  bool isPending() const { return producer_ != nullptr; }
 
-  // The attributes, produced now with `path` if still pending. Passes on whatever the
-  // producer throws (the holder then stays pending).
-  fsp::ExtendedAttributes const& get(std::u16string const& path);
+  // Runs the producer if the attributes are still pending, with the path `pathOf()`
+  // returns (called only then). Passes on whatever the producer throws (the holder then
+  // stays pending).
+  template <class PathOf>
+  void produce(PathOf&& pathOf) {
+    if (producer_) keep((*producer_ ? (*producer_)(pathOf()) : fsp::ExtendedAttributes()), true);
+  }
+  // The attributes held (produce() first).
+  fsp::ExtendedAttributes value() const;
+  // watermarkOf(value()), without unpacking.
+  std::string watermark() const;
 
   // The watermark rule shared by files and folders: without a "WATERMARK" attribute the
   // text "WATERMARK" itself (callers compare watermarks as text, and a record without a
@@ -50,8 +69,13 @@ class LazyExtendedAttributes {
   static std::string watermarkOf(fsp::ExtendedAttributes const& attributes);
 
  private:
-  Producer producer_;
-  std::unique_ptr<fsp::ExtendedAttributes> value_;  // null while pending
+  // Holds `value` (packed when its values are all text); with `produced`, the producer
+  // is done.
+  void keep(fsp::ExtendedAttributes const& value, bool produced);
+
+  SharedProducer producer_;                         // null once produced (or never pending)
+  std::unique_ptr<fsp::ExtendedAttributes> value_;  // attributes not all text
+  std::unique_ptr<char[]> packed_;                  // attributes all text; both null: empty
 };
 
 }  // namespace storage::overlayprovider

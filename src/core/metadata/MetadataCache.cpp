@@ -10,10 +10,12 @@
 #include <boost/date_time/posix_time/posix_time_types.hpp>
 
 #include <algorithm>
+#include <malloc.h>
 #include <exception>
 #include <optional>
 #include <string_view>
 #include <type_traits>
+#include <unordered_set>
 #include <utility>
 
 namespace storage::overlayprovider {
@@ -28,6 +30,15 @@ constexpr char const* kRecursiveListingFailure =
     "Couldn't read file/folder metadata during a backend folder "
     "recursive listing operation. This is possibly due to a bad filename "
     "(g2635196).";
+
+// The store's whole-tree listing is as large as the cache it fills, and once read it is
+// dropped; the allocator would keep its pages for later use, so the process would stay
+// that much larger for good. They are handed back to the system instead.
+void handBackFreeMemory() {
+#if defined(__GLIBC__)
+  ::malloc_trim(0);
+#endif
+}
 
 boost::posix_time::ptime nowUtc() { return boost::posix_time::microsec_clock::universal_time(); }
 
@@ -101,6 +112,19 @@ void MetadataCache::clearFolders() const {
   for (auto& [key, entry] : folders_) retire(std::move(entry));
   folderIndex_.cleared();
   folders_.clear();
+  filling_.clear();
+}
+
+void MetadataCache::forgetFilling(StorageIRI const& key) const {
+  std::u16string_view const text = key.toString();
+  for (auto it = filling_.lower_bound(key);
+       it != filling_.end() && std::u16string_view(it->first.toString()).substr(0, text.size()) == text;) {
+    if (it->first == key || key.isAncestorOf(it->first)) {
+      it = filling_.erase(it);
+    } else {
+      ++it;
+    }
+  }
 }
 
 std::shared_ptr<IFolderEntry> MetadataCache::doGetFolderContainer(StorageIRI const& iri, bool create) const {
@@ -193,7 +217,7 @@ void MetadataCache::awaitSubtree(StorageIRI const& iri, bool create) const {
     // rather than copied (a folder of many files would otherwise be copied whole).
     CacheLock lock(*this);
     for (auto it = entry->begin(), end = entry->end(); it != end; ++it) {
-      if (it->second.index() == 1) folders.push_back(it->first);
+      if (it->index() == 1) folders.push_back(std::get<1>(*it)->getLocation());
     }
   }
 }
@@ -632,7 +656,7 @@ void MetadataCache::moveFolder(StorageIRI const& src, StorageIRI const& dst, fsp
       auto source = doGetFolderContainer(s, false);
       bool hasSubFolders = false;
       if (source && !isUnbuiltListing(source)) {
-        for (auto const& [location, child] : source->getAllContent()) hasSubFolders |= child.index() == 1;
+        for (auto const& child : source->getAllContent()) hasSubFolders |= child.index() == 1;
       }
       if (hasSubFolders) entries.push_back(doGetFolderContainer(d.getParent(), true));
     }
@@ -641,6 +665,8 @@ void MetadataCache::moveFolder(StorageIRI const& src, StorageIRI const& dst, fsp
 
   CacheLock lock(*this);
   triggerInvalidationProcess();
+  // What the population would fill at the destination is the store's old content there.
+  forgetFilling(d);
   auto const source = doGetFolderContainer(s, true)->getMetadata();
   if (!source) throw Exception(ErrorCode::DoesNotExist, src);
   auto record = std::make_shared<FolderMetadata>(d, true);
@@ -680,8 +706,8 @@ void MetadataCache::moveFolderDetail(StorageIRI const& src, StorageIRI const& ds
 
   auto source = doGetFolderContainer(src, true);
   bool const keepExisting = static_cast<int>(policy) == 4;
-  for (auto const& [location, child] : source->getAllContent()) {
-    StorageIRI const target(dst, std::visit(GetNameVisitor(), child));
+  for (auto const& child : source->getAllContent()) {
+    StorageIRI const target(dst, nameOf(child));
     if (keepExisting && destination->hasFileMetadata(target)) continue;
     destination->removeFileMetadata(target, true);
     removeFrozenMetadata(target, true);
@@ -703,6 +729,8 @@ void MetadataCache::doInvalidateFolder(StorageIRI const& iri) const {
     clearFolders();
     return;
   }
+  // What the population is filling there may be stale too; no one has seen it yet.
+  forgetFilling(iri);
   auto it = folderIndex_.findExact(iri);
   // A folder that was never loaded has nothing stale of its own; its cached
   // descendants stay.
@@ -768,14 +796,15 @@ void MetadataCache::doSnapshotFrozenMetadata() const {
     try {
       auto const metadata = entry->getMetadata();
       if (metadata && metadata->isFrozen()) frozen_.save(key, metadata);
-      for (auto const& [location, child] : entry->getAllContent()) {
+      for (auto const& child : entry->getAllContent()) {
         if (child.index() != 0) continue;
         auto const& file = std::get<0>(child);
         if (file->isFrozen()) {
+          auto const location = file->getLocation();
           if (logging) getLogger().log(Severity::Debug, location.toUtf8() + " is frozen.");
           frozen_.save(location, child);
         } else if (logging) {
-          getLogger().log(Severity::Debug, location.toUtf8() + " is not frozen.");
+          getLogger().log(Severity::Debug, file->getLocation().toUtf8() + " is not frozen.");
         }
       }
     } catch (...) {
@@ -880,11 +909,11 @@ void MetadataCache::thawFolderImpl(StorageIRI const& iri, bool recursive) const 
   auto const entry = it->second;
   entry->thaw();
   if (!recursive) return;
-  for (auto const& [location, child] : entry->getAllContent()) {
+  for (auto const& child : entry->getAllContent()) {
     if (child.index() == 0) {
       std::get<0>(child)->thaw();
     } else {
-      thawFolderImpl(location, true);
+      thawFolderImpl(std::get<1>(child)->getLocation(), true);
     }
   }
 }
@@ -911,21 +940,186 @@ void MetadataCache::populateWholeFolderTreeWhenPossible(bool wait) {
   population_.start([this, wait] { populate(wait); }, wait);
 }
 
+// The population's walk over the recursive listing. Folders are filled in entries of
+// their own that no reader sees (`filling_`); a folder's entry is published into the
+// tree when the walk leaves the folder, and from then on answers about it come from the
+// cache. A reader who asks about a folder not yet published finds it not cached and lists
+// it on its own (the first answer waits for that folder, not for the tree); the walk then
+// drops its own entry for that folder when it is complete.
+//
+// A folder is left when the listing names an entry outside it: the walk relies on the
+// recursive listing giving each folder's entries together, after the folder itself (as a
+// depth-first walk or a listing in key order does). Should a store break that, the folder
+// met again is dropped from the tree, so that its next reader lists it anew.
+//
+// Entries of a folder the walk does not fill (the root, which was listed on its own, and
+// any folder a reader listed or a change dropped meanwhile) are not added: that folder's
+// own listing, or the next one, has them. Its sub-folders are filled as long as the
+// folder's cached entry lists them.
+class MetadataCache::PopulationWalk {
+ public:
+  PopulationWalk(MetadataCache const& cache, StorageIRI base)
+      : cache_(cache), base_(std::move(base)), producers_(FutureFolderEntry::producersFor(cache.inner_)) {}
+
+  void add(fsp::FolderEntry const& entry) {
+    auto const& relative = entry.getName();
+    auto const slash = relative.rfind(u'/');
+    std::u16string_view const parent =
+        slash == std::u16string::npos ? std::u16string_view() : std::u16string_view(relative).substr(0, slash);
+    std::u16string name = slash == std::u16string::npos ? relative : relative.substr(slash + 1);
+    leaveFoldersOutside(parent);
+    if (!open_.empty() && open_.back().relative == parent) {
+      addToFilling(open_.back(), entry, std::move(name));
+    } else if (!entry.isFile()) {
+      beginBelowCached(entry, relative, parent);
+    } else if (!parent.empty()) {
+      noteMetAgain(parent);
+    }
+  }
+
+  // Publishes every folder still open, the deepest first.
+  void finish() {
+    for (; !open_.empty(); open_.pop_back()) publish(open_.back());
+  }
+
+ private:
+  struct Folder {
+    std::u16string relative;  // path below the root, as the listing names it
+    StorageIRI key;
+    std::shared_ptr<IFolderEntry> entry;
+  };
+
+  static bool isSelfOrAncestor(std::u16string_view folder, std::u16string_view path) {
+    return path.size() >= folder.size() && path.compare(0, folder.size(), folder) == 0 &&
+           (path.size() == folder.size() || path[folder.size()] == u'/');
+  }
+
+  void leaveFoldersOutside(std::u16string_view parent) {
+    while (!open_.empty() && !isSelfOrAncestor(open_.back().relative, parent)) {
+      publish(open_.back());
+      open_.pop_back();
+    }
+  }
+
+  void addToFilling(Folder const& folder, fsp::FolderEntry const& entry, std::u16string name) {
+    auto record = FutureFolderEntry::recordFor(entry, folder.entry->sharedLocation(), std::move(name), cache_.inner_,
+                                               producers_);
+    if (record.index() == 0) {
+      folder.entry->addFileMetadata(std::get<0>(record), false);
+      return;
+    }
+    auto const& child = std::get<1>(record);
+    folder.entry->addFolderMetadata(child, false);
+    begin(entry.getName(), child->getLocation(), child, initiallyInvalid(child), &folder);
+  }
+
+  // A folder whose parent is not being filled: filled when its parent's cached entry
+  // lists it, with the record that entry holds.
+  void beginBelowCached(fsp::FolderEntry const& entry, std::u16string const& relative, std::u16string_view parent) {
+    StorageIRI const parentKey = parent.empty() ? base_ : StorageIRI(base_, std::u16string(parent));
+    std::shared_ptr<IFolderEntry> parentEntry;
+    {
+      CacheLock lock(cache_);
+      auto it = cache_.getCacheIterator(parentKey);
+      if (it == cache_.folders_.end()) return;  // neither filled nor cached: its listing has it all
+      parentEntry = it->second;
+    }
+    if (!awaitEntry(parentEntry)) return;
+    if (!parent.empty()) noteMetAgain(parent);
+    auto const key = StorageIRI(base_, relative);
+    auto record = parentEntry->getFolderMetadata(key, true);
+    if (!record) return;
+    // Whether the folder's content comes with the listing is the listing's to say.
+    auto const listed = FutureFolderEntry::recordFor(entry, parentEntry->sharedLocation(), record->getName(),
+                                                     cache_.inner_, producers_);
+    begin(relative, key, record, initiallyInvalid(std::get<1>(listed)));
+  }
+
+  static bool initiallyInvalid(std::shared_ptr<FolderMetadata> const& record) {
+    return record->getExtendedAttributes().hasAttribute(kInitiallyInvalid);
+  }
+
+  // Starts filling the folder at `key` whose record is `record`, unless the tree has it
+  // already, or `parent` (the folder being filled that lists it, if any) was dropped
+  // meanwhile; a folder whose content the listing does not give is listed on its own.
+  void begin(std::u16string const& relative, StorageIRI const& key, std::shared_ptr<FolderMetadata> const& record,
+             bool listedOnItsOwn, Folder const* parent = nullptr) {
+    CacheLock lock(cache_);
+    if (parent != nullptr && !isFilling(*parent)) return;
+    if (cache_.getCacheIterator(key) != cache_.folders_.end() || cache_.filling_.count(key) != 0) return;
+    if (listedOnItsOwn) {
+      auto entry = std::make_shared<FutureFolderEntry>(key, cache_.inner_);
+      entry->withMetadata(record);
+      cache_.emplaceFolder(key, entry);
+      return;
+    }
+    auto entry = std::make_shared<IFolderEntry>(key);
+    entry->withMetadata(record);
+    cache_.filling_.emplace(key, entry);
+    open_.push_back(Folder{relative, key, std::move(entry)});
+  }
+
+  // The folder is complete: into the tree with it, unless a change dropped it meanwhile
+  // or a reader listed the folder on its own.
+  void publish(Folder const& folder) {
+    CacheLock lock(cache_);
+    if (!isFilling(folder)) return;
+    cache_.filling_.erase(folder.key);
+    if (cache_.getCacheIterator(folder.key) != cache_.folders_.end()) return;
+    cache_.emplaceFolder(folder.key, folder.entry);
+    published_.insert(folder.entry.get());
+  }
+
+  // Whether `folder` is still being filled (no change dropped it).
+  bool isFilling(Folder const& folder) const REQUIRES(cache_.guard_) {
+    auto it = cache_.filling_.find(folder.key);
+    return it != cache_.filling_.end() && it->second == folder.entry;
+  }
+
+  // An entry of a folder the walk had left already: the folder may lack it.
+  void noteMetAgain(std::u16string_view parent) {
+    if (published_.empty() || parent == lastNoted_) return;
+    lastNoted_ = parent;
+    StorageIRI const key(base_, std::u16string(parent));
+    CacheLock lock(cache_);
+    auto it = cache_.getCacheIterator(key);
+    if (it == cache_.folders_.end() || published_.count(it->second.get()) == 0) return;
+    getLogger().log(Severity::Debug, "The recursive listing named an entry of " + key.toUtf8() +
+                                         " after leaving that folder; it is listed again when next asked for.");
+    published_.erase(it->second.get());
+    cache_.doInvalidateFolder(key);
+  }
+
+  MetadataCache const& cache_;
+  StorageIRI const base_;
+  FutureFolderEntry::Producers const producers_;
+  std::vector<Folder> open_;                           // the folders being filled, outermost first
+  std::unordered_set<IFolderEntry const*> published_;  // entries this walk put into the tree
+  std::u16string lastNoted_;                           // the folder noteMetAgain looked at last
+};
+
 void MetadataCache::populate(bool wait) {
   try {
     // Keys are inner-most IRIs, so the listed names are joined to the inner-most form
-    // of the inner root.
+    // of the inner root. The root is listed on its own (if it was not loaded already).
     auto const base = getInnerMostURL(inner_->getLocation());
+    {
+      CacheLock lock(*this);
+      doGetFolderContainer(base, true);
+    }
     auto listing = inner_->listAllRecursive(u"*");
+    PopulationWalk walk(*this, base);
     while (listing->notAtEnd()) {
       listing->advance();
-      fsp::FolderEntry const entry = listing->current();
       try {
-        addListedEntry(entry, base);
+        walk.add(listing->current());
       } catch (...) {
         getLogger().log(Severity::Error, kRecursiveListingFailure);
       }
     }
+    walk.finish();
+    listing.reset();
+    handBackFreeMemory();
   } catch (...) {
     getLogger().log(Severity::Error, "Recursive folder listing failure");
     if (listingFailureObserver_) {
@@ -949,24 +1143,6 @@ void MetadataCache::populate(bool wait) {
     }
     if (wait) throw;
   }
-}
-
-void MetadataCache::addListedEntry(fsp::FolderEntry const& entry, StorageIRI const& base) {
-  StorageIRI const location(base, entry.getName());
-  auto const record = FutureFolderEntry::recordFor(entry, location, inner_);
-  // The entry that receives the record is waited for without the cache lock.
-  awaitEntries([&](auto& entries) REQUIRES(guard_) {
-    if (location.hasParent()) entries.push_back(doGetFolderContainer(location.getParent(), false));
-  });
-  if (record.index() == 0) {
-    CacheLock lock(*this);
-    doAddFileMetadata(std::get<0>(record), false);
-    return;
-  }
-  auto const& folder = std::get<1>(record);
-  bool const initiallyInvalid = folder->getExtendedAttributes().hasAttribute(kInitiallyInvalid);
-  CacheLock lock(*this);
-  doAddFolderMetadata(folder, false, initiallyInvalid);
 }
 
 void MetadataCache::waitForFuturePopulationToFinish() { population_.awaitFirstTime(); }
@@ -1006,10 +1182,10 @@ std::uint64_t MetadataCache::doGetSpaceOccupiedByFolder(StorageIRI const& iri) c
   }
   std::uint64_t total = 0;
   for (; it != end; ++it) {
-    if (it->second.index() == 0) {
-      total += std::get<0>(it->second)->getFileSize();
+    if (it->index() == 0) {
+      total += std::get<0>(*it)->getFileSize();
     } else {
-      total += doGetSpaceOccupiedByFolder(it->first);
+      total += doGetSpaceOccupiedByFolder(std::get<1>(*it)->getLocation());
     }
   }
   return total;

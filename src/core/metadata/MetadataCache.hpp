@@ -26,9 +26,13 @@
 // costs each operation at most one re-listing ("to trigger" below).
 //
 // Population. When the inner store can list its whole tree in one call, the cache fills
-// itself from one recursive listing on a background thread; operations of the provider
-// wait for it first (`waitForFuturePopulationToFinish`).
-//
+// itself from one recursive listing on a background thread. Folders being filled are
+// invisible until the walk has left them; then they join the tree whole. So answers never
+// come from a half-filled folder, yet nobody waits for the whole tree: a folder already
+// filled answers at once, and one not yet filled is listed on its own, as without
+// population (see PopulationWalk in the source). Flushes and invalidations of the whole
+// overlay wait for the population (`waitForFuturePopulationToFinish`).
+
 // Failures. Error code 4 (does not exist) from the inner store is an answer: lookups
 // return null, hasFile/hasFolder false, and a cached folder whose load reports it is
 // dropped with its cached sub-tree before the exception goes on to the caller. Every other
@@ -336,9 +340,11 @@ class MetadataCache {
   // Before a re-add of the frozen snapshot: waits for the listings of the folders that
   // the re-add looks into (their entries created when missing, as the re-add would).
   void awaitFrozenReAdd() const EXCLUDES(guard_);
-  // The population task, on its own thread.
+  // The population task, on its own thread, and its walk over the listing.
   void populate(bool wait) EXCLUDES(guard_);
-  void addListedEntry(fsp::FolderEntry const& entry, StorageIRI const& base) EXCLUDES(guard_);
+  class PopulationWalk;
+  // Forgets the folders at or below `key` that the population is filling.
+  void forgetFilling(StorageIRI const& key) const REQUIRES(guard_);
 
   std::shared_ptr<fsp::StorageItem> const inner_;
   bool const caseSensitive_;
@@ -350,6 +356,9 @@ class MetadataCache {
   mutable FrozenRecords frozen_ GUARDED_BY(guard_);  // the frozen snapshot
   mutable std::set<StorageIRI> pending_ GUARDED_BY(guard_);
   mutable std::vector<std::shared_ptr<IFolderEntry>> retired_ GUARDED_BY(guard_);
+  // Folders the population is filling, by key: no reader sees them until they are
+  // complete and move into folders_.
+  mutable std::map<StorageIRI, std::shared_ptr<IFolderEntry>> filling_ GUARDED_BY(guard_);
 
   // Last, so that it is destroyed first: the population's task uses the tree.
   TreePopulation population_;

@@ -399,15 +399,6 @@ void OverlayProvider::updateContentCache(Update&& update) const {
   }
 }
 
-void OverlayProvider::awaitPopulation() const {
-  try {
-    metadataCache_->waitForFuturePopulationToFinish();
-  } catch (std::exception const& e) {
-    // A failed population emptied the cache; folders then load on demand.
-    getLogger().log(Severity::Debug, std::string("Exception caught: ") + e.what());
-  }
-}
-
 void OverlayProvider::dropContentCache() const {
   updateContentCache([&] {
     contentCache_->invalidateAll();
@@ -449,7 +440,6 @@ void OverlayProvider::requireWritableParent(StorageIRI const& iri, StorageIRI co
 void OverlayProvider::doCreateFile(StorageIRI const& iri) const {
   OVERLAY_TRACE_IRI(iri);
   lazyInitialize(iri);
-  metadataCache_->waitForFuturePopulationToFinish();
   auto const inner = getInnerMostURL(iri);
   triggerLatch();
   auto const pass = flushGate_.enter();
@@ -468,7 +458,6 @@ void OverlayProvider::doCreateFile(StorageIRI const& iri) const {
 void OverlayProvider::doCreateFolder(StorageIRI const& iri) const {
   OVERLAY_TRACE_IRI(iri);
   lazyInitialize(iri);
-  metadataCache_->waitForFuturePopulationToFinish();
   auto const inner = getInnerMostURL(iri);
   triggerLatch();
   auto const pass = flushGate_.enter();
@@ -487,7 +476,6 @@ void OverlayProvider::doCreateFolder(StorageIRI const& iri) const {
 void OverlayProvider::doCreateFolderRecursive(StorageIRI const& iri) const {
   OVERLAY_TRACE_IRI(iri);
   lazyInitialize(iri);
-  metadataCache_->waitForFuturePopulationToFinish();
   auto const inner = getInnerMostURL(iri);
   triggerLatch();
   auto const pass = flushGate_.enter();
@@ -523,7 +511,6 @@ void OverlayProvider::doCreateFolderRecursive(StorageIRI const& iri) const {
 void OverlayProvider::doRemoveFile(StorageIRI const& iri) const {
   OVERLAY_TRACE_IRI(iri);
   lazyInitialize(iri);
-  metadataCache_->waitForFuturePopulationToFinish();
   auto const inner = getInnerMostURL(iri);
   triggerLatch();
   auto const pass = flushGate_.enter();
@@ -544,7 +531,6 @@ void OverlayProvider::doRemoveFile(StorageIRI const& iri) const {
 void OverlayProvider::doRemoveFolder(StorageIRI const& iri) const {
   OVERLAY_TRACE_IRI(iri);
   lazyInitialize(iri);
-  metadataCache_->waitForFuturePopulationToFinish();
   auto const inner = getInnerMostURL(iri);
   triggerLatch();
   auto const pass = flushGate_.enter();
@@ -564,7 +550,6 @@ void OverlayProvider::doRemoveFolder(StorageIRI const& iri) const {
 void OverlayProvider::doRemoveFolderRecursively(StorageIRI const& iri) const {
   OVERLAY_TRACE_IRI(iri);
   lazyInitialize(iri);
-  metadataCache_->waitForFuturePopulationToFinish();
   auto const inner = getInnerMostURL(iri);
   triggerLatch();
   auto const pass = flushGate_.enter();
@@ -584,7 +569,6 @@ void OverlayProvider::doRemoveFolderRecursively(StorageIRI const& iri) const {
 void OverlayProvider::doMoveFile(StorageIRI const& src, StorageIRI const& dst, fsp::ReplacementPolicy const& policy) const {
   OVERLAY_TRACE_IRI(src);
   lazyInitialize();
-  metadataCache_->waitForFuturePopulationToFinish();
   auto const from = getInnerMostURL(src);
   auto const to = getInnerMostURL(dst);
   triggerLatch();
@@ -620,7 +604,6 @@ void OverlayProvider::doMoveFolder(StorageIRI const& src, StorageIRI const& dst,
                                    fsp::ReplacementPolicy const& policy) const {
   OVERLAY_TRACE_IRI(src);
   lazyInitialize();
-  metadataCache_->waitForFuturePopulationToFinish();
   auto const from = getInnerMostURL(src);
   auto const to = getInnerMostURL(dst);
   triggerLatch();
@@ -652,7 +635,6 @@ void OverlayProvider::doMoveFolder(StorageIRI const& src, StorageIRI const& dst,
 void OverlayProvider::doSetLastModified(StorageIRI const& iri, boost::posix_time::ptime const& time) const {
   OVERLAY_TRACE_IRI(iri);
   lazyInitialize(iri);
-  metadataCache_->waitForFuturePopulationToFinish();
   auto const inner = getInnerMostURL(iri);
   triggerLatch();
   auto const pass = flushGate_.enter();
@@ -673,7 +655,6 @@ void OverlayProvider::doSetLastModified(StorageIRI const& iri, boost::posix_time
 void OverlayProvider::doSetWritable(StorageIRI const& iri, bool writable) const {
   OVERLAY_TRACE_IRI(iri);
   lazyInitialize(iri);
-  metadataCache_->waitForFuturePopulationToFinish();
   auto const inner = getInnerMostURL(iri);
   triggerLatch();
   auto const pass = flushGate_.enter();
@@ -729,7 +710,6 @@ void OverlayProvider::doCopyFile(StorageIRI const& src, StorageIRI const& dst, f
 bool OverlayProvider::doFileExists(StorageIRI const& iri) const {
   OVERLAY_TRACE_IRI(iri);
   lazyInitialize(iri);
-  awaitPopulation();
   auto const inner = getInnerMostURL(iri);
   auto lock = pathLocks_.acquire(inner);
   return hasFileRecord(inner);
@@ -738,7 +718,6 @@ bool OverlayProvider::doFileExists(StorageIRI const& iri) const {
 bool OverlayProvider::doFolderExists(StorageIRI const& iri) const {
   OVERLAY_TRACE_IRI(iri);
   lazyInitialize(iri);
-  awaitPopulation();
   auto const inner = getInnerMostURL(iri);
   auto lock = pathLocks_.acquire(inner);
   return hasFolderRecord(inner);
@@ -747,7 +726,6 @@ bool OverlayProvider::doFolderExists(StorageIRI const& iri) const {
 fsp::FileAttributes OverlayProvider::doGetFileAttributes(StorageIRI const& iri) const {
   OVERLAY_TRACE_IRI(iri);
   lazyInitialize(iri);
-  awaitPopulation();
   auto const inner = getInnerMostURL(iri);
   auto lock = pathLocks_.acquire(inner);
   auto file = getFileMetadata(inner);
@@ -758,7 +736,6 @@ fsp::FileAttributes OverlayProvider::doGetFileAttributes(StorageIRI const& iri) 
 fsp::FolderAttributes OverlayProvider::doGetFolderAttributes(StorageIRI const& iri) const {
   OVERLAY_TRACE_IRI(iri);
   lazyInitialize(iri);
-  awaitPopulation();
   auto const inner = getInnerMostURL(iri);
   auto lock = pathLocks_.acquire(inner);
   auto folder = folderRecord(inner);
@@ -769,7 +746,6 @@ fsp::FolderAttributes OverlayProvider::doGetFolderAttributes(StorageIRI const& i
 fsp::ExtendedAttributes OverlayProvider::doGetExtendedAttributes(StorageIRI const& iri) const {
   OVERLAY_TRACE_IRI(iri);
   lazyInitialize(iri);
-  awaitPopulation();
   auto const inner = getInnerMostURL(iri);
   auto lock = pathLocks_.acquire(inner);
   if (auto folder = folderRecord(inner)) return folder->getExtendedAttributes();
@@ -780,7 +756,6 @@ fsp::ExtendedAttributes OverlayProvider::doGetExtendedAttributes(StorageIRI cons
 template <class Pred>
 fsp::FolderEntryIteratorPtr OverlayProvider::list(StorageIRI const& iri) const {
   lazyInitialize();
-  awaitPopulation();
   auto const inner = getInnerMostURL(iri);
   triggerLatch();
   auto lock = pathLocks_.acquire(inner);
@@ -867,7 +842,6 @@ fsp::ByteStreamPtr OverlayProvider::openThroughCache(StorageIRI const& iri, Stor
 fsp::ByteStreamPtr OverlayProvider::doOpenStream(StorageIRI const& iri, fsp::ByteStreamOpenOptions const& options) const {
   OVERLAY_TRACE_IRI(iri);
   lazyInitialize(iri);
-  metadataCache_->waitForFuturePopulationToFinish();
   auto const inner = getInnerMostURL(iri);
   if (!fallback_.load(std::memory_order_acquire)) {
     try {
@@ -885,7 +859,6 @@ fsp::ByteStreamPtr OverlayProvider::doOpenStream(StorageIRI const& iri, fsp::Byt
 fsp::ByteStreamPtr OverlayProvider::doOpenReadOnlyStream(StorageIRI const& iri) const {
   OVERLAY_TRACE_IRI(iri);
   lazyInitialize(iri);
-  awaitPopulation();
   auto const inner = getInnerMostURL(iri);
   if (!fallback_.load(std::memory_order_acquire)) {
     try {

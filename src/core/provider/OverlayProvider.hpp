@@ -238,11 +238,6 @@ class OverlayProvider : public fsp::IConfigurableProvider,
   // entries) is logged and skipped.
   template <class Update>
   void updateContentCache(Update&& update) const;
-  // Waits for a running whole-tree population of the metadata cache. Queries and
-  // listings wait too, not only changes: the population fills folders one record at a
-  // time, so a folder it is filling would be listed incomplete. A failed population
-  // is logged (the cache then loads folders on demand).
-  void awaitPopulation() const;
   // Empties the content cache; without persistence its cache files are deleted too.
   void dropContentCache() const;
   // Code 6 (InUse) against `iri` when the file has a content entry open in a way the

@@ -74,6 +74,76 @@ TEST_F(MetadataPopulationTest, TheRootIsReadyAtReturnAndTheRestArrivesFromOneLis
   EXPECT_EQ(store->calls(Operation::ListAllRecursive), 2u);
 }
 
+// The recursive listing runs d, d/a.txt, d/b.txt, d/sub, d/sub/c.txt, e, e/f.txt,
+// top.txt; its Descend gate holds it before d/a.txt, d/sub/c.txt and e/f.txt.
+class PopulationHeldPartWay : public MetadataPopulationTest {
+ protected:
+  providers::mem::Gate& descend = store->gate(Operation::ListAllRecursiveDescend);
+
+  // Starts the population of `populated` and lets it run until it is held at its `n`th
+  // descent.
+  void holdAtDescent(std::size_t n, MetadataCache* populated = nullptr) {
+    std::size_t const before = descend.totalHeld();
+    descend.close();
+    (populated ? *populated : cache).populateWholeFolderTreeWhenPossible(false);
+    for (std::size_t held = 1; held <= n; ++held) {
+      ASSERT_TRUE(descend.waitForHeldInAll(before + held, std::chrono::seconds(60)));
+      if (held < n) descend.release(1);
+    }
+  }
+  std::size_t childrenOf(std::u16string const& path) { return cache.loadAndGetFolderContainer(iri(path))->size(); }
+};
+
+TEST_F(PopulationHeldPartWay, AFolderNotYetFilledIsListedOnItsOwnAndAnsweredWhole) {
+  holdAtDescent(2);  // d is being filled, up to d/sub; d/sub is being filled, still empty
+  EXPECT_EQ(cache.cachedFolders(), std::vector<StorageIRI>{iri(u"")}) << "nothing half-filled is shown";
+  EXPECT_EQ(childrenOf(u"d"), 3u);
+  EXPECT_EQ(childrenOf(u"d/sub"), 1u);
+  EXPECT_TRUE(cache.hasFile(iri(u"d/sub/c.txt")));
+  EXPECT_EQ(store->calls(Operation::ListAll), 3u) << "the root, d and d/sub, each on its own";
+
+  descend.open();
+  cache.doWaitForFuturePopulationToFinish();
+  EXPECT_EQ(cache.cachedFolders(), (std::vector<StorageIRI>{iri(u""), iri(u"d"), iri(u"d/sub"), iri(u"e")}));
+  EXPECT_EQ(childrenOf(u"d"), 3u) << "the folder's own listing stays, nothing added twice";
+  EXPECT_EQ(childrenOf(u"e"), 1u);
+  EXPECT_EQ(store->calls(Operation::ListAll), 3u) << "e came from the population";
+}
+
+TEST_F(PopulationHeldPartWay, AFolderFilledBeforeTheRestAnswersAtOnce) {
+  holdAtDescent(3);  // the walk has met e, so d and d/sub are complete; e is not
+  EXPECT_EQ(cache.cachedFolders(), (std::vector<StorageIRI>{iri(u""), iri(u"d"), iri(u"d/sub")}));
+  EXPECT_EQ(childrenOf(u"d"), 3u);
+  auto c = cache.getFileMetadata(iri(u"d/sub/c.txt"));
+  ASSERT_NE(c, nullptr);
+  EXPECT_EQ(c->getFileSize(), 2u);
+  EXPECT_EQ(store->calls(Operation::ListAll), 1u) << "the root only";
+  EXPECT_EQ(childrenOf(u"e"), 1u) << "e is listed on its own";
+  EXPECT_EQ(store->calls(Operation::ListAll), 2u);
+  descend.open();
+  cache.doWaitForFuturePopulationToFinish();
+}
+
+TEST_F(PopulationHeldPartWay, AFolderRemovedOrMovedWhileBeingFilledDoesNotComeBack) {
+  holdAtDescent(2);
+  cache.removeFolder(iri(u"d"));
+  descend.open();
+  cache.doWaitForFuturePopulationToFinish();
+  EXPECT_EQ(cache.cachedFolders(), (std::vector<StorageIRI>{iri(u""), iri(u"e")}));
+  EXPECT_FALSE(cache.hasFolder(iri(u"d")));
+  EXPECT_EQ(cache.getFileMetadataFromCache(iri(u"d/sub/c.txt")), nullptr);
+
+  // A move onto a folder being filled: the store's old content there is not put back.
+  MetadataCache moving(inner, true);
+  holdAtDescent(2, &moving);  // d and d/sub being filled
+  moving.moveFolder(iri(u"e"), iri(u"d"), fsp::ReplacementPolicy::Always);
+  descend.open();
+  moving.doWaitForFuturePopulationToFinish();
+  EXPECT_EQ(moving.loadAndGetFolderContainer(iri(u"d"))->size(), 1u) << "only what e held";
+  EXPECT_NE(moving.getFileMetadataFromCache(iri(u"d/f.txt")), nullptr);
+  EXPECT_FALSE(contains(moving.cachedFolders(), iri(u"d/sub")));
+}
+
 TEST_F(MetadataPopulationTest, AFolderMarkedInitiallyInvalidIsListedOnItsOwn) {
   store->elsewhere().setExtendedAttribute(u"/e", "initiallyInvalid", std::string("1"));
   cache.populateWholeFolderTreeWhenPossible(true);

@@ -41,6 +41,11 @@ class Gate {
   // for tests that would rather fail than hang when a call never arrives.
   bool waitForWaiters(std::size_t n, std::chrono::milliseconds timeout);
 
+  // Blocks until `n` calls in all have been held at this gate (totalHeld) and one is
+  // held right now, or `timeout` has passed; returns whether that happened. For a test
+  // that lets one call after another through and waits for the next to arrive.
+  bool waitForHeldInAll(std::size_t n, std::chrono::milliseconds timeout);
+
   // The number of calls held right now.
   std::size_t waiting() const;
   // The number of calls that have been held at this gate since it was made (whether

@@ -38,6 +38,9 @@ enum class Operation : int {
   ListFiles,
   ListFolders,
   ListAllRecursive,
+  // A recursive listing about to hand out the first entry inside a sub-folder (passed,
+  // counted and faulted on the iterator's advance, once per sub-folder that has any).
+  ListAllRecursiveDescend,
   PublishEvents,  // doPublishFolderEventsFor and doPublishFileEventsFor
   StopEvents,     // doStopPublishingEventsFor
   GetStorageInfo,
