@@ -49,12 +49,10 @@ class LazyExtendedAttributes {
   // True while the producer has not yet delivered a value.
   bool isPending() const { return producer_ != nullptr; }
 
-  // Runs the producer if the attributes are still pending, with the path `pathOf()`
-  // returns (called only then). Passes on whatever the producer throws (the holder then
-  // stays pending).
-  template <class PathOf>
-  void produce(PathOf&& pathOf) {
-    if (producer_) keep((*producer_ ? (*producer_)(pathOf()) : fsp::ExtendedAttributes()), true);
+  // Runs the producer if the attributes are still pending, with the record's path
+  // `path`. Passes on whatever the producer throws (the holder then stays pending).
+  void produce(std::u16string const& path) {
+    if (producer_) keep((*producer_ ? (*producer_)(path) : fsp::ExtendedAttributes()), true);
   }
   // The attributes held (produce() first).
   fsp::ExtendedAttributes value() const;

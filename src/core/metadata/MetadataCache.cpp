@@ -464,7 +464,11 @@ void MetadataCache::doRemoveFile(StorageIRI const& iri) const {
   auto const key = getInnerMostURL(iri);
   if (!key.hasParent()) return;
   auto entry = doGetFolderContainer(key.getParent(), false);
-  if (!entry) return;
+  if (!entry) {
+    // A folder the population is filling would bring the file back.
+    forgetFilling(key.getParent());
+    return;
+  }
   entry->removeFileMetadata(key, caseSensitive_);
   if (auto parentRecord = entry->getMetadata()) updateParentLastModified(key, parentRecord->getLastModified());
 }
@@ -475,6 +479,8 @@ void MetadataCache::doRemoveFolder(StorageIRI const& iri) const {
     if (auto entry = doGetFolderContainer(key.getParent(), false)) {
       entry->removeFolderMetadata(key, caseSensitive_);
       if (auto parentRecord = entry->getMetadata()) updateParentLastModified(key, parentRecord->getLastModified());
+    } else {
+      forgetFilling(key.getParent());  // it would bring the folder back
     }
   }
   doInvalidateFolder(key);

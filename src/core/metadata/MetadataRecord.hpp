@@ -136,7 +136,7 @@ class MetadataRecord {
   }
   // Runs a pending producer of the attributes.
   void produce() const REQUIRES(guard_) {
-    extended_.produce([this]() REQUIRES(guard_) { return location_.path(); });
+    if (extended_.isPending()) extended_.produce(location_.path());
   }
 
   RecordLocation location_ GUARDED_BY(guard_);

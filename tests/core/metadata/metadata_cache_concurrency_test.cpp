@@ -208,4 +208,45 @@ TEST(MetadataCacheConcurrencyTest, ManyWaitersMeetOnePopulation) {
   EXPECT_EQ(store->calls(Operation::ListAllRecursive), 1u);
 }
 
+// Readers that look into folders while the population fills the tree, and a writer that
+// adds and removes files meanwhile: every answer is a whole folder, never a half-filled
+// one, and nothing the writer did is undone by the population.
+TEST(MetadataCacheConcurrencyTest, ReadersDuringPopulationSeeWholeFoldersAndWritesStay) {
+  constexpr int kFolders = 24;
+  constexpr int kFiles = 40;
+  auto store = std::make_shared<MemStore>();
+  for (int f = 0; f < kFolders; ++f) {
+    auto const folder = u"/f" + std::u16string(1, static_cast<char16_t>(u'a' + f));
+    store->elsewhere().createFolder(folder);
+    for (int i = 0; i < kFiles; ++i) store->elsewhere().writeFile(folder + u"/" + std::u16string(1, static_cast<char16_t>(u'A' + i)), "x");
+  }
+  auto inner = std::make_shared<StorageItem>(store, store->root());
+  MetadataCache cache(inner, true);
+  auto folderIri = [](int f) { return iri(u"f" + std::u16string(1, static_cast<char16_t>(u'a' + f))); };
+  cache.populateWholeFolderTreeWhenPossible(false);
+  std::vector<std::thread> readers;
+  for (int r = 0; r < 3; ++r) {
+    readers.emplace_back([&, r] {
+      for (int f = r; f < kFolders; f += 3) {
+        EXPECT_EQ(cache.loadAndGetFolderContainer(folderIri(f))->size(), static_cast<std::size_t>(kFiles)) << f;
+      }
+    });
+  }
+  // The writer works in the last folders, where the walk arrives last.
+  std::thread writer([&] {
+    for (int f = kFolders - 4; f < kFolders; ++f) {
+      cache.createFileMetadata(StorageIRI(folderIri(f), u"new"));
+      cache.removeFile(StorageIRI(folderIri(f), u"A"));
+    }
+  });
+  for (auto& reader : readers) reader.join();
+  writer.join();
+  cache.doWaitForFuturePopulationToFinish();
+  for (int f = kFolders - 4; f < kFolders; ++f) {
+    EXPECT_TRUE(cache.hasFile(StorageIRI(folderIri(f), u"new")));
+    EXPECT_FALSE(cache.hasFile(StorageIRI(folderIri(f), u"A")));
+    EXPECT_EQ(cache.loadAndGetFolderContainer(folderIri(f))->size(), static_cast<std::size_t>(kFiles));
+  }
+}
+
 }  // namespace
