@@ -178,7 +178,7 @@ void FileEventHub::State::watchBelow(Subscription& sub, std::string const& path,
   std::vector<NativeEntry> entries;
   try {
     DirFd dir = openFolder(path, sub.iri);
-    entries = readFolder(dir.get(), sub.iri, false);
+    entries = readFolder(dir.get(), sub.iri, false, true);  // only sub-folders are watched
   } catch (std::exception const& e) {
     logger().log(foundation::log::Warning, "Changes below " + path + " are not watched: " + e.what());
     return;

@@ -339,7 +339,7 @@ sp::FolderEntryIteratorPtr FileProvider::doListFolders(StorageIRI const& iri) co
 }
 
 sp::FolderEntryIteratorPtr FileProvider::doListAllRecursive(StorageIRI const& iri) const {
-  return std::make_unique<sp::VectorFolderEntryIterator>(listTree(nativePath(iri), iri));
+  return listTree(nativePath(iri), iri);
 }
 
 void FileProvider::doSetLastModified(StorageIRI const& iri, boost::posix_time::ptime const& time) const {

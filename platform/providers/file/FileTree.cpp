@@ -16,7 +16,10 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <optional>
+#include <stdexcept>
 #include <utility>
+#include <vector>
 
 namespace providers::file::detail {
 
@@ -188,25 +191,86 @@ void copyTree(std::string const& src, std::string const& dst, sp::StorageIRI con
   }
 }
 
-void walk(int dir, std::u16string const& prefix, sp::StorageIRI const& iri, std::vector<sp::FolderEntry>& out,
-          std::vector<std::pair<dev_t, ino_t>>& ancestors) {
-  for (auto const& entry : readFolder(dir, iri, true)) {
-    auto relative = prefix.empty() ? entry.name : prefix + u"/" + entry.name;
-    if (S_ISREG(entry.st.st_mode)) {
-      out.emplace_back(relative, fileAttributesOf(entry.st));
-      continue;
-    }
-    out.emplace_back(relative, folderAttributesOf(entry.st));
-    std::pair<dev_t, ino_t> const id{entry.st.st_dev, entry.st.st_ino};
-    if (std::find(ancestors.begin(), ancestors.end(), id) != ancestors.end()) continue;  // a link cycle
-    auto const child = childIri(iri, entry.name);
-    DirFd sub = openChildFolder(dir, entry.nativeName, child, true);
-    if (!sub.valid()) continue;  // vanished meanwhile
-    ancestors.push_back(id);
-    walk(sub.get(), relative, child, out, ancestors);
-    ancestors.pop_back();
+// The depth-first walk of listTree: one frame per folder open on the way down, each with
+// its sorted entries and how far they have been handed out.
+class TreeListing : public sp::IFolderEntryIterator {
+ public:
+  TreeListing(std::string const& path, sp::StorageIRI const& iri) {
+    DirFd dir = openFolder(path, iri);
+    struct stat st {};
+    if (::fstat(dir.get(), &st) != 0) throw osFailure(errno, iri, "cannot read attributes");
+    enter(std::move(dir), {}, iri, {st.st_dev, st.st_ino});
   }
-}
+
+  sp::FolderEntry current() const override {
+    if (!current_) throw std::logic_error("TreeListing: current() before advance()");
+    return *current_;
+  }
+  bool notAtEnd() const override {
+    lookAhead();
+    return next_.has_value();
+  }
+  void advance() override {
+    lookAhead();
+    if (!next_) throw std::out_of_range("TreeListing: advance() at the end");
+    current_ = std::move(next_);
+    next_.reset();
+  }
+
+ private:
+  struct Frame {
+    DirFd dir;
+    std::u16string prefix;  // the folder's path relative to the listed one; empty for it
+    sp::StorageIRI iri;
+    std::pair<dev_t, ino_t> id;
+    std::vector<NativeEntry> entries;
+    std::size_t next = 0;
+  };
+
+  void enter(DirFd dir, std::u16string prefix, sp::StorageIRI iri, std::pair<dev_t, ino_t> id) const {
+    auto entries = readFolder(dir.get(), iri, true);
+    frames_.push_back(Frame{std::move(dir), std::move(prefix), std::move(iri), id, std::move(entries), 0});
+  }
+
+  bool onTheWayDown(std::pair<dev_t, ino_t> id) const {
+    return std::any_of(frames_.begin(), frames_.end(), [&](Frame const& frame) { return frame.id == id; });
+  }
+
+  // Finds the next entry, entering the folder handed out last first.
+  void lookAhead() const {
+    if (next_) return;
+    if (descend_) {
+      auto folder = std::move(*descend_);
+      descend_.reset();
+      auto& frame = frames_.back();
+      auto const& entry = frame.entries[frame.next - 1];
+      auto child = childIri(frame.iri, entry.name);
+      DirFd sub = openChildFolder(frame.dir.get(), entry.nativeName, child, true);
+      if (sub.valid()) enter(std::move(sub), std::move(folder), std::move(child), {entry.st.st_dev, entry.st.st_ino});
+    }
+    while (!frames_.empty()) {
+      auto& frame = frames_.back();
+      if (frame.next == frame.entries.size()) {
+        frames_.pop_back();
+        continue;
+      }
+      auto const& entry = frame.entries[frame.next++];
+      auto relative = frame.prefix.empty() ? entry.name : frame.prefix + u"/" + entry.name;
+      if (S_ISREG(entry.st.st_mode)) {
+        next_.emplace(std::move(relative), fileAttributesOf(entry.st));
+        return;
+      }
+      next_.emplace(relative, folderAttributesOf(entry.st));
+      if (!onTheWayDown({entry.st.st_dev, entry.st.st_ino})) descend_ = std::move(relative);  // not a link cycle
+      return;
+    }
+  }
+
+  mutable std::vector<Frame> frames_;
+  mutable std::optional<sp::FolderEntry> next_;       // the entry after current_, once looked for
+  mutable std::optional<std::u16string> descend_;     // a folder handed out, to be entered next
+  std::optional<sp::FolderEntry> current_;
+};
 
 }  // namespace
 
@@ -266,7 +330,7 @@ DirFd openChildFolder(int parent, std::string const& name, sp::StorageIRI const&
   throw osFailure(err, iri, "cannot open folder");
 }
 
-std::vector<NativeEntry> readFolder(int dir, sp::StorageIRI const& iri, bool followLinks) {
+std::vector<NativeEntry> readFolder(int dir, sp::StorageIRI const& iri, bool followLinks, bool kindsOnly) {
   int copy = ::fcntl(dir, F_DUPFD_CLOEXEC, 0);
   if (copy < 0) throw osFailure(errno, iri, "cannot read folder");
   DIR* stream = ::fdopendir(copy);
@@ -307,6 +371,14 @@ std::vector<NativeEntry> readFolder(int dir, sp::StorageIRI const& iri, bool fol
       }
       continue;
     }
+    mode_t const kind = d->d_type == DT_DIR ? S_IFDIR : d->d_type == DT_REG ? S_IFREG : d->d_type == DT_LNK ? S_IFLNK : 0;
+    if (kindsOnly && !followLinks && kind != 0) {
+      entry.st = {};
+      entry.st.st_mode = kind;
+      entry.isLink = kind == S_IFLNK;
+      entries.push_back(std::move(entry));
+      continue;
+    }
     if (::fstatat(dir, entry.nativeName.c_str(), &entry.st, followLinks ? 0 : AT_SYMLINK_NOFOLLOW) != 0) {
       int const err = errno;
       if (err == ENOENT) continue;  // vanished, or a dangling link
@@ -341,14 +413,8 @@ std::vector<sp::FolderEntry> listFolder(std::string const& path, sp::StorageIRI 
   return result;
 }
 
-std::vector<sp::FolderEntry> listTree(std::string const& path, sp::StorageIRI const& iri) {
-  DirFd dir = openFolder(path, iri);
-  struct stat st {};
-  if (::fstat(dir.get(), &st) != 0) throw osFailure(errno, iri, "cannot read attributes");
-  std::vector<std::pair<dev_t, ino_t>> ancestors{{st.st_dev, st.st_ino}};
-  std::vector<sp::FolderEntry> out;
-  walk(dir.get(), {}, iri, out, ancestors);
-  return out;
+sp::FolderEntryIteratorPtr listTree(std::string const& path, sp::StorageIRI const& iri) {
+  return std::make_unique<TreeListing>(path, iri);
 }
 
 void removeTree(int parent, std::string const& name, sp::StorageIRI const& iri) {

@@ -3,6 +3,8 @@
 // reports failures as the storage layer's Exception naming the IRI concerned.
 #pragma once
 
+#include <foundation/storage/provider/IFolderEntryIterator.hpp>
+
 #include <foundation/storage/provider/FileAttributes.hpp>
 #include <foundation/storage/provider/FolderAttributes.hpp>
 #include <foundation/storage/provider/FolderEntry.hpp>
@@ -67,16 +69,21 @@ DirFd openChildFolder(int parent, std::string const& name, sp::StorageIRI const&
 // Entries that vanish while reading, entries of other kinds and names that are not valid
 // UTF-8 are left out. With `followLinks` false, symbolic links are reported as links
 // (isLink, st of the link itself) and never left out.
-// Takes a duplicate of the descriptor, so `dir` stays open.
-std::vector<NativeEntry> readFolder(int dir, sp::StorageIRI const& iri, bool followLinks);
+// Takes a duplicate of the descriptor, so `dir` stays open. With `kindsOnly` (and
+// `followLinks` false) only the kind of each entry is wanted: st.st_mode holds its type
+// bits from the folder itself where the file system gives them, and nothing else of st
+// is read (no call per entry).
+std::vector<NativeEntry> readFolder(int dir, sp::StorageIRI const& iri, bool followLinks, bool kindsOnly = false);
 
 // Listing of the folder at `path` as FolderEntries: files when `files`, folders when
 // `folders`.
 std::vector<sp::FolderEntry> listFolder(std::string const& path, sp::StorageIRI const& iri, bool files, bool folders);
 
 // Every entry below the folder at `path`, depth-first, a folder before its content, each
-// named by its path relative to the folder.
-std::vector<sp::FolderEntry> listTree(std::string const& path, sp::StorageIRI const& iri);
+// named by its path relative to the folder. Read folder by folder as the entries are
+// asked for, so a tree of millions of files is never held whole; a folder that cannot be
+// read fails the listing where it is met. Links to a folder above are not followed.
+sp::FolderEntryIteratorPtr listTree(std::string const& path, sp::StorageIRI const& iri);
 
 // Removes the folder `name` in the open folder `parent` with everything in it, without
 // following links. Entries that vanish meanwhile are not an error. `iri` names the folder.

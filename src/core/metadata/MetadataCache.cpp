@@ -87,7 +87,10 @@ class SCOPED_CAPABILITY MetadataCache::CacheLock {
 MetadataCache::MetadataCache(std::shared_ptr<fsp::StorageItem> inner, bool caseSensitive)
     : inner_(std::move(inner)), caseSensitive_(caseSensitive) {}
 
-MetadataCache::~MetadataCache() { population_.finish(); }
+MetadataCache::~MetadataCache() {
+  stopping_.store(true, std::memory_order_relaxed);  // a population under way ends at its next entry
+  population_.finish();
+}
 
 void MetadataCache::retire(std::shared_ptr<IFolderEntry> entry) const { retired_.push_back(std::move(entry)); }
 
@@ -763,6 +766,9 @@ void MetadataCache::invalidateFolder(StorageIRI const& iri) const {
 }
 
 void MetadataCache::invalidateAll() {
+  // What a population under way would still add is the store's state from before: it
+  // ends at its next entry, and folders load on demand from here on.
+  stopping_.store(true, std::memory_order_relaxed);
   CacheLock lock(*this);
   doInvalidateAll();
 }
@@ -1115,7 +1121,7 @@ void MetadataCache::populate(bool wait) {
     }
     auto listing = inner_->listAllRecursive(u"*");
     PopulationWalk walk(*this, base);
-    while (listing->notAtEnd()) {
+    while (!stopping_.load(std::memory_order_relaxed) && listing->notAtEnd()) {
       listing->advance();
       try {
         walk.add(listing->current());

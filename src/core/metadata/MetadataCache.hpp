@@ -30,8 +30,8 @@
 // invisible until the walk has left them; then they join the tree whole. So answers never
 // come from a half-filled folder, yet nobody waits for the whole tree: a folder already
 // filled answers at once, and one not yet filled is listed on its own, as without
-// population (see PopulationWalk in the source). Flushes and invalidations of the whole
-// overlay wait for the population (`waitForFuturePopulationToFinish`).
+// population (see PopulationWalk in the source). Emptying the whole tree ends a population
+// under way.
 
 // Failures. Error code 4 (does not exist) from the inner store is an answer: lookups
 // return null, hasFile/hasFolder false, and a cached folder whose load reports it is
@@ -59,6 +59,7 @@
 
 #include <boost/date_time/posix_time/ptime.hpp>
 
+#include <atomic>
 #include <cstdint>
 #include <deque>
 #include <exception>
@@ -169,7 +170,8 @@ class MetadataCache {
 
   // ---- invalidation, freezing, thawing -----------------------------------------------------
 
-  // Empties the tree and the frozen snapshot.
+  // Empties the tree and the frozen snapshot, and ends a whole-tree population under way
+  // (at its next entry); folders load on demand from then on.
   void invalidateAll();
   // Records that `iri` changed elsewhere; the work happens at later operations. Sets
   // "frozen re-add pending". Cheap; safe to call from an event thread.
@@ -359,6 +361,8 @@ class MetadataCache {
   // Folders the population is filling, by key: no reader sees them until they are
   // complete and move into folders_.
   mutable std::map<StorageIRI, std::shared_ptr<IFolderEntry>> filling_ GUARDED_BY(guard_);
+
+  std::atomic<bool> stopping_{false};  // set by invalidateAll and the destructor: a running population ends
 
   // Last, so that it is destroyed first: the population's task uses the tree.
   TreePopulation population_;

@@ -927,7 +927,6 @@ fsp::ProviderStorageInfo OverlayProvider::doGetProviderStorageInfo(StorageIRI co
 void OverlayProvider::doFlushFilesystem() {
   OVERLAY_TRACE();
   lazyInitialize();
-  metadataCache_->waitForFuturePopulationToFinish();
   doFlushFilesystemImpl();
 }
 
@@ -984,7 +983,6 @@ void OverlayProvider::doFlushFilesystemImpl() const {
 void OverlayProvider::doInvalidate(StorageIRI const& iri) {
   OVERLAY_TRACE_IRI(iri);
   lazyInitialize(iri);
-  metadataCache_->waitForFuturePopulationToFinish();
   auto root = getInnerMostURL(iri).withPath(u"/");
   auto lock = pathLocks_.acquire(root);
   dropContentCache();
