@@ -111,6 +111,8 @@ struct FileEventHub::State {
   // Adds a watch on the folder `path` for `sub`. Returns the descriptor, or -1 when the
   // folder is not there (any more). Throws for other failures.
   int addWatch(Subscription& sub, std::string const& path, bool followLinks);
+  // Watches the folder `child` and everything below it (see watchBelow).
+  void watchFolderBelow(Subscription& sub, std::string const& child, std::vector<Pending>* added);
   void removeWatch(Subscription& sub, int wd);
   void removeAllWatches(Subscription& sub);
   // Watches every folder below `path` (whose own watch exists). With `added`, publishes
@@ -175,10 +177,24 @@ void FileEventHub::State::removeAllWatches(Subscription& sub) {
 }
 
 void FileEventHub::State::watchBelow(Subscription& sub, std::string const& path, std::vector<Pending>* added) {
+  if (added == nullptr) {
+    // Only the sub-folders are wanted: read from the folder itself, without a call per
+    // file (a subscription over a tree of a million files reads a million names).
+    std::vector<std::string> folders;
+    try {
+      DirFd dir = openFolder(path, sub.iri);
+      folders = readSubFolders(dir.get(), sub.iri);
+    } catch (std::exception const& e) {
+      logger().log(foundation::log::Warning, "Changes below " + path + " are not watched: " + e.what());
+      return;
+    }
+    for (auto const& name : folders) watchFolderBelow(sub, joinPath(path, name), nullptr);
+    return;
+  }
   std::vector<NativeEntry> entries;
   try {
     DirFd dir = openFolder(path, sub.iri);
-    entries = readFolder(dir.get(), sub.iri, false, true);  // only sub-folders are watched
+    entries = readFolder(dir.get(), sub.iri, false, true);
   } catch (std::exception const& e) {
     logger().log(foundation::log::Warning, "Changes below " + path + " are not watched: " + e.what());
     return;
@@ -186,20 +202,21 @@ void FileEventHub::State::watchBelow(Subscription& sub, std::string const& path,
   for (auto const& entry : entries) {
     auto const child = joinPath(path, entry.nativeName);
     bool const isFolder = S_ISDIR(entry.st.st_mode);
-    if (added) {
-      if (auto location = locationFor(sub, child)) {
-        boost::property_tree::ptree details;
-        details.put("scan", true);
-        publish(*added, sub, ev::Kind::Added, *location, isFolder ? ev::EntryType::Folder : ev::EntryType::File,
-                std::move(details));
-      }
+    if (auto location = locationFor(sub, child)) {
+      boost::property_tree::ptree details;
+      details.put("scan", true);
+      publish(*added, sub, ev::Kind::Added, *location, isFolder ? ev::EntryType::Folder : ev::EntryType::File,
+              std::move(details));
     }
-    if (!isFolder) continue;
-    try {
-      if (addWatch(sub, child, false) >= 0) watchBelow(sub, child, added);
-    } catch (std::exception const& e) {
-      logger().log(foundation::log::Warning, "Changes in " + child + " are not watched: " + e.what());
-    }
+    if (isFolder) watchFolderBelow(sub, child, added);
+  }
+}
+
+void FileEventHub::State::watchFolderBelow(Subscription& sub, std::string const& child, std::vector<Pending>* added) {
+  try {
+    if (addWatch(sub, child, false) >= 0) watchBelow(sub, child, added);
+  } catch (std::exception const& e) {
+    logger().log(foundation::log::Warning, "Changes in " + child + " are not watched: " + e.what());
   }
 }
 

@@ -16,6 +16,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <optional>
 #include <stdexcept>
 #include <utility>
@@ -328,6 +329,36 @@ DirFd openChildFolder(int parent, std::string const& name, sp::StorageIRI const&
   if (err == ENOENT || err == ENOTDIR) return DirFd();
   if (err == EACCES || err == EPERM) throw osFailure(sp::ErrorCode::NotWritable, err, iri, "cannot read folder");
   throw osFailure(err, iri, "cannot open folder");
+}
+
+std::vector<std::string> readSubFolders(int dir, sp::StorageIRI const& iri) {
+  int copy = ::fcntl(dir, F_DUPFD_CLOEXEC, 0);
+  if (copy < 0) throw osFailure(errno, iri, "cannot read folder");
+  DIR* stream = ::fdopendir(copy);
+  if (!stream) {
+    int const err = errno;
+    ::close(copy);
+    throw osFailure(err, iri, "cannot read folder");
+  }
+  std::unique_ptr<DIR, int (*)(DIR*)> guard(stream, ::closedir);
+  ::rewinddir(stream);
+  std::vector<std::string> folders;
+  for (;;) {
+    errno = 0;
+    dirent* d = ::readdir(stream);
+    if (!d) {
+      if (errno != 0) throw osFailure(errno, iri, "cannot read folder");
+      break;
+    }
+    if (d->d_type != DT_DIR && d->d_type != DT_UNKNOWN) continue;
+    if (std::strcmp(d->d_name, ".") == 0 || std::strcmp(d->d_name, "..") == 0) continue;
+    if (d->d_type == DT_UNKNOWN) {
+      struct stat st {};
+      if (::fstatat(dir, d->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0 || !S_ISDIR(st.st_mode)) continue;
+    }
+    folders.emplace_back(d->d_name);
+  }
+  return folders;
 }
 
 std::vector<NativeEntry> readFolder(int dir, sp::StorageIRI const& iri, bool followLinks, bool kindsOnly) {

@@ -75,6 +75,12 @@ DirFd openChildFolder(int parent, std::string const& name, sp::StorageIRI const&
 // is read (no call per entry).
 std::vector<NativeEntry> readFolder(int dir, sp::StorageIRI const& iri, bool followLinks, bool kindsOnly = false);
 
+// The names on disk of the sub-folders of the open folder `dir` (named `iri`), links not
+// followed, in no particular order. Reads the kinds from the folder itself where the file
+// system gives them, so a folder of many files costs no call per file. Throws as
+// readFolder.
+std::vector<std::string> readSubFolders(int dir, sp::StorageIRI const& iri);
+
 // Listing of the folder at `path` as FolderEntries: files when `files`, folders when
 // `folders`.
 std::vector<sp::FolderEntry> listFolder(std::string const& path, sp::StorageIRI const& iri, bool files, bool folders);
