@@ -76,6 +76,7 @@ test-clang: setup-test
 bench: build
 	@for b in build/release/bench/*_bench; do echo "== $$b"; $$b; done
 	@bash bench/mount_bench.sh build/release/tools/ovl || [ $$? = 77 ]
+	@bash bench/mount_scale_bench.sh build/release/tools/ovl || [ $$? = 77 ]
 	@bash bench/s3_bench.sh build/release/tools/ovl || [ $$? = 77 ]
 
 clean:

@@ -8,6 +8,8 @@
 
 #include <core/metadata/MetadataRecord.hpp>
 
+#include <foundation/storage/provider/FolderEntry.hpp>
+
 namespace storage::overlayprovider {
 
 class FileMetadata : public MetadataRecord<FileMetadata> {
@@ -27,6 +29,11 @@ class FileMetadata : public MetadataRecord<FileMetadata> {
   unsigned long getFileSize() const {
     SmallLock lock(guard_);
     return size_;
+  }
+  // Size, last modified and writable, read together.
+  fsp::FileAttributes getAttributes() const {
+    SmallLock lock(guard_);
+    return fsp::FileAttributes(size_, lastModified(), writable());
   }
 
  private:

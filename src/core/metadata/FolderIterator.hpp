@@ -56,13 +56,12 @@ class FolderIterator : public fsp::IClonableFolderEntryIterator<FolderIterator<P
 
  private:
   static fsp::FolderEntry entryOf(FileOrFolderMetadata const& record) {
-    if (std::visit(IsFileEntryVisitor(), record)) {
-      auto const& file = std::get<std::shared_ptr<FileMetadata>>(record);
-      return fsp::FolderEntry(file->getName(),
-                              fsp::FileAttributes(file->getFileSize(), file->getLastModified(), file->isWritable()));
+    if (record.index() == 0) {
+      auto const& file = std::get<0>(record);
+      return fsp::FolderEntry(file->name(), file->getAttributes());
     }
-    auto const& folder = std::get<std::shared_ptr<FolderMetadata>>(record);
-    return fsp::FolderEntry(folder->getName(), fsp::FolderAttributes(folder->getLastModified(), folder->isWritable()));
+    auto const& folder = std::get<1>(record);
+    return fsp::FolderEntry(folder->name(), folder->getAttributes());
   }
 
   std::vector<FileOrFolderMetadata> records_;

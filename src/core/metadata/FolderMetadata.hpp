@@ -8,6 +8,8 @@
 
 #include <core/metadata/MetadataRecord.hpp>
 
+#include <foundation/storage/provider/FolderEntry.hpp>
+
 namespace storage::overlayprovider {
 
 class FolderMetadata : public MetadataRecord<FolderMetadata> {
@@ -18,6 +20,12 @@ class FolderMetadata : public MetadataRecord<FolderMetadata> {
   // The same at `StorageIRI(*parent, name)`, the parent shared with other records.
   FolderMetadata(Parent parent, std::u16string name, bool frozen)
       : MetadataRecord(std::move(parent), std::move(name), frozen) {}
+
+  // Last modified and writable, read together.
+  fsp::FolderAttributes getAttributes() const {
+    SmallLock lock(guard_);
+    return fsp::FolderAttributes(lastModified(), writable());
+  }
 };
 
 }  // namespace storage::overlayprovider

@@ -125,6 +125,10 @@ class MetadataRecord {
 
   mutable SmallMutex guard_;  // guards every field below, and those of Derived
 
+  // For Derived's reads of several fields under one hold of the lock.
+  boost::posix_time::ptime lastModified() const REQUIRES(guard_) { return lastModified_; }
+  bool writable() const REQUIRES(guard_) { return writable_; }
+
  private:
   Derived& self() { return static_cast<Derived&>(*this); }
   template <class Holder>
