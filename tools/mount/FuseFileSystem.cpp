@@ -228,7 +228,9 @@ int FuseFileSystem::getattr(char const* path, struct stat* st, OpenFile*) {
 int FuseFileSystem::readdir(char const* path, std::vector<std::pair<std::string, struct stat>>& entries) {
   return guarded([&] {
     auto listing = item(path).listAll();
-    for (auto const& entry : fsp::collect(*listing)) {
+    while (listing->notAtEnd()) {
+      listing->advance();
+      auto const entry = listing->current();
       struct stat st;
       if (entry.isFile()) {
         fill(st, entry.getFileAttributes());

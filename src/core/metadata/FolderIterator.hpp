@@ -14,6 +14,7 @@
 
 #include <foundation/storage/provider/IFolderEntryIterator.hpp>
 
+#include <algorithm>
 #include <optional>
 #include <stdexcept>
 #include <variant>
@@ -35,12 +36,10 @@ template <class Pred>
 class FolderIterator : public fsp::IClonableFolderEntryIterator<FolderIterator<Pred>> {
  public:
   // Keeps the records of `content` (in its order) that `Pred` accepts.
-  template <class Content>
-  explicit FolderIterator(Content const& content) {
+  explicit FolderIterator(std::vector<FileOrFolderMetadata> content) : records_(std::move(content)) {
     Pred const accepts;
-    for (auto const& record : content) {
-      if (accepts(record)) records_.push_back(record);
-    }
+    records_.erase(std::remove_if(records_.begin(), records_.end(), [&](auto const& record) { return !accepts(record); }),
+                   records_.end());
   }
 
   fsp::FolderEntry current() const override {

@@ -10,8 +10,9 @@
 // Keys. Every public operation first maps its IRI argument with getInnerMostURL and works
 // on that form only; entries, children and snapshot entries are keyed by inner-most IRIs.
 // With case sensitivity off, folders and children are matched by the lower-case hash rule
-// of IFolderEntry. Folders and children are found through hash indexes (LocationIndex),
-// so a lookup costs the same in a tree of any size.
+// of IFolderEntry. Folders are found through a hash index (LocationIndex), so finding one
+// costs the same in a tree of any size; a folder's children are found by name in the
+// folder's ordered set (FolderChildren).
 //
 // Freezing. Records made by local changes are frozen. Before a queued invalidation drops
 // folders, the frozen records are saved in the frozen snapshot and put back into the
