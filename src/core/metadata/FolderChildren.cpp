@@ -14,7 +14,56 @@ FolderChildren::const_iterator FolderChildren::findExact(std::u16string_view tex
   if (text.size() <= prefix_.size() || text.compare(0, prefix_.size(), prefix_) != 0) return set_.end();
   auto const name = text.substr(prefix_.size());
   if (name.find(u'/') != std::u16string_view::npos) return set_.end();
-  return set_.find(name);
+  return findName(name);
+}
+
+namespace {
+
+std::size_t nameHash(std::u16string_view name) { return std::hash<std::u16string_view>{}(name); }
+
+}  // namespace
+
+void FolderChildren::buildExact() const {
+  std::size_t capacity = 8;
+  while (capacity * 3 < set_.size() * 4 + 4) capacity *= 2;
+  exact_.assign(capacity, set_.end());
+  for (auto it = set_.begin(); it != set_.end(); ++it) placeExact(it);
+}
+
+void FolderChildren::placeExact(const_iterator it) const {
+  std::size_t const mask = exact_.size() - 1;
+  std::size_t i = nameHash(nameOf(*it)) & mask;
+  while (exact_[i] != set_.end()) i = (i + 1) & mask;
+  exact_[i] = it;
+}
+
+FolderChildren::const_iterator FolderChildren::findName(std::u16string_view name) const {
+  if (exact_.empty()) {
+    if (set_.empty()) return set_.end();
+    buildExact();
+  }
+  std::size_t const mask = exact_.size() - 1;
+  for (std::size_t i = nameHash(name) & mask; exact_[i] != set_.end(); i = (i + 1) & mask) {
+    if (std::u16string_view(nameOf(*exact_[i])) == name) return exact_[i];
+  }
+  return set_.end();
+}
+
+void FolderChildren::eraseExact(const_iterator it) noexcept {
+  std::size_t const mask = exact_.size() - 1;
+  std::size_t hole = nameHash(nameOf(*it)) & mask;
+  while (exact_[hole] != it) hole = (hole + 1) & mask;
+  // Backward shift: a later slot moves into the hole unless its home lies cyclically in
+  // (hole, next].
+  for (std::size_t next = (hole + 1) & mask; exact_[next] != set_.end(); next = (next + 1) & mask) {
+    std::size_t const home = nameHash(nameOf(*exact_[next])) & mask;
+    bool const stays = hole <= next ? (hole < home && home <= next) : (hole < home || home <= next);
+    if (!stays) {
+      exact_[hole] = exact_[next];
+      hole = next;
+    }
+  }
+  exact_[hole] = set_.end();
 }
 
 std::u16string FolderChildren::textOf(std::u16string_view name) const {
@@ -39,6 +88,17 @@ FolderChildren::const_iterator FolderChildren::findFolded(std::u16string_view te
 
 bool FolderChildren::insert(FileOrFolderMetadata record) {
   auto const [it, inserted] = set_.insert(std::move(record));
+  if (inserted && !exact_.empty()) {
+    if (set_.size() * 4 > exact_.size() * 3) {
+      try {
+        buildExact();  // grown past three quarters: a table twice the size
+      } catch (...) {
+        exact_.clear();  // built again at the next lookup
+      }
+    } else {
+      placeExact(it);
+    }
+  }
   if (inserted && foldedBuilt_) {
     try {
       auto& same = folded_[foldedHashOf(it)];
@@ -72,6 +132,7 @@ void FolderChildren::erase(const_iterator it) {
       dropFolded();
     }
   }
+  if (!exact_.empty()) eraseExact(it);
   set_.erase(it);
 }
 

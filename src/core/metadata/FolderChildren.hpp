@@ -3,9 +3,13 @@
 //
 // A child's IRI is the folder's IRI joined with the child's name, so the children of one
 // folder are in IRI order exactly when they are in name order, and each name is stored
-// once, in its record. The container is a std::set of the records ordered by name: a
-// lookup, an insertion or an erasure costs a logarithm of the folder's size, and an
-// iterator stays valid until its child is erased.
+// once, in its record. The container is a std::set of the records ordered by name: an
+// insertion or an erasure costs a logarithm of the folder's size, and an iterator stays
+// valid until its child is erased. Exact lookups go through a table of the set's
+// iterators by the name's hash (open addressing, linear probing, at most three quarters
+// full, eight bytes a slot), built at the first lookup and kept in step from then on, so
+// a lookup in a folder of any size touches a slot or two and the record; a folder only
+// listed (or filled by a population) never pays for it.
 //
 // The lower-case hash rule: the child's IRI text is lower-cased (LocationIndex's
 // lowerCaseHashOf) and hashed; a case-insensitive lookup matches the first child, in
@@ -51,7 +55,7 @@ class FolderChildren {
   // The child whose IRI has exactly the text `text`, or end().
   const_iterator findExact(std::u16string_view text) const;
   // The child named `name`, or end().
-  const_iterator findName(std::u16string_view name) const { return set_.find(name); }
+  const_iterator findName(std::u16string_view name) const;
   // The first child in order whose IRI text has the lower-case hash of `text`, or end().
   // Passes on a failure of the Unicode library.
   const_iterator findFolded(std::u16string_view text);
@@ -69,9 +73,14 @@ class FolderChildren {
  private:
   std::size_t foldedHashOf(const_iterator it) const;
   void dropFolded() noexcept;
+  // The exact-lookup table: slots hold iterators into set_, end() marking a free slot.
+  void buildExact() const;
+  void placeExact(const_iterator it) const;
+  void eraseExact(const_iterator it) noexcept;
 
   std::u16string prefix_;  // the folder's IRI text, ending in "/"
   Set set_;
+  mutable std::vector<const_iterator> exact_;  // empty until the first exact lookup
   // Lower-case hash -> the children with it, in name order; once foldedBuilt_.
   std::unordered_map<std::size_t, std::vector<const_iterator>> folded_;
   bool foldedBuilt_ = false;

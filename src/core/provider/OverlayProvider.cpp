@@ -958,6 +958,7 @@ void OverlayProvider::doFlushFilesystemImpl() const {
   // are kept if a change of the overlay's own is still on its way after that (one queued
   // by a stream's close meanwhile). Everything acknowledged before the flush has reached
   // the store either way.
+  bool emptied = false;
   {
     auto const closed = flushGate_.close();
     bool writing = false;
@@ -973,6 +974,16 @@ void OverlayProvider::doFlushFilesystemImpl() const {
     } else {
       dropContentCache();
       metadataCache_->invalidateAll();
+      emptied = true;
+    }
+  }
+  if (emptied) {
+    // Emptying the cache ended a population under way; once it has stopped, everything it
+    // had to report (a folder it could not list) has been reported.
+    try {
+      metadataCache_->doWaitForFuturePopulationToFinish();
+    } catch (...) {
+      // Its failure was reported to the listing-failure observer and logged.
     }
   }
   auto const elapsed =

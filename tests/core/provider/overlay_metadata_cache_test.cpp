@@ -58,12 +58,11 @@ TEST_F(OverlayMetadataCacheTest, TheFirstOperationStartsPopulationWhichAFlushEnd
   ASSERT_TRUE(gate.waitForWaiters(1, std::chrono::seconds(60)));
   EXPECT_EQ(provider.metadataCache()->cachedFolders(), std::vector<StorageIRI>{iri(u"")});
 
-  // A flush empties the cache at once and ends the population: what it would still add
-  // is the store's state from before the flush.
-  provider.doFlushFilesystem();
-  EXPECT_TRUE(provider.metadataCache()->cachedFolders().empty());
+  // A flush empties the cache at once and ends the population (what it would still add
+  // is the store's state from before the flush); it returns once the population stopped.
+  auto flushed = std::async(std::launch::async, [&] { provider.doFlushFilesystem(); });
   gate.open();
-  provider.metadataCache()->doWaitForFuturePopulationToFinish();
+  flushed.get();
   EXPECT_EQ(store->calls(Operation::ListAllRecursive), 1u);
   EXPECT_TRUE(provider.metadataCache()->cachedFolders().empty());
   EXPECT_TRUE(provider.doFileExists(overlay(u"/d/a.txt"))) << "loaded on demand";
