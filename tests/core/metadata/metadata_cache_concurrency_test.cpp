@@ -228,7 +228,13 @@ TEST(MetadataCacheConcurrencyTest, ReadersDuringPopulationSeeWholeFoldersAndWrit
   for (int r = 0; r < 3; ++r) {
     readers.emplace_back([&, r] {
       for (int f = r; f < kFolders; f += 3) {
-        EXPECT_EQ(cache.loadAndGetFolderContainer(folderIri(f))->size(), static_cast<std::size_t>(kFiles)) << f;
+        auto const size = cache.loadAndGetFolderContainer(folderIri(f))->size();
+        if (f < kFolders - 4) {
+          EXPECT_EQ(size, static_cast<std::size_t>(kFiles)) << f;
+        } else {  // the writer's folders: one file more between its create and its remove
+          EXPECT_GE(size, static_cast<std::size_t>(kFiles)) << f;
+          EXPECT_LE(size, static_cast<std::size_t>(kFiles + 1)) << f;
+        }
       }
     });
   }
