@@ -132,15 +132,15 @@ class OverlayProvider : public fsp::IConfigurableProvider,
   // `options` are not used (doConfigure sets those).
   void setEnvironmentOptions(OverlayOptions const& options);
 
-  // Returns when every change queued so far has reached the inner store (after a
-  // pending whole-tree population of the metadata cache). Then empties both caches (the
-  // cache files too, unless they persist), so that the next access reloads from the
-  // inner store; keeps both when a stream is open for writing or a change of the
-  // overlay's own is still on its way (doc/design.md, "The flush").
+  // Returns when every change queued so far has reached the inner store. Then empties
+  // both caches (the cache files too, unless they persist), so that the next access
+  // reloads from the inner store, which ends a whole-tree population under way (the
+  // flush returns once it has stopped); keeps both when a stream is open for writing or
+  // a change of the overlay's own is still on its way (doc/design.md, "The flush").
   void doFlushFilesystem() override;
   void doFlushFilesystemImpl() const;
-  // Invalidates the whole overlay (the metadata cache), whatever `iri` names, and the
-  // inner store's caches.
+  // Invalidates the whole overlay (the metadata cache, which ends a whole-tree
+  // population under way), whatever `iri` names, and the inner store's caches.
   void doInvalidate(StorageIRI const& iri) override;
 
   // The changes that failed for good in the queue (after their retries), the local
