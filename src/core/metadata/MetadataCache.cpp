@@ -949,6 +949,9 @@ void MetadataCache::thawFolder(StorageIRI const& iri, bool recursive) {
 void MetadataCache::populateWholeFolderTreeWhenPossible(bool wait) {
   if (!inner_->hasFeature(static_cast<fsp::ExtendedFeature>(1))) return;
   if (!wait) loadAndGetFolderContainer(inner_->getLocation());
+  // A new population is asked for: one that an emptied cache ended has stopped first.
+  population_.finish();
+  stopping_.store(false, std::memory_order_relaxed);
   population_.start([this, wait] { populate(wait); }, wait);
 }
 

@@ -72,6 +72,11 @@ TEST_F(MetadataPopulationTest, TheRootIsReadyAtReturnAndTheRestArrivesFromOneLis
   gate.open();
   cache.doWaitForFuturePopulationToFinish();
   EXPECT_EQ(store->calls(Operation::ListAllRecursive), 2u);
+
+  // Emptying the cache ends a population; one asked for afterwards runs whole.
+  cache.invalidateAll();
+  cache.populateWholeFolderTreeWhenPossible(true);
+  EXPECT_EQ(cache.cachedFolders(), (std::vector<StorageIRI>{iri(u""), iri(u"d"), iri(u"d/sub"), iri(u"e")}));
 }
 
 // The recursive listing runs d, d/a.txt, d/b.txt, d/sub, d/sub/c.txt, e, e/f.txt,
