@@ -125,40 +125,25 @@ void walk(IProvider const& provider, StorageIRI const& folder, std::u16string co
 
 // The entries of a recursive listing whose own name (the last segment of the relative
 // path) matches a wildcard pattern, taken from the store's listing as they are asked for.
-class RecursiveWildcardFilter : public IFolderEntryIterator {
+class RecursiveWildcardFilter : public LookAheadFolderEntryIterator {
  public:
   RecursiveWildcardFilter(FolderEntryIteratorPtr listing, std::u16string pattern)
       : listing_(std::move(listing)), pattern_(std::move(pattern)) {}
-  FolderEntry current() const override {
-    if (!current_) throw std::logic_error("RecursiveWildcardFilter: current() before advance()");
-    return *current_;
-  }
-  bool notAtEnd() const override {
-    lookAhead();
-    return next_.has_value();
-  }
-  void advance() override {
-    lookAhead();
-    if (!next_) throw std::out_of_range("RecursiveWildcardFilter: advance() at the end");
-    current_ = std::move(next_);
-    next_.reset();
-  }
 
  private:
-  void lookAhead() const {
-    while (!next_ && listing_->notAtEnd()) {
+  std::optional<FolderEntry> findNext() override {
+    while (listing_->notAtEnd()) {
       listing_->advance();
       FolderEntry entry = listing_->current();
       auto const& path = entry.getName();
       auto const slash = path.rfind(u'/');
-      if (matchesWildcard(slash == std::u16string::npos ? path : path.substr(slash + 1), pattern_)) next_ = std::move(entry);
+      if (matchesWildcard(slash == std::u16string::npos ? path : path.substr(slash + 1), pattern_)) return entry;
     }
+    return std::nullopt;
   }
 
   FolderEntryIteratorPtr listing_;
   std::u16string const pattern_;
-  mutable std::optional<FolderEntry> next_;  // the next matching entry, once looked for
-  std::optional<FolderEntry> current_;
 };
 
 }  // namespace

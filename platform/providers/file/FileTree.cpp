@@ -194,28 +194,13 @@ void copyTree(std::string const& src, std::string const& dst, sp::StorageIRI con
 
 // The depth-first walk of listTree: one frame per folder open on the way down, each with
 // its sorted entries and how far they have been handed out.
-class TreeListing : public sp::IFolderEntryIterator {
+class TreeListing : public sp::LookAheadFolderEntryIterator {
  public:
   TreeListing(std::string const& path, sp::StorageIRI const& iri) {
     DirFd dir = openFolder(path, iri);
     struct stat st {};
     if (::fstat(dir.get(), &st) != 0) throw osFailure(errno, iri, "cannot read attributes");
     enter(std::move(dir), {}, iri, {st.st_dev, st.st_ino});
-  }
-
-  sp::FolderEntry current() const override {
-    if (!current_) throw std::logic_error("TreeListing: current() before advance()");
-    return *current_;
-  }
-  bool notAtEnd() const override {
-    lookAhead();
-    return next_.has_value();
-  }
-  void advance() override {
-    lookAhead();
-    if (!next_) throw std::out_of_range("TreeListing: advance() at the end");
-    current_ = std::move(next_);
-    next_.reset();
   }
 
  private:
@@ -228,7 +213,7 @@ class TreeListing : public sp::IFolderEntryIterator {
     std::size_t next = 0;
   };
 
-  void enter(DirFd dir, std::u16string prefix, sp::StorageIRI iri, std::pair<dev_t, ino_t> id) const {
+  void enter(DirFd dir, std::u16string prefix, sp::StorageIRI iri, std::pair<dev_t, ino_t> id) {
     auto entries = readFolder(dir.get(), iri, true);
     frames_.push_back(Frame{std::move(dir), std::move(prefix), std::move(iri), id, std::move(entries), 0});
   }
@@ -237,9 +222,8 @@ class TreeListing : public sp::IFolderEntryIterator {
     return std::any_of(frames_.begin(), frames_.end(), [&](Frame const& frame) { return frame.id == id; });
   }
 
-  // Finds the next entry, entering the folder handed out last first.
-  void lookAhead() const {
-    if (next_) return;
+  // The next entry, after entering the folder handed out last.
+  std::optional<sp::FolderEntry> findNext() override {
     if (descend_) {
       auto folder = std::move(*descend_);
       descend_.reset();
@@ -257,20 +241,16 @@ class TreeListing : public sp::IFolderEntryIterator {
       }
       auto const& entry = frame.entries[frame.next++];
       auto relative = frame.prefix.empty() ? entry.name : frame.prefix + u"/" + entry.name;
-      if (S_ISREG(entry.st.st_mode)) {
-        next_.emplace(std::move(relative), fileAttributesOf(entry.st));
-        return;
-      }
-      next_.emplace(relative, folderAttributesOf(entry.st));
+      if (S_ISREG(entry.st.st_mode)) return sp::FolderEntry(std::move(relative), fileAttributesOf(entry.st));
+      sp::FolderEntry folder(relative, folderAttributesOf(entry.st));
       if (!onTheWayDown({entry.st.st_dev, entry.st.st_ino})) descend_ = std::move(relative);  // not a link cycle
-      return;
+      return folder;
     }
+    return std::nullopt;
   }
 
-  mutable std::vector<Frame> frames_;
-  mutable std::optional<sp::FolderEntry> next_;       // the entry after current_, once looked for
-  mutable std::optional<std::u16string> descend_;     // a folder handed out, to be entered next
-  std::optional<sp::FolderEntry> current_;
+  std::vector<Frame> frames_;
+  std::optional<std::u16string> descend_;  // a folder handed out, to be entered next
 };
 
 }  // namespace
@@ -331,7 +311,14 @@ DirFd openChildFolder(int parent, std::string const& name, sp::StorageIRI const&
   throw osFailure(err, iri, "cannot open folder");
 }
 
-std::vector<std::string> readSubFolders(int dir, sp::StorageIRI const& iri) {
+namespace {
+
+// Calls `visit` with each entry of the open folder `dir` (named `iri`) but "." and "..",
+// in the order the file system gives them. Reads through a duplicate of the descriptor,
+// from the folder's beginning whatever an earlier reader left (the duplicate shares the
+// file offset with `dir`). Throws naming `iri` when the folder cannot be read.
+template <class Visit>
+void forEachEntry(int dir, sp::StorageIRI const& iri, Visit&& visit) {
   int copy = ::fcntl(dir, F_DUPFD_CLOEXEC, 0);
   if (copy < 0) throw osFailure(errno, iri, "cannot read folder");
   DIR* stream = ::fdopendir(copy);
@@ -342,52 +329,38 @@ std::vector<std::string> readSubFolders(int dir, sp::StorageIRI const& iri) {
   }
   std::unique_ptr<DIR, int (*)(DIR*)> guard(stream, ::closedir);
   ::rewinddir(stream);
-  std::vector<std::string> folders;
   for (;;) {
     errno = 0;
     dirent* d = ::readdir(stream);
     if (!d) {
       if (errno != 0) throw osFailure(errno, iri, "cannot read folder");
-      break;
+      return;
     }
-    if (d->d_type != DT_DIR && d->d_type != DT_UNKNOWN) continue;
     if (std::strcmp(d->d_name, ".") == 0 || std::strcmp(d->d_name, "..") == 0) continue;
-    if (d->d_type == DT_UNKNOWN) {
-      struct stat st {};
-      if (::fstatat(dir, d->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0 || !S_ISDIR(st.st_mode)) continue;
-    }
-    folders.emplace_back(d->d_name);
+    visit(*d);
   }
+}
+
+}  // namespace
+
+std::vector<std::string> readSubFolders(int dir, sp::StorageIRI const& iri) {
+  std::vector<std::string> folders;
+  forEachEntry(dir, iri, [&](dirent const& d) {
+    if (d.d_type != DT_DIR && d.d_type != DT_UNKNOWN) return;
+    if (d.d_type == DT_UNKNOWN) {
+      struct stat st {};
+      if (::fstatat(dir, d.d_name, &st, AT_SYMLINK_NOFOLLOW) != 0 || !S_ISDIR(st.st_mode)) return;
+    }
+    folders.emplace_back(d.d_name);
+  });
   return folders;
 }
 
 std::vector<NativeEntry> readFolder(int dir, sp::StorageIRI const& iri, bool followLinks, bool kindsOnly) {
-  int copy = ::fcntl(dir, F_DUPFD_CLOEXEC, 0);
-  if (copy < 0) throw osFailure(errno, iri, "cannot read folder");
-  DIR* stream = ::fdopendir(copy);
-  if (!stream) {
-    int const err = errno;
-    ::close(copy);
-    throw osFailure(err, iri, "cannot read folder");
-  }
-  std::unique_ptr<DIR, int (*)(DIR*)> guard(stream, ::closedir);
-  // The duplicate shares the file offset with `dir`: start from the beginning whatever an
-  // earlier reader left.
-  ::rewinddir(stream);
-
   std::vector<NativeEntry> entries;
-  for (;;) {
-    errno = 0;
-    dirent* d = ::readdir(stream);
-    if (!d) {
-      if (errno != 0) throw osFailure(errno, iri, "cannot read folder");
-      break;
-    }
-    std::string nativeName(d->d_name);
-    if (nativeName == "." || nativeName == "..") continue;
-
+  forEachEntry(dir, iri, [&](dirent const& d) {
     NativeEntry entry;
-    entry.nativeName = std::move(nativeName);
+    entry.nativeName = d.d_name;
     try {
       entry.name = fl::i18n::to_ustring(entry.nativeName);
     } catch (std::exception const&) {
@@ -400,29 +373,29 @@ std::vector<NativeEntry> readFolder(int dir, sp::StorageIRI const& iri, bool fol
         logger().log(foundation::log::Notice, "Left out of the listing of " + iri.toUtf8() +
                                                   ": a name that is not valid UTF-8 or holds control characters");
       }
-      continue;
+      return;
     }
-    mode_t const kind = d->d_type == DT_DIR ? S_IFDIR : d->d_type == DT_REG ? S_IFREG : d->d_type == DT_LNK ? S_IFLNK : 0;
+    mode_t const kind = d.d_type == DT_DIR ? S_IFDIR : d.d_type == DT_REG ? S_IFREG : d.d_type == DT_LNK ? S_IFLNK : 0;
     if (kindsOnly && !followLinks && kind != 0) {
       entry.st = {};
       entry.st.st_mode = kind;
       entry.isLink = kind == S_IFLNK;
       entries.push_back(std::move(entry));
-      continue;
+      return;
     }
     if (::fstatat(dir, entry.nativeName.c_str(), &entry.st, followLinks ? 0 : AT_SYMLINK_NOFOLLOW) != 0) {
       int const err = errno;
-      if (err == ENOENT) continue;  // vanished, or a dangling link
+      if (err == ENOENT) return;  // vanished, or a dangling link
       if (err == EACCES) throw osFailure(sp::ErrorCode::NotWritable, err, iri, "cannot read folder entries");
       throw osFailure(err, childIri(iri, entry.name), "cannot read attributes");
     }
     if (followLinks) {
-      if (!S_ISREG(entry.st.st_mode) && !S_ISDIR(entry.st.st_mode)) continue;
+      if (!S_ISREG(entry.st.st_mode) && !S_ISDIR(entry.st.st_mode)) return;
     } else {
       entry.isLink = S_ISLNK(entry.st.st_mode);
     }
     entries.push_back(std::move(entry));
-  }
+  });
   std::sort(entries.begin(), entries.end(), [](NativeEntry const& a, NativeEntry const& b) {
     return a.name != b.name ? a.name < b.name : a.nativeName < b.nativeName;
   });

@@ -8,6 +8,7 @@
 #include <foundation/storage/provider/FolderEntry.hpp>
 
 #include <memory>
+#include <optional>
 #include <vector>
 
 namespace foundation::storage::provider {
@@ -43,6 +44,27 @@ class VectorFolderEntryIterator : public IClonableFolderEntryIterator<VectorFold
  private:
   std::vector<FolderEntry> entries_;
   std::size_t pos_ = 0;
+  std::optional<FolderEntry> current_;
+};
+
+// An iterator whose entries are found one at a time as they are asked for (a listing read
+// folder by folder, a filter over another listing): `findNext` returns the next entry, or
+// nothing at the end. Finding may throw; the error then reaches the caller of notAtEnd or
+// advance.
+class LookAheadFolderEntryIterator : public IFolderEntryIterator {
+ public:
+  FolderEntry current() const override;
+  bool notAtEnd() const override;
+  void advance() override;
+
+ protected:
+  virtual std::optional<FolderEntry> findNext() = 0;
+
+ private:
+  void lookAhead() const;
+
+  mutable std::optional<FolderEntry> next_;  // the entry after current_, once found
+  mutable bool atEnd_ = false;
   std::optional<FolderEntry> current_;
 };
 
