@@ -165,6 +165,7 @@ TEST_F(OvlOverlay, ConfigurationReachesTheOverlayAndBadConfigurationIsNamed) {
       {{"--set", "overlay.maxQueueWeight=nan"}, "'nan' is not a number >= 0"},
       {{"--set", "overlay.minQueueItemWeight=inf"}, "'inf' is not a number >= 0"},
       {{"--set", "overlay.maxWritePayloadSize=-1"}, "overlay.maxWritePayloadSize: '-1' is not a whole number"},
+      {{"--set", "overlay.echoWindow=-1"}, "overlay.echoWindow: '-1' is not a whole number of milliseconds >= 0"},
       {{"--set", "overlay.persistContentCache=true"}, "overlay.persistContentCache needs overlay.cacheRoot"},
   };
   for (auto const& c : cases) {
@@ -495,7 +496,8 @@ TEST_F(OvlDemo, RunsEndToEndAndVerifiesBothRuns) {
                           "see a change made elsewhere", "delete a sub-tree", "flush", "total"}) {
     EXPECT_THAT(result.out, HasSubstr("\n" + std::string(row))) << row;
   }
-  EXPECT_THAT(result.out, HasSubstr("through the overlay with 8 transfers at once"));
+  EXPECT_THAT(result.out, HasSubstr("through the overlay (8 transfers at once; echoes of its own folder changes ignored "
+                                    "for 5 s; a change made elsewhere drops only what it concerns)"));
   EXPECT_THAT(result.out, HasSubstr("overlay queue: drained"));
   // Both runs leave the same content in the store: one combined checksum for both.
   auto const combined = [&](std::string const& run) {
@@ -548,6 +550,11 @@ TEST_F(OvlOverlay, DemoNamesAStoreThatDoesNotExist) {
     auto const bad = run({"demo", "--transfers", transfers});
     EXPECT_EQ(bad.status, 2) << bad;
     EXPECT_THAT(bad.err, HasSubstr(std::string("--transfers: '") + transfers + "' is not")) << bad;
+  }
+  for (auto const* window : {"-1", "0.5"}) {
+    auto const bad = run({"demo", "--echo-window-ms", window});
+    EXPECT_EQ(bad.status, 2) << bad;
+    EXPECT_THAT(bad.err, HasSubstr(std::string("--echo-window-ms: '") + window + "' is not")) << bad;
   }
 }
 

@@ -72,7 +72,7 @@ struct BenchOptions {
   double megabytesPerSecond = 50;
   unsigned directSamples = 20;  // stat calls timed on the slow store (each costs a latency)
   long executorTasks = 1'000'000;
-  long transfers = kDefaultToolTransfers;  // the overlay's "overlay.transfers"
+  ToolSettings overlay;  // transfers and echo window of the overlay
   // A folder of an existing store to work in (an s3:// bucket, say) instead of a new
   // local folder; the bench's own folder in it is removed at the end.
   std::optional<std::string> inner;
@@ -176,7 +176,7 @@ class Bench {
     auto const overlayPlain = plain(u"overlay");
     auto const direct = throttled(directPlain);
     auto config = session_.config();
-    config.put("overlay.transfers", options_.transfers);
+    options_.overlay.applyTo(config);
     OverlayHost host(session_.registry(), session_.bundlePath(), config);
     auto const inner = throttled(overlayPlain);
     auto const overlay = host.over(inner, inner.getLocation());
@@ -350,8 +350,7 @@ void printTable(std::ostream& out, std::vector<Figure> const& figures, BenchOpti
   out << "ovl bench: overlay and the same store (" << (options.inner ? *options.inner : "a new local folder")
       << ") used directly, through a throttle of " << options.latencyMs << " ms per call and "
       << (options.megabytesPerSecond > 0 ? number(options.megabytesPerSecond) + " MB/s" : "unlimited bandwidth")
-      << "; overlay with " << options.transfers
-      << (options.transfers == 1 ? " transfer" : " transfers") << " at once; " << std::thread::hardware_concurrency()
+      << "; overlay with " << options.overlay.describe() << "; " << std::thread::hardware_concurrency()
       << " cores\n\n"
       << std::left << std::setw(66) << "figure" << std::right << std::setw(11) << "direct" << std::setw(11) << "overlay"
       << std::setw(9) << "ratio" << std::setw(11) << "local disk" << "  goal\n";
@@ -372,7 +371,8 @@ void printJson(std::ostream& out, std::vector<Figure> const& figures, BenchOptio
   root.put("parameters.largeMiB", options.largeMiB);
   root.put("parameters.latencyMs", options.latencyMs);
   root.put("parameters.megabytesPerSecond", options.megabytesPerSecond);
-  root.put("parameters.transfers", options.transfers);
+  root.put("parameters.transfers", options.overlay.transfers);
+  root.put("parameters.echoWindowMs", options.overlay.echoWindowMs);
   root.put("machine.cores", std::thread::hardware_concurrency());
   boost::property_tree::ptree list;
   for (auto const& f : figures) {
@@ -399,7 +399,7 @@ int runBenchCommand(Session& session, Arguments const& args) {
   options.latencyMs = args.number("--latency-ms", options.latencyMs, 0, 10000);
   options.megabytesPerSecond = args.number("--mbps", options.megabytesPerSecond, 0, 1e6);
   options.executorTasks = static_cast<long>(args.number("--tasks", static_cast<double>(options.executorTasks), 1, 1e9));
-  withTransfers(session.config(), args, options.transfers);
+  withToolSettings(session.config(), args, options.overlay);
   if (args.values.count("--inner")) options.inner = args.values.at("--inner");
   Bench bench(session, options);
   auto const figures = bench.run();
@@ -434,7 +434,9 @@ Command benchCommand() {
            {"--latency-ms", "", "the throttle's latency per store call (default 20)", "N"},
            {"--mbps", "", "the throttle's bandwidth in MB/s, 0 = unlimited (default 50)", "N"},
            {"--tasks", "", "tasks for the queue figure (default 1000000)", "N"},
-           {"--transfers", "", "changes the overlay sends to the store at once (default 8)", "N"},
+           {"--transfers", "", kTransfersHelp, "N"},
+           {"--echo-window-ms", "", kEchoWindowHelp, "N"},
+           {"--wide-invalidation", "", kWideInvalidationHelp},
            {"--inner", "", "an existing folder of a store to work in (default: a new local folder)", "IRI"}},
           runBenchCommand};
 }

@@ -436,8 +436,8 @@ int runDemo(Session& session, DemoOptions const& options) {
       << options.latencyMs << " ms per call and "
       << (options.megabytesPerSecond > 0 ? std::to_string(static_cast<long>(options.megabytesPerSecond)) + " MB/s"
                                          : std::string("unlimited bandwidth"))
-      << ".\nThe same session runs twice: directly on the store, then through the overlay with "
-      << options.transfers << (options.transfers == 1 ? " transfer" : " transfers") << " at once.\n\n";
+      << ".\nThe same session runs twice: directly on the store, then through the overlay ("
+      << options.overlay.describe() << ").\n\n";
 
   Progress progress(session, 2 * Run::operations(options), options.interrupt);
   int status = 0;
@@ -451,7 +451,7 @@ int runDemo(Session& session, DemoOptions const& options) {
 
     stage = "overlay";
     auto config = session.config();
-    config.put("overlay.transfers", options.transfers);
+    options.overlay.applyTo(config);
     OverlayHost host(session.registry(), session.bundlePath(), config);
     auto const inner = throttled(overlayFolder);
     overlayRun.emplace("overlay", host.over(inner, inner.getLocation()), overlayFolder, options, progress);
@@ -511,7 +511,7 @@ int runDemoCommand(Session& session, Arguments const& args) {
   options.largeFileBytes =
       static_cast<std::uint64_t>(args.number("--large-mib", static_cast<double>(options.largeFileBytes >> 20), 0, 4096)) << 20;
   options.keep = args.has("--keep");
-  withTransfers(session.config(), args, options.transfers);
+  withToolSettings(session.config(), args, options.overlay);
   // Ctrl-C or SIGTERM stops the demo between two operations; the overlay then writes what
   // it acknowledged before the program ends.
   options.interrupt = &interruptRequested();
@@ -544,7 +544,9 @@ Command demoCommand() {
            {"--files", "", "number of small files (default 300)", "N"},
            {"--large-files", "", "number of large files (default 3)", "N"},
            {"--large-mib", "", "size of each large file in MiB (default 8)", "N"},
-           {"--transfers", "", "changes the overlay sends to the store at once (default 8)", "N"},
+           {"--transfers", "", kTransfersHelp, "N"},
+           {"--echo-window-ms", "", kEchoWindowHelp, "N"},
+           {"--wide-invalidation", "", kWideInvalidationHelp},
            {"--keep", "", "leave the demo's folders in the store"}},
           runDemoCommand};
 }

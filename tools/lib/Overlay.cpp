@@ -6,6 +6,8 @@
 #include <cmath>
 #include <cstdlib>
 #include <exception>
+#include <sstream>
+#include <string>
 
 #ifndef OVL_DEFAULT_BUNDLE
 #define OVL_DEFAULT_BUNDLE "overlayprovider.so"
@@ -13,17 +15,63 @@
 
 namespace ovl {
 
-boost::property_tree::ptree withTransfers(boost::property_tree::ptree config, Arguments const& args, long& used) {
-  if (args.values.count("--transfers")) {
-    double const flag = args.number("--transfers", kDefaultToolTransfers, 1, 256);
-    if (flag != std::floor(flag)) throw UsageError("--transfers: '" + args.values.at("--transfers") + "' is not a whole number");
-    used = static_cast<long>(flag);
-  } else if (auto const given = config.get_optional<long>("overlay.transfers")) {
-    used = *given;
-  } else {
-    used = kDefaultToolTransfers;
+namespace {
+
+// The whole number of `flag` when given, within [least, most]; else the configuration's
+// value of `key`; else `fallback`.
+long wholeSetting(boost::property_tree::ptree const& config, Arguments const& args, char const* flag,
+                  char const* key, long fallback, double least, double most) {
+  if (args.values.count(flag)) {
+    double const value = args.number(flag, static_cast<double>(fallback), least, most);
+    if (value != std::floor(value)) {
+      throw UsageError(std::string(flag) + ": '" + args.values.at(flag) + "' is not a whole number");
+    }
+    return static_cast<long>(value);
   }
-  config.put("overlay.transfers", used);
+  if (auto const given = config.get_optional<long>(key)) return *given;
+  return fallback;
+}
+
+}  // namespace
+
+std::string ToolSettings::describe() const {
+  std::string text = std::to_string(transfers) + (transfers == 1 ? " transfer" : " transfers") + " at once; ";
+  if (echoWindowMs <= 0) {
+    text += "the store's echoes of its own folder changes taken as changes";
+  } else {
+    std::ostringstream seconds;
+    seconds << static_cast<double>(echoWindowMs) / 1000;
+    text += "echoes of its own folder changes ignored for " + seconds.str() + " s";
+  }
+  return text + (narrowInvalidation ? "; a change made elsewhere drops only what it concerns"
+                                    : "; a change made elsewhere drops the tree of the folder above it");
+}
+
+void ToolSettings::applyTo(boost::property_tree::ptree& config) const {
+  config.put("overlay.transfers", transfers);
+  config.put("overlay.echoWindow", echoWindowMs);
+  // The overlay reads the key as a switch that only turns on: off is its absence.
+  if (narrowInvalidation) {
+    config.put("overlay.narrowInvalidation", "true");
+  } else {
+    if (auto overlay = config.get_child_optional("overlay")) overlay->erase("narrowInvalidation");
+  }
+}
+
+boost::property_tree::ptree withToolSettings(boost::property_tree::ptree config, Arguments const& args,
+                                             ToolSettings& used) {
+  used.transfers =
+      wholeSetting(config, args, "--transfers", "overlay.transfers", kDefaultToolTransfers, 1, 256);
+  used.echoWindowMs =
+      wholeSetting(config, args, "--echo-window-ms", "overlay.echoWindow", kDefaultToolEchoWindowMs, 0, 600000);
+  if (args.has("--wide-invalidation")) {
+    used.narrowInvalidation = false;
+  } else if (auto const given = config.get_optional<std::string>("overlay.narrowInvalidation")) {
+    used.narrowInvalidation = *given == "true";
+  } else {
+    used.narrowInvalidation = true;
+  }
+  used.applyTo(config);
   return config;
 }
 

@@ -102,7 +102,7 @@ std::uint64_t folderBytes(fs::path const& folder) {
 struct StatusSource {
   std::string store;
   fs::path mountPoint;
-  long transfers = 0;
+  ToolSettings overlay;
   fs::path cacheFolder;
   FuseFileSystem* files = nullptr;
   foundation::storage::provider::extensions::IWriteBehindStatus* status = nullptr;
@@ -115,7 +115,9 @@ struct StatusSource {
     t.put("store", store);
     t.put("pid", ::getpid());
     t.put("phase", draining ? "draining" : "serving");
-    t.put("transfers", transfers);
+    t.put("transfers", overlay.transfers);
+    t.put("echoWindowMs", overlay.echoWindowMs);
+    t.put("narrowInvalidation", overlay.narrowInvalidation);
     if (status) {
       auto const q = status->getQueueFigures();
       t.put("queue.queued", q.queued);
@@ -287,7 +289,7 @@ int serve(Session& session, Arguments const& args, std::string const& storeText,
   StatusSource source;
   source.store = storeText;
   source.mountPoint = mountPoint;
-  auto config = withTransfers(session.config(), args, source.transfers);
+  auto config = withToolSettings(session.config(), args, source.overlay);
   source.cacheFolder = config.get<std::string>("overlay.cacheRoot", "");
   OverlayHost host(session.registry(), session.bundlePath(), config);
   auto const inner = rootedStore(session, storeText);
@@ -335,8 +337,8 @@ int serve(Session& session, Arguments const& args, std::string const& storeText,
     ::close(fd);
     detachFromTerminal();
   } else {
-    session.out() << "ovl mount: " << storeText << " is mounted at " << mountPoint.string() << " with "
-                  << source.transfers << " transfers; Ctrl-C or 'ovl umount " << mountPoint.string()
+    session.out() << "ovl mount: " << storeText << " is mounted at " << mountPoint.string() << " ("
+                  << source.overlay.describe() << "); Ctrl-C or 'ovl umount " << mountPoint.string()
                   << "' writes everything to the store and ends it" << std::endl;
   }
 
@@ -555,14 +557,18 @@ std::vector<Command> mountCommands() {
        "--throttle-ms/--throttle-mbps through a throttle, as a remote store would be) and mounts\n"
        "it at the existing folder MOUNTPOINT with libfuse. Programs read and write there as on a\n"
        "local disk; changes reach the store in the background, with 8 transfers at once unless\n"
-       "--transfers says otherwise. Runs in the background unless --foreground. On unmount\n"
+       "--transfers says otherwise; the store's echoes of its own folder changes of the last 5 s\n"
+       "are dropped (--echo-window-ms), and a change made elsewhere drops only the listings it\n"
+       "concerns (--wide-invalidation switches that off). Runs in the background unless --foreground. On unmount\n"
        "(ovl umount), SIGTERM, SIGINT or SIGHUP the overlay writes everything still queued to\n"
        "the store, then says whether everything arrived: exit status 0 when it did, 1 otherwise.\n"
        "close() returns once the bytes are in the overlay's cache; fsync() once the file's\n"
        "changes are in the store; a change the store refused makes the file's next close or\n"
        "fsync fail with EIO. The overlay takes --config/--set.",
        {{"--foreground", "-f", "stay attached: serve until unmounted or interrupted, then drain"},
-        {"--transfers", "", "changes the overlay sends to the store at once (default 8)", "N"}},
+        {"--transfers", "", kTransfersHelp, "N"},
+        {"--echo-window-ms", "", kEchoWindowHelp, "N"},
+        {"--wide-invalidation", "", kWideInvalidationHelp}},
        runMount},
       {"umount",
        {"MOUNTPOINT"},

@@ -30,12 +30,14 @@ void logLocation(char const* signature, fsp::StorageIRI const& location) {
 }  // namespace
 
 EventListener::EventListener(fsp::StorageItem const& inner, MetadataCache& metadataCache, ContentCache& contentCache,
-                             std::shared_ptr<IExecutor> executor, std::shared_ptr<IQuotaAccountant> quota)
+                             std::shared_ptr<IExecutor> executor, std::shared_ptr<IQuotaAccountant> quota,
+                             Refinements refinements)
     : metadataCache_(metadataCache),
       contentCache_(contentCache),
       relay_(std::make_shared<Relay>()),
       executor_(std::move(executor)),
       quota_(std::move(quota)),
+      refinements_(std::move(refinements)),
       lastFolderEvent_(std::make_shared<std::atomic<Clock::time_point>>(Clock::now())) {
   LISTENER_TRACE();
   relay_->target = this;
@@ -89,6 +91,12 @@ void EventListener::handle(Kind const& kind, StorageIRI const&, StorageIRI const
                            EntryType const& entryType, boost::property_tree::ptree) {
   LISTENER_TRACE();
   if (!handling_.load()) return;
+  if (refinements_.ownChanges && refinements_.ownChanges->isEcho(location, kind, entryType)) {
+    if (getLogger().isEnabled(Severity::Debug)) {
+      getLogger().log(Severity::Debug, "Taken as the echo of the overlay's own change: " + location.toUtf8());
+    }
+    return;
+  }
   {
     std::lock_guard lock(mutex_);
     if (paused_) {
@@ -128,13 +136,26 @@ void EventListener::queueFolderInvalidation(StorageIRI const& folder) {
       ObservableTransactionType::EXTERNAL_EVENT, 0);
 }
 
+void EventListener::queueItemInvalidation(StorageIRI const& item, bool below, StorageIRI const& quotaFolder) {
+  executor_->execute(
+      [quota = quota_, &metadataCache = metadataCache_, item, below, quotaFolder] {
+        if (quota) quota->removeFolderTree(quotaFolder);
+        metadataCache.enqueueItemInvalidation(item, below);
+      },
+      ObservableTransactionType::EXTERNAL_EVENT, 0);
+}
+
 void EventListener::handleFileEvent(StorageIRI const& location, Kind const& kind) {
   LISTENER_TRACE();
   logLocation(__PRETTY_FUNCTION__, location);
   switch (kind) {
     case Kind::Added:
     case Kind::Modified:
-      queueFolderInvalidation(location.getParent());
+      if (refinements_.narrowInvalidation) {
+        queueItemInvalidation(location, false, location.getParent());
+      } else {
+        queueFolderInvalidation(location.getParent());
+      }
       break;
     case Kind::Removed:
       executor_->execute(
@@ -160,21 +181,34 @@ void EventListener::handleFolderEvent(StorageIRI const& location, Kind const& ki
   auto const stamp = stampFolderEvent();
   switch (kind) {
     case Kind::Added:
-      queueFolderInvalidation(location.getParent());
+      if (refinements_.narrowInvalidation) {
+        queueItemInvalidation(location, true, location.getParent());
+      } else {
+        queueFolderInvalidation(location.getParent());
+      }
       break;
     case Kind::Modified:
       executor_->execute(
-          [lastFolderEvent = lastFolderEvent_, stamp, quota = quota_, &metadataCache = metadataCache_, location] {
+          [lastFolderEvent = lastFolderEvent_, stamp, quota = quota_, &metadataCache = metadataCache_, location,
+           narrow = refinements_.narrowInvalidation] {
             // A later folder event anywhere supersedes this one.
             if (lastFolderEvent->load() != stamp) return;
             getLogger().log(Severity::Info, "Triggering invalidation " + location.toUtf8());
             if (quota) quota->removeFolderTree(location);
-            metadataCache.enqueueInvalidationProcess(location);
+            if (narrow) {
+              metadataCache.enqueueItemInvalidation(location, false);
+            } else {
+              metadataCache.enqueueInvalidationProcess(location);
+            }
           },
           ObservableTransactionType::EXTERNAL_EVENT, 0);
       break;
     case Kind::Removed:
-      queueFolderInvalidation(location);
+      if (refinements_.narrowInvalidation) {
+        queueItemInvalidation(location, true, location);
+      } else {
+        queueFolderInvalidation(location);
+      }
       break;
     default:
       break;

@@ -17,6 +17,18 @@
 // later unpause()), events are collected instead, one per IRI (the first one wins), and
 // replayed in ascending IRI order on unpause().
 //
+// Two refinements, each switched on by a setting (Refinements):
+//   - Given a record of the overlay's own changes (OwnChanges, "overlay.echoWindow" above
+//     0), a folder event that says what one of the overlay's own folder creations,
+//     removals or moves made, while it is on its way or within the record's window after,
+//     is taken as its echo and dropped when it arrives (logged at Debug): the caches
+//     already hold what the change made.
+//   - Narrow invalidation ("overlay.narrowInvalidation"): instead of the folder above the
+//     changed item with all of its tree, only what the change can have made stale is
+//     dropped (MetadataCache::enqueueItemInvalidation): the listing of the item's folder,
+//     the item's own listing, and for a folder added or removed everything below it. The
+//     quota figures are given back as above.
+//
 // A failed subscription is logged ("Error subscribing to inner provider.") and
 // survived. After stopHandling() every event, pause() and unpause() does nothing, and
 // collected events are never replayed. The subscription is not cancelled (the inner
@@ -30,6 +42,7 @@
 #pragma once
 
 #include <core/exec/IExecutor.hpp>
+#include <core/exec/OwnChanges.hpp>
 #include <core/quota/IQuotaAccountant.hpp>
 
 #include <foundation/storage/events/Events.hpp>
@@ -49,6 +62,12 @@ namespace storage::overlayprovider {
 class ContentCache;
 class MetadataCache;
 
+// The refinements of event handling a listener applies (see above).
+struct EventRefinements {
+  std::shared_ptr<OwnChanges const> ownChanges;  // null: no event is taken as an echo
+  bool narrowInvalidation = false;
+};
+
 class EventListener {
  public:
   using StorageIRI = foundation::storage::provider::StorageIRI;
@@ -58,9 +77,10 @@ class EventListener {
   // Subscribes to `inner`'s events. The caches must outlive the listener; queued tasks
   // refer to them and to the quota accountant, so the executor must be drained or shut
   // down before the caches go.
+  using Refinements = EventRefinements;
   EventListener(foundation::storage::provider::StorageItem const& inner, MetadataCache& metadataCache,
                 ContentCache& contentCache, std::shared_ptr<IExecutor> executor,
-                std::shared_ptr<IQuotaAccountant> quota);
+                std::shared_ptr<IQuotaAccountant> quota, Refinements refinements = {});
   // Stops handling; a late event from the inner store is dropped.
   ~EventListener();
 
@@ -96,12 +116,16 @@ class EventListener {
   // Queues an EXTERNAL_EVENT task giving `folder`'s tree back to the quota and queueing
   // its invalidation in the metadata cache.
   void queueFolderInvalidation(StorageIRI const& folder);
+  // Queues an EXTERNAL_EVENT task giving `quotaFolder`'s tree back to the quota and
+  // queueing the narrow invalidation of `item` (with what lies below it when `below`).
+  void queueItemInvalidation(StorageIRI const& item, bool below, StorageIRI const& quotaFolder);
 
   MetadataCache& metadataCache_;
   ContentCache& contentCache_;
   std::shared_ptr<Relay> const relay_;
   std::shared_ptr<IExecutor> const executor_;
   std::shared_ptr<IQuotaAccountant> const quota_;
+  Refinements const refinements_;
   bool paused_ = false;                                     // guarded by mutex_
   // When the last folder event reached the debouncing step; shared with queued tasks.
   std::shared_ptr<std::atomic<Clock::time_point>> const lastFolderEvent_;

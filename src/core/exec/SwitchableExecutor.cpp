@@ -7,6 +7,11 @@ void SwitchableExecutor::set(std::shared_ptr<IExecutor> executor) {
   current_ = std::move(executor);
 }
 
+void SwitchableExecutor::recordOwnChanges(std::shared_ptr<OwnChanges> ownChanges) {
+  std::lock_guard lock(mutex_);
+  ownChanges_ = std::move(ownChanges);
+}
+
 std::shared_ptr<IExecutor> SwitchableExecutor::current() const {
   std::lock_guard lock(mutex_);
   return current_;
@@ -14,18 +19,28 @@ std::shared_ptr<IExecutor> SwitchableExecutor::current() const {
 
 namespace {
 
-// Counts one change in flight for as long as a copy of its task exists.
+// Counts one change in flight for as long as a copy of its task exists, and reports it
+// to the record of own changes (if any) as taken and then settled.
 class InFlight {
  public:
-  explicit InFlight(std::shared_ptr<std::atomic<long>> count) : count_(std::move(count)) {
+  InFlight(std::shared_ptr<std::atomic<long>> count, std::shared_ptr<OwnChanges> ownChanges,
+           ObservableTransactionType type, Touches touches)
+      : count_(std::move(count)), ownChanges_(std::move(ownChanges)), type_(type), touches_(std::move(touches)) {
     count_->fetch_add(1, std::memory_order_acq_rel);
+    if (ownChanges_) ownChanges_->taken(type_, touches_);
   }
-  ~InFlight() { count_->fetch_sub(1, std::memory_order_acq_rel); }
+  ~InFlight() {
+    if (ownChanges_) ownChanges_->settled(type_, touches_);
+    count_->fetch_sub(1, std::memory_order_acq_rel);
+  }
   InFlight(InFlight const&) = delete;
   InFlight& operator=(InFlight const&) = delete;
 
  private:
   std::shared_ptr<std::atomic<long>> const count_;
+  std::shared_ptr<OwnChanges> const ownChanges_;
+  ObservableTransactionType const type_;
+  Touches const touches_;
 };
 
 bool isChange(ObservableTransactionType type) {
@@ -48,7 +63,14 @@ void SwitchableExecutor::execute(Task task, ObservableTransactionType type, doub
 void SwitchableExecutor::executeTouching(Task task, ObservableTransactionType type, double weight,
                                          Touches const& touches) {
   if (isChange(type)) {
-    task = [inFlight = std::make_shared<InFlight>(inFlight_), task = std::move(task)] { task(); };
+    std::shared_ptr<OwnChanges> ownChanges;
+    {
+      std::lock_guard lock(mutex_);
+      ownChanges = ownChanges_;
+    }
+    task = [inFlight = std::make_shared<InFlight>(inFlight_, std::move(ownChanges), type, touches), task = std::move(task)] {
+      task();
+    };
   }
   if (auto executor = current()) executor->executeTouching(std::move(task), type, weight, touches);
 }

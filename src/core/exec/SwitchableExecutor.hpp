@@ -11,13 +11,15 @@
 // The handle also counts the overlay's own changes on their way to the inner store: tasks
 // of every type but FILE_OPEN_READONLY, EXTERNAL_EVENT and WAKEUP_FLUSH, from the moment execute() takes them
 // until the executor has run them or let them go unrun. The event listener stays paused
-// while that count is above zero.
+// while that count is above zero. Given a record of own changes (recordOwnChanges), it
+// reports each such change there too, with what it touches, as taken and then settled.
 //
 // Thread-safety: every operation may be called from any thread; `mutex_` guards the
 // current executor, and no call into an executor is made with it held.
 #pragma once
 
 #include <core/exec/IExecutor.hpp>
+#include <core/exec/OwnChanges.hpp>
 
 #include <atomic>
 #include <memory>
@@ -30,6 +32,8 @@ class SwitchableExecutor final : public IExecutor {
   // From now on calls go to `executor` (may be null).
   void set(std::shared_ptr<IExecutor> executor);
   std::shared_ptr<IExecutor> current() const;
+  // From now on the changes taken are reported to `ownChanges` (may be null: none).
+  void recordOwnChanges(std::shared_ptr<OwnChanges> ownChanges);
 
   void execute(Task task, ObservableTransactionType type, double weight) override;
   // Passes `touches` on with the task (execute passes none).
@@ -49,8 +53,9 @@ class SwitchableExecutor final : public IExecutor {
   long changesInFlight() const { return inFlight_->load(std::memory_order_acquire); }
 
  private:
-  mutable std::mutex mutex_;             // guards current_
+  mutable std::mutex mutex_;             // guards current_ and ownChanges_
   std::shared_ptr<IExecutor> current_;
+  std::shared_ptr<OwnChanges> ownChanges_;
   // Shared with the tasks, which may outlive this handle in a queue being shut down.
   std::shared_ptr<std::atomic<long>> const inFlight_ = std::make_shared<std::atomic<long>>(0);
 };

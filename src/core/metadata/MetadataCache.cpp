@@ -341,7 +341,7 @@ std::optional<std::shared_ptr<Record>> MetadataCache::findBelowKnownFolders(Stor
   if (!CacheKey::isKeyForm(iri)) return std::nullopt;
   CacheLock lock(*this);
   // triggerInvalidationProcess() would change the tree first: the slow way does that.
-  if (trigger && !pending_.empty()) return std::nullopt;
+  if (trigger && (!pending_.empty() || !pendingItems_.empty())) return std::nullopt;
   if (!iri.hasParent()) {
     if constexpr (kFile) {
       return std::shared_ptr<FileMetadata>();  // the root is no file
@@ -754,6 +754,35 @@ void MetadataCache::doInvalidateFolder(StorageIRI const& iri) const {
   }
 }
 
+void MetadataCache::doInvalidateListing(StorageIRI const& key) const {
+  // What the population is filling there was listed before the change.
+  forgetFilling(key);
+  auto it = folderIndex_.findExact(key);
+  if (it != folders_.end()) eraseFolder(it);
+}
+
+void MetadataCache::doInvalidateItem(StorageIRI const& key, bool below) const {
+  if (key.hasParent()) doInvalidateListing(key.getParent());
+  if (!below) {
+    doInvalidateListing(key);
+    return;
+  }
+  if (key.getPath() == u"/") {
+    getLogger().log(Severity::Info, "Invalidating root.");
+    clearFolders();
+    return;
+  }
+  // The folder and everything below it, also below a folder of it that was not cached.
+  forgetFilling(key);
+  for (auto it = folders_.begin(); it != folders_.end();) {
+    if (it->first == key || key.isAncestorOf(it->first)) {
+      it = eraseFolder(it);
+    } else {
+      ++it;
+    }
+  }
+}
+
 void MetadataCache::doInvalidateAll() const {
   clearFolders();
   frozen_.clear();
@@ -780,7 +809,22 @@ void MetadataCache::enqueueInvalidationProcess(StorageIRI const& iri) {
   frozen_.setReAddDue();
 }
 
+void MetadataCache::enqueueItemInvalidation(StorageIRI const& item, bool below) {
+  auto key = getInnerMostURL(item);
+  CacheLock lock(*this);
+  auto [it, added] = pendingItems_.try_emplace(std::move(key), below);
+  if (!added) it->second = it->second || below;
+  frozen_.setReAddDue();
+}
+
 void MetadataCache::triggerInvalidationProcess() const {
+  if (!pendingItems_.empty()) {
+    // Each drops at most a few listings: all of them at once.
+    doSnapshotFrozenMetadata();
+    auto items = std::move(pendingItems_);
+    pendingItems_.clear();
+    for (auto const& [key, below] : items) doInvalidateItem(key, below);
+  }
   while (!pending_.empty()) {
     StorageIRI const next = *pending_.begin();
     pending_.erase(pending_.begin());

@@ -25,6 +25,10 @@
 // records the IRI. Almost every public operation starts by working off pending
 // invalidations, one parent folder per operation in IRI order, so that a burst of events
 // costs each operation at most one re-listing ("to trigger" below).
+// `enqueueItemInvalidation` records an item instead, for the narrow invalidation that
+// "overlay.narrowInvalidation" switches on: worked off at the same points (all pending
+// items at once), it drops the listing of the folder holding the item and the item's own
+// listing, with everything below the item when asked; the other folders stay cached.
 //
 // Population. When the inner store can list its whole tree in one call, the cache fills
 // itself from one recursive listing on a background thread. Folders being filled are
@@ -177,6 +181,11 @@ class MetadataCache {
   // Records that `iri` changed elsewhere; the work happens at later operations. Sets
   // "frozen re-add pending". Cheap; safe to call from an event thread.
   void enqueueInvalidationProcess(StorageIRI const& iri);
+  // Records that the item `item` (a file or a folder) changed elsewhere, for the narrow
+  // invalidation (see above): at later operations the listing of its folder and its own
+  // listing are dropped, and with `below` every folder under it. Sets "frozen re-add
+  // pending". Cheap; safe to call from an event thread.
+  void enqueueItemInvalidation(StorageIRI const& item, bool below);
   // Thaws the file's record when its parent folder is cached (loading the record may
   // list the parent; the cache lock is released meanwhile), then forgets its snapshot
   // entry. Passes on failures of the lookup other than code 4; the snapshot entry then
@@ -301,6 +310,10 @@ class MetadataCache {
   void foldersForRemoving(StorageIRI const& key, std::vector<std::shared_ptr<IFolderEntry>>& entries) const
       REQUIRES(guard_);
   void doInvalidateFolder(StorageIRI const& iri) const REQUIRES(guard_);
+  // Drops the listing of the folder `key` alone; cached folders below it stay.
+  void doInvalidateListing(StorageIRI const& key) const REQUIRES(guard_);
+  // The narrow invalidation of one pending item (see enqueueItemInvalidation).
+  void doInvalidateItem(StorageIRI const& key, bool below) const REQUIRES(guard_);
   void doInvalidateAll() const REQUIRES(guard_);
   void triggerInvalidationProcess() const REQUIRES(guard_);
   void doSnapshotFrozenMetadata() const REQUIRES(guard_);
@@ -358,6 +371,8 @@ class MetadataCache {
   mutable LocationIndex<FolderMap> folderIndex_ GUARDED_BY(guard_){folders_};
   mutable FrozenRecords frozen_ GUARDED_BY(guard_);  // the frozen snapshot
   mutable std::set<StorageIRI> pending_ GUARDED_BY(guard_);
+  // Items pending narrow invalidation, each with whether what lies below it goes too.
+  mutable std::map<StorageIRI, bool> pendingItems_ GUARDED_BY(guard_);
   mutable std::vector<std::shared_ptr<IFolderEntry>> retired_ GUARDED_BY(guard_);
   // Folders the population is filling, by key: no reader sees them until they are
   // complete and move into folders_.

@@ -24,6 +24,7 @@ enum class Range {
   MaxWeight,    // as Weight; a negative one is refused by doConfigure with its own error
   PayloadSize,  // a whole number above 0
   Count,        // a whole number >= 1
+  Duration,     // a whole number >= 0 (milliseconds)
 };
 
 struct KeyDescriptor {
@@ -77,6 +78,14 @@ KeyDescriptor const kKeys[] = {
     {{"overlay.transfers", "overlay.configuration.transfers"}, Range::Count,
      [](OverlayOptions& o, std::string const& t) { o.transfers = wholeNumber(t); },
      [](OverlayOptions const& o) { return static_cast<double>(o.transfers); }},
+    {{"overlay.echoWindow", "overlay.configuration.echoWindow"}, Range::Duration,
+     [](OverlayOptions& o, std::string const& t) { o.echoWindowMs = wholeNumber(t); },
+     [](OverlayOptions const& o) { return static_cast<double>(o.echoWindowMs); }},
+    {{"overlay.narrowInvalidation", nullptr}, Range::Any,
+     [](OverlayOptions& o, std::string const& t) {
+       if (readsTrue(t)) o.narrowInvalidation = true;
+     },
+     nullptr},
     {{"overlay.synchronous", nullptr}, Range::Any,
      [](OverlayOptions& o, std::string const& t) {
        if (readsTrue(t)) o.synchronous = true;
@@ -113,6 +122,7 @@ KeyDescriptor const* find(std::string const& key) {
 [[noreturn]] void refuse(std::string const& key, std::string const& text, Range range) {
   char const* wanted = range == Range::PayloadSize ? "a whole number of bytes above 0"
                        : range == Range::Count     ? "a whole number >= 1"
+                       : range == Range::Duration  ? "a whole number of milliseconds >= 0"
                                                    : "a number >= 0";
   throw std::invalid_argument(key + ": '" + text + "' is not " + wanted);
 }
@@ -172,10 +182,12 @@ void checkOverlayOption(std::string const& key, std::string const& text) {
       return;
     }
     case Range::PayloadSize:
-    case Range::Count: {
+    case Range::Count:
+    case Range::Duration: {
       errno = 0;
       long const value = std::strtol(text.c_str(), &end, 10);
-      if (text.empty() || end != text.c_str() + text.size() || errno == ERANGE || value <= 0) {
+      long const least = descriptor->range == Range::Duration ? 0 : 1;
+      if (text.empty() || end != text.c_str() + text.size() || errno == ERANGE || value < least) {
         refuse(key, text, descriptor->range);
       }
       return;

@@ -46,6 +46,15 @@ struct OverlayOptions {
   // "overlay.transfers", std::stol: how many changes travel to the store at once; 1 keeps
   // the single-worker queue. Taken when the queue is made, at the first operation.
   std::int64_t transfers = 1;
+  // "overlay.echoWindow", std::stol, milliseconds >= 0: a store event that says what one
+  // of the overlay's own folder creations, removals or moves made at most this long
+  // before is taken as its echo and changes nothing (OwnChanges); 0: every event counts.
+  // Taken at the first operation.
+  std::int64_t echoWindowMs = 0;
+  // "overlay.narrowInvalidation": "true" (boolalpha) switches it on: a store event drops only the
+  // listings it can have made stale (EventListener), not the whole tree of the folder
+  // above the changed item. Taken at the first operation.
+  bool narrowInvalidation = false;
   bool synchronous = false;              // "overlay.synchronous": "true" (boolalpha)
   bool disableContentCache = false;      // "overlay.disableContentCache": likewise
   bool backslashToForwardSlash = false;  // "overlay.backslashToForwardSlash": likewise; no effect

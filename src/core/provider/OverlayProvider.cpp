@@ -142,7 +142,17 @@ void OverlayProvider::lazyInitialize() const {
     }
     auto const executor = executorHandle_;
     auto quota = std::make_shared<QuotaAccountant>(*inner_, kQuotaPollPeriod, *metadataCache_, executor);
-    auto listener = std::make_shared<EventListener>(*inner_, *metadataCache_, *contentCache_, executor, quota);
+    // Echoes of the overlay's own changes are told from changes made elsewhere only when
+    // a window is configured: a change made elsewhere within it goes unseen.
+    EventListener::Refinements refinements;
+    if (auto const window = echoWindowMs_.load(std::memory_order_acquire); window > 0) {
+      auto ownChanges = std::make_shared<OwnChanges>(std::chrono::milliseconds(window));
+      executorHandle_->recordOwnChanges(ownChanges);
+      refinements.ownChanges = std::move(ownChanges);
+    }
+    refinements.narrowInvalidation = narrowInvalidation_.load(std::memory_order_acquire);
+    auto listener = std::make_shared<EventListener>(*inner_, *metadataCache_, *contentCache_, executor, quota,
+                                                    std::move(refinements));
     // While the overlay changes the inner store, event handling is paused; it resumes a
     // full time-out after the last change, and not before the queue has delivered every
     // change of the overlay's own (the store's echoes of them come in meanwhile and must
@@ -186,6 +196,8 @@ OverlayOptions OverlayProvider::currentOptions() const {
   options.maxReadPayloadSize = maxReadPayloadSize_.load(std::memory_order_acquire);
   options.maxWritePayloadSize = maxWritePayloadSize_.load(std::memory_order_acquire);
   options.transfers = transfers_.load(std::memory_order_acquire);
+  options.echoWindowMs = echoWindowMs_.load(std::memory_order_acquire);
+  options.narrowInvalidation = narrowInvalidation_.load(std::memory_order_acquire);
   options.synchronous = synchronous_.load(std::memory_order_acquire);
   options.disableContentCache = disableContentCache_.load(std::memory_order_acquire);
   options.backslashToForwardSlash = backslashToForwardSlash_.load(std::memory_order_acquire);
@@ -1090,6 +1102,8 @@ void OverlayProvider::doConfigure(boost::property_tree::ptree config) {
   maxReadPayloadSize_.store(options.maxReadPayloadSize, std::memory_order_release);
   maxWritePayloadSize_.store(options.maxWritePayloadSize, std::memory_order_release);
   transfers_.store(options.transfers, std::memory_order_release);
+  echoWindowMs_.store(options.echoWindowMs, std::memory_order_release);
+  narrowInvalidation_.store(options.narrowInvalidation, std::memory_order_release);
   bool const switchToSynchronous = options.synchronous;
   if (switchToSynchronous) synchronous_.store(true, std::memory_order_release);
   disableContentCache_.store(options.disableContentCache, std::memory_order_release);

@@ -268,6 +268,8 @@ class OverlayProvider : public fsp::IConfigurableProvider,
   std::atomic<std::int64_t> maxReadPayloadSize_{OverlayOptions().maxReadPayloadSize};
   std::atomic<std::int64_t> maxWritePayloadSize_{OverlayOptions().maxWritePayloadSize};
   std::atomic<std::int64_t> transfers_{OverlayOptions().transfers};
+  std::atomic<std::int64_t> echoWindowMs_{OverlayOptions().echoWindowMs};
+  std::atomic<bool> narrowInvalidation_{OverlayOptions().narrowInvalidation};
   std::atomic<bool> persistContentCache_{OverlayOptions().persistContentCache};
   std::atomic<bool> synchronous_{OverlayOptions().synchronous};
   // The environment's values once given or read; guarded by initMutex_.

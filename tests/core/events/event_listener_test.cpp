@@ -32,6 +32,8 @@ using storage::overlayprovider::EventListener;
 using storage::overlayprovider::IQuotaAccountant;
 using storage::overlayprovider::MetadataCache;
 using storage::overlayprovider::ObservableTransactionType;
+using storage::overlayprovider::OwnChanges;
+using storage::overlayprovider::Touches;
 
 namespace {
 
@@ -65,8 +67,8 @@ class EventListenerTest : public ::testing::Test {
   StorageIRI iri(std::u16string const& path) const { return store->root().withPath(path); }
   std::string text(std::u16string const& path) const { return iri(path).toUtf8(); }
 
-  std::unique_ptr<EventListener> makeListener() {
-    return std::make_unique<EventListener>(*inner, metadata, content, queue, quota);
+  std::unique_ptr<EventListener> makeListener(EventListener::Refinements refinements = {}) {
+    return std::make_unique<EventListener>(*inner, metadata, content, queue, quota, std::move(refinements));
   }
 
   // The content cache makes its root on first use; nothing else removes it.
@@ -168,6 +170,67 @@ TEST_F(EventListenerTest, AfterStopHandlingNothingIsDoneOrReplayed) {
   listener->unpause();
   listener->handle(Kind::Removed, iri(u"/"), iri(u"/c.txt"), EntryType::File, {});
   EXPECT_EQ(queue->queued(), 0u);
+}
+
+TEST_F(EventListenerTest, EchoesOfTheOverlaysOwnFolderChangesAreDroppedWhenTheyArrive) {
+  auto now = std::chrono::steady_clock::time_point(std::chrono::hours(1));
+  auto own = std::make_shared<OwnChanges>(std::chrono::milliseconds(1000), [&now] { return now; });
+  auto listener = makeListener({own, false});
+  auto const made = Touches::location(iri(u"/d").toString());
+  own->taken(ObservableTransactionType::FOLDER_CREATION, made);
+  listener->pause();
+  listener->handle(Kind::Added, iri(u"/"), iri(u"/d"), EntryType::Folder, {});        // the echo
+  listener->handle(Kind::Added, iri(u"/"), iri(u"/d/new.txt"), EntryType::File, {});  // counts
+  listener->unpause();
+  queue->runAll();
+  EXPECT_EQ(quota->calls(), std::vector<std::string>{"tree " + text(u"/d")});
+
+  // Once the change has settled and its window has passed, the same event counts.
+  own->settled(ObservableTransactionType::FOLDER_CREATION, made);
+  now += std::chrono::milliseconds(1001);
+  listener->handle(Kind::Added, iri(u"/"), iri(u"/d"), EntryType::Folder, {});
+  EXPECT_EQ(queue->queued(), 1u);
+}
+
+TEST_F(EventListenerTest, NarrowInvalidationDropsOnlyTheListingsAnEventConcerns) {
+  auto& side = store->elsewhere();
+  for (auto folder : {u"/a/sub", u"/b", u"/c/deep"}) side.createFolder(folder);
+  side.writeFile(u"/a/f.txt", "f");
+  store->waitForEventsDelivered();
+  auto const key = [&](std::u16string const& path) { return MetadataCache::getInnerMostURL(iri(path)); };
+  auto const loadAll = [&] {
+    for (auto folder : {u"/a/sub", u"/b", u"/c/deep"}) metadata.loadAndGetFolderContainer(iri(folder));
+    metadata.getFolderMetadata(iri(u"/a"));  // the root
+    metadata.getFolderMetadata(iri(u"/a/sub"));
+    metadata.getFolderMetadata(iri(u"/c/deep"));
+  };
+  loadAll();
+  ASSERT_EQ(metadata.cachedFolders().size(), 6u);
+  auto listener = makeListener({nullptr, true});
+
+  // A file changed in /a: /a's listing goes, its sub-folder and the root stay.
+  listener->handle(Kind::Modified, iri(u"/"), iri(u"/a/f.txt"), EntryType::File, {});
+  queue->runAll();
+  auto const listings = store->calls(Operation::ListAll);
+  EXPECT_TRUE(metadata.hasFile(iri(u"/a/f.txt")));  // works the invalidation off, lists /a again
+  EXPECT_EQ(store->calls(Operation::ListAll), listings + 1);
+  EXPECT_EQ(metadata.cachedFolders().size(), 6u);
+  EXPECT_EQ(quota->calls(), std::vector<std::string>{"tree " + text(u"/a")});
+
+  // A folder removed: the folder above loses its listing, the folder its tree; the
+  // other folders stay.
+  listener->handle(Kind::Removed, iri(u"/"), iri(u"/c"), EntryType::Folder, {});
+  queue->runAll();
+  metadata.loadAndGetFolderContainer(iri(u"/b"));  // works the invalidation off
+  EXPECT_EQ(metadata.cachedFolders(), (std::vector<StorageIRI>{key(u"/a"), key(u"/a/sub"), key(u"/b")}));
+
+  // Without narrow invalidation the same change to /a/f.txt drops the root's whole tree.
+  loadAll();
+  auto wide = makeListener();
+  wide->handle(Kind::Modified, iri(u"/"), iri(u"/a/f.txt"), EntryType::File, {});
+  queue->runAll();
+  metadata.loadAndGetFolderContainer(iri(u"/b"));
+  EXPECT_EQ(metadata.cachedFolders(), std::vector<StorageIRI>{key(u"/b")});
 }
 
 TEST_F(EventListenerTest, ChangesMadeElsewhereArriveThroughTheSubscription) {

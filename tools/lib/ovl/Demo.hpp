@@ -31,7 +31,7 @@ struct DemoOptions {
   unsigned largeFiles = 3;
   std::uint64_t largeFileBytes = 8u << 20;
   bool keep = false;  // leave the demo's folders in the store
-  long transfers = kDefaultToolTransfers;  // the overlay's "overlay.transfers"
+  ToolSettings overlay;  // transfers and echo window of the overlay run
   // How long a run waits to see the change made from the store's side.
   std::chrono::milliseconds changeTimeout{60000};
   // Called after the overlay run's flush and before its verification, with the run's

@@ -35,17 +35,43 @@ namespace fsp = foundation::storage::provider;
 // The scheme the overlay bundle serves.
 inline constexpr char16_t const* kOverlayScheme = u"overlay";
 
-// The transfers the tools that lay one overlay over a slow store (demo, bench, the
-// mount) use unless told otherwise.
+// What the tools that lay one overlay over a slow store (demo, bench, the mount) switch
+// on unless told otherwise: 8 transfers at once, the store's echoes of the overlay's own
+// folder changes made less than 5 s before dropped, and a change made elsewhere dropping
+// only the listings it concerns.
 inline constexpr int kDefaultToolTransfers = 8;
+inline constexpr long kDefaultToolEchoWindowMs = 5000;
 
 struct Arguments;
 
-// `config` with "overlay.transfers" set: to the value of `--transfers` when given (a
-// whole number from 1 to 256, else UsageError), else left as the configuration
-// (--config/--set) gives it, else kDefaultToolTransfers. The number in effect goes into
-// `used`.
-boost::property_tree::ptree withTransfers(boost::property_tree::ptree config, Arguments const& args, long& used);
+// The settings above as one run uses them.
+struct ToolSettings {
+  long transfers = kDefaultToolTransfers;          // "overlay.transfers"
+  long echoWindowMs = kDefaultToolEchoWindowMs;  // "overlay.echoWindow"
+  bool narrowInvalidation = true;                // "overlay.narrowInvalidation"
+  // "8 transfers at once; echoes of its own folder changes ignored for 5 s; a change
+  // made elsewhere drops only what it concerns", or what is switched off instead.
+  std::string describe() const;
+  // Puts the three keys into `config`.
+  void applyTo(boost::property_tree::ptree& config) const;
+};
+
+// `config` with the three keys set, each to the value of its flag when given
+// (--transfers: a whole number from 1 to 256; --echo-window-ms: a whole number from 0 to
+// 600000, else UsageError; --wide-invalidation: narrow invalidation off), else left as
+// the configuration (--config/--set) gives it, else the tools' default. The values in
+// effect go into `used`.
+boost::property_tree::ptree withToolSettings(boost::property_tree::ptree config, Arguments const& args,
+                                             ToolSettings& used);
+
+// The help lines of the two flags, for a command's flag table.
+inline constexpr char const* kTransfersHelp = "changes the overlay sends to the store at once (default 8)";
+inline constexpr char const* kEchoWindowHelp =
+    "a store event that says what one of the overlay's own folder creations, removals or "
+    "moves made less than N ms before is taken as its echo (default 5000; 0: every event counts)";
+inline constexpr char const* kWideInvalidationHelp =
+    "a change made elsewhere drops the whole tree of the folder above it from the cache "
+    "(default: only the listings it concerns)";
 
 class OverlayHost {
  public:
