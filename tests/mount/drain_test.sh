@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # What the mount promises about the store: ovl umount and SIGTERM drain everything into it;
 # a change the store refuses makes the file's next fsync and close fail with EIO and the
-# unmount report it; two mounts of one store see each other's changes.
+# unmount report it; two mounts of one store see each other's changes; a file replaced
+# in the store behind the mount's back is read anew.
 # Usage: drain_test.sh OVL_PROGRAM
 source "$(dirname "$0")/mount_lib.sh"
 
@@ -73,4 +74,17 @@ rm "$SCRATCH/a/shared.txt"
 wait_for 60 "b still shows the file a removed" test ! -e "$SCRATCH/b/shared.txt"
 umount_store "$SCRATCH/a"
 umount_store "$SCRATCH/b"
+
+echo "== a file replaced in the store with the same size and time is read anew"
+# Size and time stay, so only the store's change event can tell the kernel that the
+# pages it keeps for the file are stale.
+mkdir -p "$SCRATCH/s5"
+printf 'aaaa\n' >"$SCRATCH/s5/f.txt"
+mount_store "$SCRATCH/s5" "$SCRATCH/c"
+[ "$(cat "$SCRATCH/c/f.txt")" = aaaa ] || fail "the mount does not show f.txt as the store has it"
+printf 'bbbb\n' >"$SCRATCH/s5/f.new"
+touch -r "$SCRATCH/s5/f.txt" "$SCRATCH/s5/f.new"
+mv "$SCRATCH/s5/f.new" "$SCRATCH/s5/f.txt"
+wait_for 60 "the mount still shows the old content of f.txt" grep -qx bbbb "$SCRATCH/c/f.txt"
+umount_store "$SCRATCH/c"
 echo "PASS"

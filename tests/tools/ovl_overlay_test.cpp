@@ -496,8 +496,8 @@ TEST_F(OvlDemo, RunsEndToEndAndVerifiesBothRuns) {
                           "see a change made elsewhere", "delete a sub-tree", "flush", "total"}) {
     EXPECT_THAT(result.out, HasSubstr("\n" + std::string(row))) << row;
   }
-  EXPECT_THAT(result.out, HasSubstr("through the overlay (8 transfers at once; echoes of its own folder changes ignored "
-                                    "for 5 s; a change made elsewhere drops only what it concerns)"));
+  EXPECT_THAT(result.out, HasSubstr("through the overlay (8 transfers at once; events: echoes of its own folder changes "
+                                    "ignored for 5 s, narrow invalidation, held back by its own changes only)"));
   EXPECT_THAT(result.out, HasSubstr("overlay queue: drained"));
   // Both runs leave the same content in the store: one combined checksum for both.
   auto const combined = [&](std::string const& run) {

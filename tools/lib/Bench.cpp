@@ -436,7 +436,7 @@ Command benchCommand() {
            {"--tasks", "", "tasks for the queue figure (default 1000000)", "N"},
            {"--transfers", "", kTransfersHelp, "N"},
            {"--echo-window-ms", "", kEchoWindowHelp, "N"},
-           {"--wide-invalidation", "", kWideInvalidationHelp},
+           {"--plain-events", "", kPlainEventsHelp},
            {"--inner", "", "an existing folder of a store to work in (default: a new local folder)", "IRI"}},
           runBenchCommand};
 }

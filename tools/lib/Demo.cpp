@@ -546,7 +546,7 @@ Command demoCommand() {
            {"--large-mib", "", "size of each large file in MiB (default 8)", "N"},
            {"--transfers", "", kTransfersHelp, "N"},
            {"--echo-window-ms", "", kEchoWindowHelp, "N"},
-           {"--wide-invalidation", "", kWideInvalidationHelp},
+           {"--plain-events", "", kPlainEventsHelp},
            {"--keep", "", "leave the demo's folders in the store"}},
           runDemoCommand};
 }

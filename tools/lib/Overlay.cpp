@@ -8,6 +8,8 @@
 #include <exception>
 #include <sstream>
 #include <string>
+#include <utility>
+#include <vector>
 
 #ifndef OVL_DEFAULT_BUNDLE
 #define OVL_DEFAULT_BUNDLE "overlayprovider.so"
@@ -35,26 +37,32 @@ long wholeSetting(boost::property_tree::ptree const& config, Arguments const& ar
 }  // namespace
 
 std::string ToolSettings::describe() const {
-  std::string text = std::to_string(transfers) + (transfers == 1 ? " transfer" : " transfers") + " at once; ";
-  if (echoWindowMs <= 0) {
-    text += "the store's echoes of its own folder changes taken as changes";
-  } else {
+  std::string text = std::to_string(transfers) + (transfers == 1 ? " transfer" : " transfers") + " at once";
+  std::vector<std::string> refinements;
+  if (echoWindowMs > 0) {
     std::ostringstream seconds;
     seconds << static_cast<double>(echoWindowMs) / 1000;
-    text += "echoes of its own folder changes ignored for " + seconds.str() + " s";
+    refinements.push_back("echoes of its own folder changes ignored for " + seconds.str() + " s");
   }
-  return text + (narrowInvalidation ? "; a change made elsewhere drops only what it concerns"
-                                    : "; a change made elsewhere drops the tree of the folder above it");
+  if (narrowInvalidation) refinements.emplace_back("narrow invalidation");
+  if (holdEventsForChangesOnly) refinements.emplace_back("held back by its own changes only");
+  if (refinements.empty()) return text + "; events handled as the plug-in's defaults say";
+  text += "; events: ";
+  for (std::size_t i = 0; i < refinements.size(); ++i) text += (i ? ", " : "") + refinements[i];
+  return text;
 }
 
 void ToolSettings::applyTo(boost::property_tree::ptree& config) const {
   config.put("overlay.transfers", transfers);
   config.put("overlay.echoWindow", echoWindowMs);
-  // The overlay reads the key as a switch that only turns on: off is its absence.
-  if (narrowInvalidation) {
-    config.put("overlay.narrowInvalidation", "true");
-  } else {
-    if (auto overlay = config.get_child_optional("overlay")) overlay->erase("narrowInvalidation");
+  // The overlay reads these two as switches that only turn on: off is their absence.
+  for (auto const& [key, on] : {std::pair{"narrowInvalidation", narrowInvalidation},
+                                std::pair{"holdEventsForChangesOnly", holdEventsForChangesOnly}}) {
+    if (on) {
+      config.put(std::string("overlay.") + key, "true");
+    } else if (auto overlay = config.get_child_optional("overlay")) {
+      overlay->erase(key);
+    }
   }
 }
 
@@ -62,15 +70,16 @@ boost::property_tree::ptree withToolSettings(boost::property_tree::ptree config,
                                              ToolSettings& used) {
   used.transfers =
       wholeSetting(config, args, "--transfers", "overlay.transfers", kDefaultToolTransfers, 1, 256);
-  used.echoWindowMs =
-      wholeSetting(config, args, "--echo-window-ms", "overlay.echoWindow", kDefaultToolEchoWindowMs, 0, 600000);
-  if (args.has("--wide-invalidation")) {
-    used.narrowInvalidation = false;
-  } else if (auto const given = config.get_optional<std::string>("overlay.narrowInvalidation")) {
-    used.narrowInvalidation = *given == "true";
-  } else {
-    used.narrowInvalidation = true;
-  }
+  bool const plain = args.has("--plain-events");
+  used.echoWindowMs = wholeSetting(config, args, "--echo-window-ms", "overlay.echoWindow",
+                                   plain ? 0 : kDefaultToolEchoWindowMs, 0, 600000);
+  auto const flag = [&](char const* key) {
+    if (plain) return false;
+    auto const given = config.get_optional<std::string>(key);
+    return !given || *given == "true";
+  };
+  used.narrowInvalidation = flag("overlay.narrowInvalidation");
+  used.holdEventsForChangesOnly = flag("overlay.holdEventsForChangesOnly");
   used.applyTo(config);
   return config;
 }

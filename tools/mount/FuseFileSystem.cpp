@@ -5,6 +5,7 @@
 
 #include <fl/i18n.hpp>
 #include <foundation/storage/provider/Exception.hpp>
+#include <foundation/storage/provider/extensions/IAppliedChanges.hpp>
 
 #include <boost/date_time/posix_time/posix_time.hpp>
 
@@ -335,6 +336,10 @@ int FuseFileSystem::open(char const* path, int flags, OpenFile*& opened, bool cr
     auto const it = item(path);
     auto file = std::make_unique<OpenFile>();
     file->path = path;
+    // As in getattr: the overlay works off the changes made elsewhere that it holds, so
+    // that an opening after the kernel's caches were dropped reads the file as it is
+    // now (the kernel keeps what this opening reads while size and time stay).
+    if (!create) it.exists();
     if ((flags & O_ACCMODE) == O_RDONLY && !create && !(flags & O_TRUNC)) {
       file->stream = it.openReadOnlyStream();
     } else {
@@ -528,18 +533,29 @@ void FuseFileSystem::watchStore(struct fuse* mounted) {
     mounted_ = mounted;
     watching_ = true;
   }
-  root_.publishFolderEvents([this](foundation::storage::events::Kind const&, fsp::StorageIRI const&,
-                                   fsp::StorageIRI const& location, foundation::storage::events::EntryType const&,
-                                   boost::property_tree::ptree) {
+  auto dropKernelCaches = [this](fsp::StorageIRI const& location) {
     auto const path = mountPathOf(location);
     if (path.empty()) return;
     invalidate(path);
     if (path != "/") invalidate(path.substr(0, std::max<std::size_t>(1, path.rfind('/'))));
-  });
+  };
+  // Once the overlay has acted on a change, not at the store's event: the kernel would
+  // otherwise read the item again from caches that still hold it as it was, and keep it.
+  if (auto* applied = dynamic_cast<fsp::extensions::IAppliedChanges*>(root_.getProvider().get())) {
+    applied->onAppliedChanges(dropKernelCaches);
+    return;
+  }
+  root_.publishFolderEvents([dropKernelCaches](foundation::storage::events::Kind const&, fsp::StorageIRI const&,
+                                               fsp::StorageIRI const& location,
+                                               foundation::storage::events::EntryType const&,
+                                               boost::property_tree::ptree) { dropKernelCaches(location); });
 }
 
 void FuseFileSystem::stopWatching() {
-  // The subscription itself ends with the provider: ending it here would end the
+  if (auto* applied = dynamic_cast<fsp::extensions::IAppliedChanges*>(root_.getProvider().get())) {
+    applied->onAppliedChanges(nullptr);
+  }
+  // A store subscription itself ends with the provider: ending it here would end the
   // overlay's own subscription to the same folder too.
   std::lock_guard lock(watchMutex_);
   watching_ = false;

@@ -118,6 +118,7 @@ struct StatusSource {
     t.put("transfers", overlay.transfers);
     t.put("echoWindowMs", overlay.echoWindowMs);
     t.put("narrowInvalidation", overlay.narrowInvalidation);
+    t.put("holdEventsForChangesOnly", overlay.holdEventsForChangesOnly);
     if (status) {
       auto const q = status->getQueueFigures();
       t.put("queue.queued", q.queued);
@@ -557,9 +558,10 @@ std::vector<Command> mountCommands() {
        "--throttle-ms/--throttle-mbps through a throttle, as a remote store would be) and mounts\n"
        "it at the existing folder MOUNTPOINT with libfuse. Programs read and write there as on a\n"
        "local disk; changes reach the store in the background, with 8 transfers at once unless\n"
-       "--transfers says otherwise; the store's echoes of its own folder changes of the last 5 s\n"
-       "are dropped (--echo-window-ms), and a change made elsewhere drops only the listings it\n"
-       "concerns (--wide-invalidation switches that off). Runs in the background unless --foreground. On unmount\n"
+       "--transfers says otherwise; the store's change events are handled with the refinements\n"
+       "of 'ovl demo' (the echoes of its own folder changes of the last 5 s dropped, narrow\n"
+       "invalidation, events held back by its own changes only; --plain-events switches them\n"
+       "off). Runs in the background unless --foreground. On unmount\n"
        "(ovl umount), SIGTERM, SIGINT or SIGHUP the overlay writes everything still queued to\n"
        "the store, then says whether everything arrived: exit status 0 when it did, 1 otherwise.\n"
        "close() returns once the bytes are in the overlay's cache; fsync() once the file's\n"
@@ -568,7 +570,7 @@ std::vector<Command> mountCommands() {
        {{"--foreground", "-f", "stay attached: serve until unmounted or interrupted, then drain"},
         {"--transfers", "", kTransfersHelp, "N"},
         {"--echo-window-ms", "", kEchoWindowHelp, "N"},
-        {"--wide-invalidation", "", kWideInvalidationHelp}},
+        {"--plain-events", "", kPlainEventsHelp}},
        runMount},
       {"umount",
        {"MOUNTPOINT"},

@@ -31,13 +31,13 @@ void logLocation(char const* signature, fsp::StorageIRI const& location) {
 
 EventListener::EventListener(fsp::StorageItem const& inner, MetadataCache& metadataCache, ContentCache& contentCache,
                              std::shared_ptr<IExecutor> executor, std::shared_ptr<IQuotaAccountant> quota,
-                             Refinements refinements)
+                             Options options)
     : metadataCache_(metadataCache),
       contentCache_(contentCache),
       relay_(std::make_shared<Relay>()),
       executor_(std::move(executor)),
       quota_(std::move(quota)),
-      refinements_(std::move(refinements)),
+      options_(std::move(options)),
       lastFolderEvent_(std::make_shared<std::atomic<Clock::time_point>>(Clock::now())) {
   LISTENER_TRACE();
   relay_->target = this;
@@ -91,7 +91,7 @@ void EventListener::handle(Kind const& kind, StorageIRI const&, StorageIRI const
                            EntryType const& entryType, boost::property_tree::ptree) {
   LISTENER_TRACE();
   if (!handling_.load()) return;
-  if (refinements_.ownChanges && refinements_.ownChanges->isEcho(location, kind, entryType)) {
+  if (options_.ownChanges && options_.ownChanges->isEcho(location, kind, entryType)) {
     if (getLogger().isEnabled(Severity::Debug)) {
       getLogger().log(Severity::Debug, "Taken as the echo of the overlay's own change: " + location.toUtf8());
     }
@@ -127,22 +127,31 @@ EventListener::Clock::time_point EventListener::stampFolderEvent() {
   return stamp;
 }
 
-void EventListener::queueFolderInvalidation(StorageIRI const& folder) {
+void EventListener::queueTask(std::function<void()> work, StorageIRI const& location) {
   executor_->execute(
-      [quota = quota_, &metadataCache = metadataCache_, folder] {
-        if (quota) quota->removeFolderTree(folder);
-        metadataCache.enqueueInvalidationProcess(folder);
+      [work = std::move(work), applied = options_.applied, location] {
+        work();
+        if (applied) applied->notify(location);
       },
       ObservableTransactionType::EXTERNAL_EVENT, 0);
 }
 
+void EventListener::queueFolderInvalidation(StorageIRI const& folder, StorageIRI const& location) {
+  queueTask(
+      [quota = quota_, &metadataCache = metadataCache_, folder] {
+        if (quota) quota->removeFolderTree(folder);
+        metadataCache.enqueueInvalidationProcess(folder);
+      },
+      location);
+}
+
 void EventListener::queueItemInvalidation(StorageIRI const& item, bool below, StorageIRI const& quotaFolder) {
-  executor_->execute(
+  queueTask(
       [quota = quota_, &metadataCache = metadataCache_, item, below, quotaFolder] {
         if (quota) quota->removeFolderTree(quotaFolder);
         metadataCache.enqueueItemInvalidation(item, below);
       },
-      ObservableTransactionType::EXTERNAL_EVENT, 0);
+      item);
 }
 
 void EventListener::handleFileEvent(StorageIRI const& location, Kind const& kind) {
@@ -151,19 +160,19 @@ void EventListener::handleFileEvent(StorageIRI const& location, Kind const& kind
   switch (kind) {
     case Kind::Added:
     case Kind::Modified:
-      if (refinements_.narrowInvalidation) {
+      if (options_.narrowInvalidation) {
         queueItemInvalidation(location, false, location.getParent());
       } else {
-        queueFolderInvalidation(location.getParent());
+        queueFolderInvalidation(location.getParent(), location);
       }
       break;
     case Kind::Removed:
-      executor_->execute(
+      queueTask(
           [quota = quota_, &metadataCache = metadataCache_, location] {
             if (quota) quota->removeFile(location);
             metadataCache.removeFile(location);
           },
-          ObservableTransactionType::EXTERNAL_EVENT, 0);
+          location);
       break;
     default:
       break;
@@ -176,21 +185,22 @@ void EventListener::handleFolderEvent(StorageIRI const& location, Kind const& ki
   if (kind == Kind::Refresh && location.getPath() == u"/") {
     metadataCache_.invalidateAll();
     contentCache_.invalidateAll();
+    if (options_.applied) options_.applied->notify(location);
     return;
   }
   auto const stamp = stampFolderEvent();
   switch (kind) {
     case Kind::Added:
-      if (refinements_.narrowInvalidation) {
+      if (options_.narrowInvalidation) {
         queueItemInvalidation(location, true, location.getParent());
       } else {
-        queueFolderInvalidation(location.getParent());
+        queueFolderInvalidation(location.getParent(), location);
       }
       break;
     case Kind::Modified:
       executor_->execute(
           [lastFolderEvent = lastFolderEvent_, stamp, quota = quota_, &metadataCache = metadataCache_, location,
-           narrow = refinements_.narrowInvalidation] {
+           narrow = options_.narrowInvalidation, applied = options_.applied] {
             // A later folder event anywhere supersedes this one.
             if (lastFolderEvent->load() != stamp) return;
             getLogger().log(Severity::Info, "Triggering invalidation " + location.toUtf8());
@@ -200,14 +210,15 @@ void EventListener::handleFolderEvent(StorageIRI const& location, Kind const& ki
             } else {
               metadataCache.enqueueInvalidationProcess(location);
             }
+            if (applied) applied->notify(location);
           },
           ObservableTransactionType::EXTERNAL_EVENT, 0);
       break;
     case Kind::Removed:
-      if (refinements_.narrowInvalidation) {
+      if (options_.narrowInvalidation) {
         queueItemInvalidation(location, true, location);
       } else {
-        queueFolderInvalidation(location);
+        queueFolderInvalidation(location, location);
       }
       break;
     default:

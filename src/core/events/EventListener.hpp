@@ -17,7 +17,7 @@
 // later unpause()), events are collected instead, one per IRI (the first one wins), and
 // replayed in ascending IRI order on unpause().
 //
-// Two refinements, each switched on by a setting (Refinements):
+// Two refinements, each switched on by a setting (EventListenerOptions):
 //   - Given a record of the overlay's own changes (OwnChanges, "overlay.echoWindow" above
 //     0), a folder event that says what one of the overlay's own folder creations,
 //     removals or moves made, while it is on its way or within the record's window after,
@@ -28,6 +28,9 @@
 //     dropped (MetadataCache::enqueueItemInvalidation): the listing of the item's folder,
 //     the item's own listing, and for a folder added or removed everything below it. The
 //     quota figures are given back as above.
+// Given a feed (EventListenerOptions::applied), each queued task tells it the event's
+// location once it has done its work, and so does the immediate root refresh: from then
+// on the caches no longer answer with the item as it was.
 //
 // A failed subscription is logged ("Error subscribing to inner provider.") and
 // survived. After stopHandling() every event, pause() and unpause() does nothing, and
@@ -41,6 +44,7 @@
 // paused flag and the collected events; handleEvent() is always called without it.
 #pragma once
 
+#include <core/events/AppliedChangeFeed.hpp>
 #include <core/exec/IExecutor.hpp>
 #include <core/exec/OwnChanges.hpp>
 #include <core/quota/IQuotaAccountant.hpp>
@@ -52,6 +56,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -62,10 +67,11 @@ namespace storage::overlayprovider {
 class ContentCache;
 class MetadataCache;
 
-// The refinements of event handling a listener applies (see above).
-struct EventRefinements {
+// What a listener does beyond the written handling of events (see above).
+struct EventListenerOptions {
   std::shared_ptr<OwnChanges const> ownChanges;  // null: no event is taken as an echo
   bool narrowInvalidation = false;
+  std::shared_ptr<AppliedChangeFeed const> applied;  // null: nobody is told
 };
 
 class EventListener {
@@ -77,10 +83,10 @@ class EventListener {
   // Subscribes to `inner`'s events. The caches must outlive the listener; queued tasks
   // refer to them and to the quota accountant, so the executor must be drained or shut
   // down before the caches go.
-  using Refinements = EventRefinements;
+  using Options = EventListenerOptions;
   EventListener(foundation::storage::provider::StorageItem const& inner, MetadataCache& metadataCache,
                 ContentCache& contentCache, std::shared_ptr<IExecutor> executor,
-                std::shared_ptr<IQuotaAccountant> quota, Refinements refinements = {});
+                std::shared_ptr<IQuotaAccountant> quota, Options options = {});
   // Stops handling; a late event from the inner store is dropped.
   ~EventListener();
 
@@ -114,18 +120,21 @@ class EventListener {
   // Sets the time of the last folder event to now and returns it.
   Clock::time_point stampFolderEvent();
   // Queues an EXTERNAL_EVENT task giving `folder`'s tree back to the quota and queueing
-  // its invalidation in the metadata cache.
-  void queueFolderInvalidation(StorageIRI const& folder);
+  // its invalidation in the metadata cache; the feed hears of `location`, the event's.
+  void queueFolderInvalidation(StorageIRI const& folder, StorageIRI const& location);
   // Queues an EXTERNAL_EVENT task giving `quotaFolder`'s tree back to the quota and
   // queueing the narrow invalidation of `item` (with what lies below it when `below`).
   void queueItemInvalidation(StorageIRI const& item, bool below, StorageIRI const& quotaFolder);
+  // Queues `work`, then telling the feed (if any) about `location`, as an EXTERNAL_EVENT
+  // task of weight 0.
+  void queueTask(std::function<void()> work, StorageIRI const& location);
 
   MetadataCache& metadataCache_;
   ContentCache& contentCache_;
   std::shared_ptr<Relay> const relay_;
   std::shared_ptr<IExecutor> const executor_;
   std::shared_ptr<IQuotaAccountant> const quota_;
-  Refinements const refinements_;
+  Options const options_;
   bool paused_ = false;                                     // guarded by mutex_
   // When the last folder event reached the debouncing step; shared with queued tasks.
   std::shared_ptr<std::atomic<Clock::time_point>> const lastFolderEvent_;

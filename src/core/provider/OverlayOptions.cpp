@@ -86,6 +86,11 @@ KeyDescriptor const kKeys[] = {
        if (readsTrue(t)) o.narrowInvalidation = true;
      },
      nullptr},
+    {{"overlay.holdEventsForChangesOnly", nullptr}, Range::Any,
+     [](OverlayOptions& o, std::string const& t) {
+       if (readsTrue(t)) o.holdEventsForChangesOnly = true;
+     },
+     nullptr},
     {{"overlay.synchronous", nullptr}, Range::Any,
      [](OverlayOptions& o, std::string const& t) {
        if (readsTrue(t)) o.synchronous = true;

@@ -55,6 +55,10 @@ struct OverlayOptions {
   // listings it can have made stale (EventListener), not the whole tree of the folder
   // above the changed item. Taken at the first operation.
   bool narrowInvalidation = false;
+  // "overlay.holdEventsForChangesOnly": "true" (boolalpha) switches it on: only the
+  // overlay's changes hold the store's events back (the timed latch); reads, listings and
+  // storage queries do not, since they make no echoes.
+  bool holdEventsForChangesOnly = false;
   bool synchronous = false;              // "overlay.synchronous": "true" (boolalpha)
   bool disableContentCache = false;      // "overlay.disableContentCache": likewise
   bool backslashToForwardSlash = false;  // "overlay.backslashToForwardSlash": likewise; no effect

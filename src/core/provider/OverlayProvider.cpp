@@ -144,15 +144,16 @@ void OverlayProvider::lazyInitialize() const {
     auto quota = std::make_shared<QuotaAccountant>(*inner_, kQuotaPollPeriod, *metadataCache_, executor);
     // Echoes of the overlay's own changes are told from changes made elsewhere only when
     // a window is configured: a change made elsewhere within it goes unseen.
-    EventListener::Refinements refinements;
+    EventListener::Options options;
     if (auto const window = echoWindowMs_.load(std::memory_order_acquire); window > 0) {
       auto ownChanges = std::make_shared<OwnChanges>(std::chrono::milliseconds(window));
       executorHandle_->recordOwnChanges(ownChanges);
-      refinements.ownChanges = std::move(ownChanges);
+      options.ownChanges = std::move(ownChanges);
     }
-    refinements.narrowInvalidation = narrowInvalidation_.load(std::memory_order_acquire);
+    options.narrowInvalidation = narrowInvalidation_.load(std::memory_order_acquire);
+    options.applied = appliedFeed_;
     auto listener = std::make_shared<EventListener>(*inner_, *metadataCache_, *contentCache_, executor, quota,
-                                                    std::move(refinements));
+                                                    std::move(options));
     // While the overlay changes the inner store, event handling is paused; it resumes a
     // full time-out after the last change, and not before the queue has delivered every
     // change of the overlay's own (the store's echoes of them come in meanwhile and must
@@ -198,6 +199,7 @@ OverlayOptions OverlayProvider::currentOptions() const {
   options.transfers = transfers_.load(std::memory_order_acquire);
   options.echoWindowMs = echoWindowMs_.load(std::memory_order_acquire);
   options.narrowInvalidation = narrowInvalidation_.load(std::memory_order_acquire);
+  options.holdEventsForChangesOnly = holdEventsForChangesOnly_.load(std::memory_order_acquire);
   options.synchronous = synchronous_.load(std::memory_order_acquire);
   options.disableContentCache = disableContentCache_.load(std::memory_order_acquire);
   options.backslashToForwardSlash = backslashToForwardSlash_.load(std::memory_order_acquire);
@@ -212,6 +214,10 @@ std::shared_ptr<IExecutor> OverlayProvider::executor() const {
 std::shared_ptr<TimedLatch> OverlayProvider::timedLatch() const {
   lazyInitialize();
   return timedLatch_;
+}
+
+void OverlayProvider::triggerLatchForRead() const {
+  if (!holdEventsForChangesOnly_.load(std::memory_order_acquire)) triggerLatch();
 }
 
 void OverlayProvider::triggerLatch() const {
@@ -331,6 +337,8 @@ void OverlayProvider::submit(char const* name, StorageIRI const& location, Touch
   };
   executorHandle_->executeTouching(std::move(task), type, minQueueItemWeight_.load(std::memory_order_acquire), touches);
 }
+
+void OverlayProvider::onAppliedChanges(fsp::extensions::IAppliedChanges::Callback callback) { appliedFeed_->set(std::move(callback)); }
 
 bool OverlayProvider::parentKnown(StorageIRI const& inner) const {
   if (inner.getPath() == u"/") return true;
@@ -769,7 +777,7 @@ template <class Pred>
 fsp::FolderEntryIteratorPtr OverlayProvider::list(StorageIRI const& iri) const {
   lazyInitialize();
   auto const inner = getInnerMostURL(iri);
-  triggerLatch();
+  triggerLatchForRead();
   auto lock = pathLocks_.acquire(inner);
   if (inner.getPath() != u"/" && !folderRecord(inner)) throw Exception(ErrorCode::DoesNotExist, iri);
   auto container = forwarding(iri, [&] { return metadataCache_->loadAndGetFolderContainer(inner); });
@@ -807,7 +815,11 @@ void checkName(fsp::StorageIRI const& iri) {
 
 fsp::ByteStreamPtr OverlayProvider::openThroughCache(StorageIRI const& iri, StorageIRI const& inner,
                                                      fsp::ByteStreamOpenOptions const* options) const {
-  triggerLatch();
+  if (options) {
+    triggerLatch();
+  } else {
+    triggerLatchForRead();
+  }
   // A stream opened for writing changes the caches; a read-only one does not, and must
   // not wait for a flush.
   std::optional<FlushGate::Pass> pass;
@@ -926,7 +938,7 @@ bool OverlayProvider::doHasFeature(fsp::ExtendedFeature const& feature) const {
 fsp::ProviderStorageInfo OverlayProvider::doGetProviderStorageInfo(StorageIRI const& iri) const {
   OVERLAY_TRACE_IRI(iri);
   lazyInitialize(iri);
-  triggerLatch();
+  triggerLatchForRead();
   auto const capacity = quota_ ? quota_->getTotalCapacity() : std::nullopt;
   auto const available = quota_ ? quota_->getSpaceAvailable() : std::nullopt;
   if (!capacity || !available) {
@@ -1104,6 +1116,7 @@ void OverlayProvider::doConfigure(boost::property_tree::ptree config) {
   transfers_.store(options.transfers, std::memory_order_release);
   echoWindowMs_.store(options.echoWindowMs, std::memory_order_release);
   narrowInvalidation_.store(options.narrowInvalidation, std::memory_order_release);
+  holdEventsForChangesOnly_.store(options.holdEventsForChangesOnly, std::memory_order_release);
   bool const switchToSynchronous = options.synchronous;
   if (switchToSynchronous) synchronous_.store(true, std::memory_order_release);
   disableContentCache_.store(options.disableContentCache, std::memory_order_release);

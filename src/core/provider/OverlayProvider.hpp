@@ -49,6 +49,7 @@
 #include <foundation/storage/provider/StorageItem.hpp>
 #include <foundation/storage/provider/extensions/IFlushableFilesystem.hpp>
 #include <foundation/storage/provider/extensions/IInvalidatable.hpp>
+#include <foundation/storage/provider/extensions/IAppliedChanges.hpp>
 #include <foundation/storage/provider/extensions/IWriteBehindStatus.hpp>
 
 #include <atomic>
@@ -66,7 +67,8 @@ namespace fsp = foundation::storage::provider;
 class OverlayProvider : public fsp::IConfigurableProvider,
                         public fsp::extensions::IFlushableFilesystem,
                         public fsp::extensions::IInvalidatable,
-                        public fsp::extensions::IWriteBehindStatus {
+                        public fsp::extensions::IWriteBehindStatus,
+                        public fsp::extensions::IAppliedChanges {
  public:
   using StorageIRI = fsp::StorageIRI;
   using StorageItem = fsp::StorageItem;
@@ -152,6 +154,9 @@ class OverlayProvider : public fsp::IConfigurableProvider,
   fsp::extensions::QueueFigures getQueueFigures() const override;
   // Queues a marker that touches `location` and waits until it has run or was dropped.
   void waitForDelivery(StorageIRI const& location) override;
+  // The store's change events the overlay has acted on go to `callback` (IAppliedChanges),
+  // each once the caches have dropped what the event concerns.
+  void onAppliedChanges(fsp::extensions::IAppliedChanges::Callback callback) override;
 
   // Creates the executor, the quota accountant, the event listener and the latch once,
   // then starts the whole-tree population of the metadata cache (waiting for it in
@@ -212,6 +217,9 @@ class OverlayProvider : public fsp::IConfigurableProvider,
   OverlayOptions environmentOptions() const;
   // Starts the pause-then-resume cycle of event handling.
   void triggerLatch() const;
+  // The same for an operation that only reads (an opening for reading, a listing, a
+  // storage query), unless "overlay.holdEventsForChangesOnly" is on.
+  void triggerLatchForRead() const;
   // Unless shut down, queues `call` (an inner-store change named `name` of `location`,
   // an inner-most IRI, which touches `touches` in the store) with up to three attempts,
   // then `after` (a thaw) when it succeeded; a change that still fails goes into the
@@ -262,6 +270,8 @@ class OverlayProvider : public fsp::IConfigurableProvider,
   mutable std::shared_ptr<IExecutor> executor_;  // guarded by initMutex_
   // What the caches, the quota accountant and the event listener hold: follows executor_.
   std::shared_ptr<SwitchableExecutor> const executorHandle_;
+  // Told by the event listener what it acted on; the host sets its callback.
+  std::shared_ptr<AppliedChangeFeed> const appliedFeed_ = std::make_shared<AppliedChangeFeed>();
   // The configured values (see OverlayOptions for their defaults), each read on its own.
   std::atomic<double> maxQueueWeight_{OverlayOptions().maxQueueWeight};
   std::atomic<double> minQueueItemWeight_{OverlayOptions().minQueueItemWeight};
@@ -270,6 +280,7 @@ class OverlayProvider : public fsp::IConfigurableProvider,
   std::atomic<std::int64_t> transfers_{OverlayOptions().transfers};
   std::atomic<std::int64_t> echoWindowMs_{OverlayOptions().echoWindowMs};
   std::atomic<bool> narrowInvalidation_{OverlayOptions().narrowInvalidation};
+  std::atomic<bool> holdEventsForChangesOnly_{OverlayOptions().holdEventsForChangesOnly};
   std::atomic<bool> persistContentCache_{OverlayOptions().persistContentCache};
   std::atomic<bool> synchronous_{OverlayOptions().synchronous};
   // The environment's values once given or read; guarded by initMutex_.

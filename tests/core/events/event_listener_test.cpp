@@ -67,8 +67,8 @@ class EventListenerTest : public ::testing::Test {
   StorageIRI iri(std::u16string const& path) const { return store->root().withPath(path); }
   std::string text(std::u16string const& path) const { return iri(path).toUtf8(); }
 
-  std::unique_ptr<EventListener> makeListener(EventListener::Refinements refinements = {}) {
-    return std::make_unique<EventListener>(*inner, metadata, content, queue, quota, std::move(refinements));
+  std::unique_ptr<EventListener> makeListener(EventListener::Options options = {}) {
+    return std::make_unique<EventListener>(*inner, metadata, content, queue, quota, std::move(options));
   }
 
   // The content cache makes its root on first use; nothing else removes it.
@@ -190,6 +190,24 @@ TEST_F(EventListenerTest, EchoesOfTheOverlaysOwnFolderChangesAreDroppedWhenTheyA
   now += std::chrono::milliseconds(1001);
   listener->handle(Kind::Added, iri(u"/"), iri(u"/d"), EntryType::Folder, {});
   EXPECT_EQ(queue->queued(), 1u);
+}
+
+TEST_F(EventListenerTest, TheFeedHearsOfEachChangeOnceItsInvalidationHasRun) {
+  auto feed = std::make_shared<storage::overlayprovider::AppliedChangeFeed>();
+  std::vector<std::string> heard;
+  feed->set([&](StorageIRI const& location) { heard.push_back(location.toUtf8()); });
+  auto listener = makeListener({nullptr, true, feed});
+  listener->handle(Kind::Modified, iri(u"/"), iri(u"/d/changed.txt"), EntryType::File, {});
+  listener->handle(Kind::Removed, iri(u"/"), iri(u"/d/gone.txt"), EntryType::File, {});
+  listener->handle(Kind::Removed, iri(u"/"), iri(u"/e"), EntryType::Folder, {});
+  EXPECT_TRUE(heard.empty()) << "not before the caches have dropped the items";
+  queue->runAll();
+  EXPECT_EQ(heard, (std::vector<std::string>{text(u"/d/changed.txt"), text(u"/d/gone.txt"), text(u"/e")}));
+  EXPECT_EQ(metadata.pendingInvalidations().size(), 0u) << "narrow invalidation pends items, not folders";
+
+  // A refresh of the root empties the caches at once, and says so at once.
+  listener->handle(Kind::Refresh, iri(u"/"), iri(u"/"), EntryType::Folder, {});
+  EXPECT_EQ(heard.back(), text(u"/"));
 }
 
 TEST_F(EventListenerTest, NarrowInvalidationDropsOnlyTheListingsAnEventConcerns) {

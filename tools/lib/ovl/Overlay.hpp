@@ -36,9 +36,10 @@ namespace fsp = foundation::storage::provider;
 inline constexpr char16_t const* kOverlayScheme = u"overlay";
 
 // What the tools that lay one overlay over a slow store (demo, bench, the mount) switch
-// on unless told otherwise: 8 transfers at once, the store's echoes of the overlay's own
-// folder changes made less than 5 s before dropped, and a change made elsewhere dropping
-// only the listings it concerns.
+// on unless told otherwise: 8 transfers at once and three refinements of how the store's
+// change events are handled: the echoes of the overlay's own folder changes made less
+// than 5 s before dropped, a change made elsewhere dropping only the listings it
+// concerns, and events held back by the overlay's own changes only, not by reads.
 inline constexpr int kDefaultToolTransfers = 8;
 inline constexpr long kDefaultToolEchoWindowMs = 5000;
 
@@ -49,18 +50,20 @@ struct ToolSettings {
   long transfers = kDefaultToolTransfers;          // "overlay.transfers"
   long echoWindowMs = kDefaultToolEchoWindowMs;  // "overlay.echoWindow"
   bool narrowInvalidation = true;                // "overlay.narrowInvalidation"
-  // "8 transfers at once; echoes of its own folder changes ignored for 5 s; a change
-  // made elsewhere drops only what it concerns", or what is switched off instead.
+  bool holdEventsForChangesOnly = true;          // "overlay.holdEventsForChangesOnly"
+  // "8 transfers at once; events: echoes of its own folder changes ignored for 5 s,
+  // narrow invalidation, held back by its own changes only", or "...; events handled as
+  // the plug-in's defaults say".
   std::string describe() const;
-  // Puts the three keys into `config`.
+  // Puts the four keys into `config`.
   void applyTo(boost::property_tree::ptree& config) const;
 };
 
-// `config` with the three keys set, each to the value of its flag when given
+// `config` with the four keys set, each to the value of its flag when given
 // (--transfers: a whole number from 1 to 256; --echo-window-ms: a whole number from 0 to
-// 600000, else UsageError; --wide-invalidation: narrow invalidation off), else left as
-// the configuration (--config/--set) gives it, else the tools' default. The values in
-// effect go into `used`.
+// 600000, else UsageError; --plain-events: the three event refinements off, the window
+// 0 unless --echo-window-ms gives one), else left as the configuration (--config/--set)
+// gives it, else the tools' default. The values in effect go into `used`.
 boost::property_tree::ptree withToolSettings(boost::property_tree::ptree config, Arguments const& args,
                                              ToolSettings& used);
 
@@ -69,9 +72,9 @@ inline constexpr char const* kTransfersHelp = "changes the overlay sends to the 
 inline constexpr char const* kEchoWindowHelp =
     "a store event that says what one of the overlay's own folder creations, removals or "
     "moves made less than N ms before is taken as its echo (default 5000; 0: every event counts)";
-inline constexpr char const* kWideInvalidationHelp =
-    "a change made elsewhere drops the whole tree of the folder above it from the cache "
-    "(default: only the listings it concerns)";
+inline constexpr char const* kPlainEventsHelp =
+    "handle the store's change events as the overlay does by default: no echo window, a "
+    "change made elsewhere drops the whole tree of the folder above it, reads hold events back";
 
 class OverlayHost {
  public:

@@ -67,7 +67,9 @@ class FuseFileSystem {
   static fuse_operations const& operations();
 
   // From now on the store's change events drop what the kernel of `mounted` caches for
-  // the items they name. Call once, after mounting; stopWatching() before unmounting.
+  // the items they name, once the overlay has acted on them (IAppliedChanges; a provider
+  // without it: at the event). Call once, after mounting; stopWatching() before
+  // unmounting.
   void watchStore(struct fuse* mounted);
   void stopWatching();
 
