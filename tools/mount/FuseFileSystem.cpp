@@ -533,6 +533,7 @@ void FuseFileSystem::watchStore(struct fuse* mounted) {
     mounted_ = mounted;
     watching_ = true;
   }
+  dropper_ = std::thread([this] { dropQueued(); });
   auto dropKernelCaches = [this](fsp::StorageIRI const& location) {
     auto const path = mountPathOf(location);
     if (path.empty()) return;
@@ -557,14 +558,40 @@ void FuseFileSystem::stopWatching() {
   }
   // A store subscription itself ends with the provider: ending it here would end the
   // overlay's own subscription to the same folder too.
+  {
+    std::lock_guard lock(watchMutex_);
+    watching_ = false;
+    toDrop_.clear();
+  }
+  watchWake_.notify_all();
+  if (dropper_.joinable()) dropper_.join();
   std::lock_guard lock(watchMutex_);
-  watching_ = false;
   mounted_ = nullptr;
 }
 
 void FuseFileSystem::invalidate(std::string const& path) {
-  std::lock_guard lock(watchMutex_);
-  if (watching_ && mounted_) fuse_invalidate_path(mounted_, path.c_str());
+  {
+    std::lock_guard lock(watchMutex_);
+    if (!watching_) return;
+    // A burst of changes to one folder names it once.
+    if (std::find(toDrop_.begin(), toDrop_.end(), path) != toDrop_.end()) return;
+    toDrop_.push_back(path);
+  }
+  watchWake_.notify_one();
+}
+
+void FuseFileSystem::dropQueued() {
+  std::unique_lock lock(watchMutex_);
+  for (;;) {
+    watchWake_.wait(lock, [this] { return !watching_ || !toDrop_.empty(); });
+    if (!watching_) return;
+    auto const path = std::move(toDrop_.front());
+    toDrop_.pop_front();
+    auto* const mounted = mounted_;
+    lock.unlock();
+    fuse_invalidate_path(mounted, path.c_str());
+    lock.lock();
+  }
 }
 
 }  // namespace ovl::mount

@@ -175,7 +175,7 @@ TEST_F(EventListenerTest, AfterStopHandlingNothingIsDoneOrReplayed) {
 TEST_F(EventListenerTest, EchoesOfTheOverlaysOwnFolderChangesAreDroppedWhenTheyArrive) {
   auto now = std::chrono::steady_clock::time_point(std::chrono::hours(1));
   auto own = std::make_shared<OwnChanges>(std::chrono::milliseconds(1000), [&now] { return now; });
-  auto listener = makeListener({own, false});
+  auto listener = makeListener({own, false, nullptr});
   auto const made = Touches::location(iri(u"/d").toString());
   own->taken(ObservableTransactionType::FOLDER_CREATION, made);
   listener->pause();
@@ -224,7 +224,7 @@ TEST_F(EventListenerTest, NarrowInvalidationDropsOnlyTheListingsAnEventConcerns)
   };
   loadAll();
   ASSERT_EQ(metadata.cachedFolders().size(), 6u);
-  auto listener = makeListener({nullptr, true});
+  auto listener = makeListener({nullptr, true, nullptr});
 
   // A file changed in /a: /a's listing goes, its sub-folder and the root stay.
   listener->handle(Kind::Modified, iri(u"/"), iri(u"/a/f.txt"), EntryType::File, {});

@@ -29,13 +29,16 @@
 #include <foundation/storage/provider/extensions/IWriteBehindStatus.hpp>
 
 #include <chrono>
+#include <condition_variable>
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <optional>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -123,6 +126,8 @@ class FuseFileSystem {
   // True (and forgets it) when a change of `path` failed since its last close or fsync.
   bool takeFailure(std::string const& path);
   void invalidate(std::string const& path);
+  // The dropper thread: drops what toDrop_ names until stopWatching().
+  void dropQueued();
 
   fsp::StorageItem const root_;
   fsp::StorageItem const store_;
@@ -139,9 +144,15 @@ class FuseFileSystem {
   std::optional<fsp::ProviderStorageInfo> storage_;            // guarded by storageMutex_
   std::chrono::steady_clock::time_point storageAsked_{};      // guarded by storageMutex_
 
+  // The kernel's caches are dropped on a thread of their own: dropping a file's pages
+  // waits for the reads of it under way, and those may wait for the overlay's queue,
+  // whose worker tells of the changes (a deadlock when the worker dropped them itself).
   std::mutex watchMutex_;
+  std::condition_variable watchWake_;
   struct fuse* mounted_ = nullptr;  // guarded by watchMutex_; set while watching
   bool watching_ = false;           // guarded by watchMutex_
+  std::deque<std::string> toDrop_;  // guarded by watchMutex_: paths whose caches to drop
+  std::thread dropper_;             // runs dropQueued() while watching
 };
 
 }  // namespace ovl::mount
