@@ -4,6 +4,7 @@
 #include <providers/throttle/ThrottleProvider.hpp>
 
 #include <foundation/storage/provider/Exception.hpp>
+#include <foundation/storage/provider/extensions/IClosesWithTime.hpp>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -123,6 +124,17 @@ class StringStream : public ByteStream {
   std::string content_;
   std::string* sink_;
   std::size_t pos_ = 0;
+};
+
+// The same, closing with a time when asked.
+class TimedStringStream : public StringStream, public extensions::IClosesWithTime {
+ public:
+  using StringStream::StringStream;
+  bool closeWithTime(boost::posix_time::ptime const& time) override {
+    closedWith = time;
+    return true;
+  }
+  boost::posix_time::ptime closedWith;
 };
 
 StorageIRI iri(char16_t const* text) { return StorageIRI(std::u16string(text)); }
@@ -512,6 +524,26 @@ TEST_F(ThrottleTest, StreamsPayLatencyOnceAndTheirBytesOnTheLink) {
   EXPECT_EQ(time_.deadlines.back(), writerOpened + microseconds(5));
   writer->close();
   EXPECT_EQ(written, "hello");
+}
+
+TEST_F(ThrottleTest, AStreamClosesWithATimeAsTheInnerStreamCanWithoutALatency) {
+  boost::posix_time::ptime const when(boost::gregorian::date(2001, 2, 3));
+  auto* timedInner = new TimedStringStream("");
+  auto* plainInner = new StringStream("");
+  EXPECT_CALL(*store_, doOpenStream(inner(u"/t"), testing::_)).WillOnce(Return(ByMove(ByteStreamPtr(timedInner))));
+  EXPECT_CALL(*store_, doOpenStream(inner(u"/p"), testing::_)).WillOnce(Return(ByMove(ByteStreamPtr(plainInner))));
+  auto timed = throttle_.doOpenStream(outer(u"/t"), {});
+  auto plain = throttle_.doOpenStream(outer(u"/p"), {});
+  auto const count = time_.deadlines.size();
+
+  auto* const asTimed = dynamic_cast<extensions::IClosesWithTime*>(timed.get());
+  ASSERT_NE(asTimed, nullptr);
+  EXPECT_TRUE(asTimed->closeWithTime(when));
+  EXPECT_EQ(timedInner->closedWith, when);
+  // An inner stream that cannot: closed, and the caller told to set the time itself.
+  EXPECT_FALSE(dynamic_cast<extensions::IClosesWithTime*>(plain.get())->closeWithTime(when));
+  EXPECT_EQ(plainInner->closes, 1);
+  EXPECT_EQ(time_.deadlines.size(), count) << "a close pays no latency, with a time or without";
 }
 
 TEST_F(ThrottleTest, ReadsShareTheDownloadLinkAndWritesTheUploadLink) {

@@ -7,6 +7,7 @@
 #include <foundation/storage/provider/IFolderEntryIterator.hpp>
 #include <foundation/storage/provider/ProviderStorageInfo.hpp>
 #include <foundation/storage/provider/Types.hpp>
+#include <foundation/storage/provider/extensions/IClosesWithTime.hpp>
 
 #include <fl/i18n.hpp>
 
@@ -708,6 +709,23 @@ TEST_P(ConformanceSuite, SetLastModifiedRoundTripsToTheSecond) {
   EXPECT_GT(item(u"a.txt").getFileAttributes().getLastModified(), when);
 
   EXPECT_STORAGE_ERROR(ErrorCode::DoesNotExist, iri(u"missing"), item(u"missing").setLastModified(when));
+}
+
+// A store whose write streams can close with a time (the overlay saves its call to set
+// the time after each close that way) leaves the file with that time and its content.
+TEST_P(ConformanceSuite, AStreamClosedWithATimeLeavesTheFileWithIt) {
+  pt::ptime const when(boost::gregorian::date(2001, 2, 3), pt::hours(4) + pt::minutes(5) + pt::seconds(6));
+  auto stream = item(u"timed.txt").openStream(options(ByteStreamOpenOptions::OpenOrCreate, true));
+  auto* const timed = dynamic_cast<sp::extensions::IClosesWithTime*>(stream.get());
+  if (!timed) {
+    stream->close();
+    GTEST_SKIP() << "its write streams close without a time";
+  }
+  writeAll(*stream, "content");
+  ASSERT_TRUE(timed->closeWithTime(when));
+  settle();
+  EXPECT_EQ(wholeSeconds(item(u"timed.txt").getFileAttributes().getLastModified()), when);
+  EXPECT_EQ(read(u"timed.txt"), "content");
 }
 
 TEST_P(ConformanceSuite, SetWritableOnAFileIsReportedAndRefusesWrites) {

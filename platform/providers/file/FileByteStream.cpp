@@ -1,5 +1,6 @@
 #include "FileByteStream.hpp"
 
+#include "FileTree.hpp"
 #include "OsErrors.hpp"
 
 #include <sys/stat.h>
@@ -101,6 +102,18 @@ long FileByteStream::seek(long offset, std::ios_base::seekdir whence) {
   }
   position_ = target;
   return position_;
+}
+
+bool FileByteStream::closeWithTime(boost::posix_time::ptime const& time) {
+  if (closed_ || !writable_ || time.is_special()) {
+    close();
+    return false;
+  }
+  struct timespec times[2];
+  modificationTimes(time, times);
+  bool const set = ::futimens(fd_, times) == 0;
+  close();
+  return set;
 }
 
 void FileByteStream::close() {

@@ -11,6 +11,7 @@
 #pragma once
 
 #include <foundation/storage/provider/ByteStream.hpp>
+#include <foundation/storage/provider/extensions/IClosesWithTime.hpp>
 
 #include <string>
 
@@ -18,7 +19,7 @@ namespace providers::file::detail {
 
 namespace sp = foundation::storage::provider;
 
-class FileByteStream : public sp::ByteStream {
+class FileByteStream : public sp::ByteStream, public sp::extensions::IClosesWithTime {
  public:
   // Takes ownership of `fd`, which is open for reading, and for writing when `writable`.
   // `label` (the IRI's text) names the file in failure messages.
@@ -36,6 +37,10 @@ class FileByteStream : public sp::ByteStream {
   // Closes the descriptor. Content is handed to the operating system on every write;
   // close does not force it to the device.
   void close() override;
+  // Sets the modification time through the descriptor, then closes it; false (closed,
+  // time not set) for a stream opened for reading, one closed already, or when the
+  // time cannot be set so.
+  bool closeWithTime(boost::posix_time::ptime const& time) override;
 
  private:
   enum class Op { Read, Write, Seek, Close };

@@ -344,19 +344,8 @@ sp::FolderEntryIteratorPtr FileProvider::doListAllRecursive(StorageIRI const& ir
 
 void FileProvider::doSetLastModified(StorageIRI const& iri, boost::posix_time::ptime const& time) const {
   if (time.is_special()) throw std::invalid_argument("not a point in time: " + boost::posix_time::to_simple_string(time));
-  static boost::posix_time::ptime const epoch(boost::gregorian::date(1970, 1, 1));
-  long long const us = (time - epoch).total_microseconds();
-  long long seconds = us / 1000000;
-  long long rest = us % 1000000;
-  if (rest < 0) {  // before 1970: the nanoseconds must still be non-negative
-    rest += 1000000;
-    --seconds;
-  }
   struct timespec times[2];
-  times[0].tv_sec = 0;
-  times[0].tv_nsec = UTIME_OMIT;
-  times[1].tv_sec = static_cast<time_t>(seconds);
-  times[1].tv_nsec = static_cast<long>(rest * 1000);
+  modificationTimes(time, times);
   auto const path = nativePath(iri);
   if (::utimensat(AT_FDCWD, path.c_str(), times, 0) != 0) throw osFailure(errno, iri, "cannot set the modification time");
 }

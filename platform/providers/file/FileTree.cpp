@@ -255,6 +255,21 @@ class TreeListing : public sp::LookAheadFolderEntryIterator {
 
 }  // namespace
 
+void modificationTimes(boost::posix_time::ptime const& time, struct timespec (&times)[2]) {
+  static boost::posix_time::ptime const epoch(boost::gregorian::date(1970, 1, 1));
+  long long const us = (time - epoch).total_microseconds();
+  long long seconds = us / 1000000;
+  long long rest = us % 1000000;
+  if (rest < 0) {  // before 1970: the nanoseconds must still be non-negative
+    rest += 1000000;
+    --seconds;
+  }
+  times[0].tv_sec = 0;
+  times[0].tv_nsec = UTIME_OMIT;
+  times[1].tv_sec = static_cast<time_t>(seconds);
+  times[1].tv_nsec = static_cast<long>(rest * 1000);
+}
+
 boost::posix_time::ptime toPtime(struct timespec const& ts) {
   static boost::posix_time::ptime const epoch(boost::gregorian::date(1970, 1, 1));
   return epoch + boost::posix_time::seconds(ts.tv_sec) + boost::posix_time::microseconds(ts.tv_nsec / 1000);

@@ -22,6 +22,9 @@ namespace providers::file::detail {
 namespace sp = foundation::storage::provider;
 
 boost::posix_time::ptime toPtime(struct timespec const& ts);
+// The times for utimensat/futimens that set the modification time to `time` (microseconds
+// kept, times before 1970 included) and leave the access time. `time` must not be special.
+void modificationTimes(boost::posix_time::ptime const& time, struct timespec (&times)[2]);
 sp::FileAttributes fileAttributesOf(struct stat const& st);
 sp::FolderAttributes folderAttributesOf(struct stat const& st);
 

@@ -120,6 +120,16 @@ void MemoryByteStream::close() {
   finish();
 }
 
+bool MemoryByteStream::closeWithTime(boost::posix_time::ptime const& time) {
+  if (closed_) return false;
+  enter(Operation::Close);
+  std::lock_guard lock(state_->treeMutex);
+  bool const timed = !readOnly_ && !time.is_special();
+  if (timed) data_->lastModified = time;
+  finish();
+  return timed;
+}
+
 void MemoryByteStream::finish() {
   closed_ = true;
   if (readOnly_) {

@@ -18,6 +18,7 @@
 #include "MemoryTree.hpp"
 
 #include <foundation/storage/provider/ByteStream.hpp>
+#include <foundation/storage/provider/extensions/IClosesWithTime.hpp>
 #include <foundation/storage/provider/StorageIRI.hpp>
 
 #include <providers/mem/Operation.hpp>
@@ -28,7 +29,8 @@ namespace providers::mem::detail {
 
 struct StoreState;
 
-class MemoryByteStream : public foundation::storage::provider::ByteStream {
+class MemoryByteStream : public foundation::storage::provider::ByteStream,
+                         public foundation::storage::provider::extensions::IClosesWithTime {
  public:
   // The caller holds the tree mutex and has counted this stream in data->readers or
   // data->writers and in state->openStreams. `changed`: the opening already changed the
@@ -44,6 +46,9 @@ class MemoryByteStream : public foundation::storage::provider::ByteStream {
   // Publishes Modified when this stream changed the file and the file is still in the
   // tree. A Close fault leaves the stream open.
   void close() override;
+  // The same, setting the file's time (true) when the stream was opened for writing;
+  // a Close fault leaves the stream open and the time as it was.
+  bool closeWithTime(boost::posix_time::ptime const& time) override;
 
  private:
   // Runs the test controls for `op`; throws the failure type of `op` when a fault is due.

@@ -1,5 +1,7 @@
 #include "S3Streams.hpp"
 
+#include <boost/date_time/posix_time/posix_time.hpp>
+
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
@@ -66,7 +68,7 @@ SpoolStream::SpoolStream(std::shared_ptr<S3Client const> client, std::string key
 SpoolStream::~SpoolStream() {
   if (!closed_) {
     try {
-      if (spool_->dirty) upload();
+      if (spool_->dirty) upload(spool_->metadata);
     } catch (...) {
       // A destructor cannot report; close() is where failures reach the caller.
     }
@@ -117,15 +119,15 @@ long SpoolStream::seek(long offset, std::ios_base::seekdir whence) {
   return position_;
 }
 
-void SpoolStream::upload() {
+void SpoolStream::upload(Metadata const& metadata) {
   Body body;
   body.fd = spool_->fd;
   body.length = static_cast<std::uint64_t>(size());
   // Cleared first: a write by another stream during the upload makes it dirty again.
   spool_->dirty = false;
   try {
-    objects_.put(key_, body, spool_->metadata, iri_);
-    if (uploaded_) uploaded_(body.length, spool_->metadata);
+    objects_.put(key_, body, metadata, iri_);
+    if (uploaded_) uploaded_(body.length, metadata);
   } catch (...) {
     spool_->dirty = true;
     throw;
@@ -136,12 +138,28 @@ void SpoolStream::close() {
   if (closed_) return;
   if (spool_->dirty) {
     try {
-      upload();
+      upload(spool_->metadata);
     } catch (sp::Exception const& e) {
       fail("close", e.getErrorCode(), e.getDetail());
     }
   }
   closed_ = true;
+}
+
+bool SpoolStream::closeWithTime(boost::posix_time::ptime const& time) {
+  if (closed_ || !spool_->dirty || time.is_special()) {
+    close();
+    return false;
+  }
+  Metadata metadata = spool_->metadata;
+  metadata[kTimeKey] = std::to_string((time - boost::posix_time::from_time_t(0)).total_microseconds());
+  try {
+    upload(metadata);
+  } catch (sp::Exception const& e) {
+    fail("close", e.getErrorCode(), e.getDetail());
+  }
+  closed_ = true;
+  return true;
 }
 
 // ---------------------------------------------------------------------------------------

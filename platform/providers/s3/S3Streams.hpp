@@ -22,6 +22,7 @@
 #include "S3Objects.hpp"
 
 #include <foundation/storage/provider/ByteStream.hpp>
+#include <foundation/storage/provider/extensions/IClosesWithTime.hpp>
 
 #include <atomic>
 #include <functional>
@@ -48,7 +49,7 @@ struct Spool {
   std::atomic<bool> dirty{false};
 };
 
-class SpoolStream : public sp::ByteStream {
+class SpoolStream : public sp::ByteStream, public sp::extensions::IClosesWithTime {
  public:
   // Told of each upload: the new object's size and metadata.
   using Uploaded = std::function<void(std::uint64_t size, Metadata const& metadata)>;
@@ -61,11 +62,14 @@ class SpoolStream : public sp::ByteStream {
   long write(char const* buffer, long count) override;
   long seek(long offset, std::ios_base::seekdir whence) override;
   void close() override;
+  // The upload of the close carries the time in the object's metadata; false (closed as
+  // close() does) when there is nothing of this stream's to upload.
+  bool closeWithTime(boost::posix_time::ptime const& time) override;
 
  private:
   [[noreturn]] void fail(char const* what, sp::ErrorCode code, std::string const& why) const;
   long size() const;
-  void upload();
+  void upload(Metadata const& metadata);
 
   S3Objects const objects_;
   std::string const key_;

@@ -1,6 +1,7 @@
 #include <providers/throttle/ThrottleProvider.hpp>
 
 #include <fl/i18n.hpp>
+#include <foundation/storage/provider/extensions/IClosesWithTime.hpp>
 
 #include <sys/prctl.h>
 
@@ -106,9 +107,10 @@ struct ThrottleProvider::Counters {
 
 namespace {
 
-// A stream whose reads and writes pay their transfer time on the provider's links.
+// A stream whose reads and writes pay their transfer time on the provider's links. A
+// close with a time is passed on as it is (false when the inner stream cannot).
 template <class Link, class Counters>
-class PacedStream : public fsp::ByteStream {
+class PacedStream : public fsp::ByteStream, public fsp::extensions::IClosesWithTime {
  public:
   PacedStream(fsp::ByteStreamPtr inner, std::shared_ptr<Link> download, std::shared_ptr<Link> upload,
               std::shared_ptr<Counters> counters)
@@ -133,6 +135,12 @@ class PacedStream : public fsp::ByteStream {
   void close() override {
     counters_->streamCalls.fetch_add(1, std::memory_order_relaxed);
     inner_->close();
+  }
+  bool closeWithTime(boost::posix_time::ptime const& time) override {
+    counters_->streamCalls.fetch_add(1, std::memory_order_relaxed);
+    if (auto* timed = dynamic_cast<fsp::extensions::IClosesWithTime*>(inner_.get())) return timed->closeWithTime(time);
+    inner_->close();
+    return false;
   }
 
  private:

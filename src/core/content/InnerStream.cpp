@@ -3,6 +3,7 @@
 #include <core/content/EntryLogging.hpp>
 
 #include <foundation/storage/provider/Exception.hpp>
+#include <foundation/storage/provider/extensions/IClosesWithTime.hpp>
 
 #include <algorithm>
 #include <utility>
@@ -104,18 +105,25 @@ void InnerStream::dropAfterFailedWrite() {
   stream_.reset();
 }
 
-void InnerStream::closeUnlessReclaimed(std::uint64_t generation, std::function<void()> const& onFailure) {
+bool InnerStream::closeUnlessReclaimed(std::uint64_t generation, std::function<void()> const& onFailure,
+                                       std::optional<boost::posix_time::ptime> const& time) {
   LockGuard lock(mutex_);
   try {
     closedGeneration_ = std::max(closedGeneration_, generation);
-    if (!stream_ || streamGeneration_ > generation) return;
+    if (!stream_ || streamGeneration_ > generation) return false;
     ByteStreamPtr const stream = std::move(stream_);
     stream_.reset();
     writable_ = false;
+    if (time) {
+      if (auto* timed = dynamic_cast<foundation::storage::provider::extensions::IClosesWithTime*>(stream.get())) {
+        return timed->closeWithTime(*time);
+      }
+    }
     stream->close();
   } catch (...) {
     onFailure();
   }
+  return false;
 }
 
 }  // namespace storage::overlayprovider

@@ -13,9 +13,12 @@
 #include <foundation/storage/provider/StorageIRI.hpp>
 #include <foundation/storage/provider/StorageItem.hpp>
 
+#include <boost/date_time/posix_time/ptime.hpp>
+
 #include <cstdint>
 #include <functional>
 #include <ios>
+#include <optional>
 #include <memory>
 #include <vector>
 
@@ -56,8 +59,10 @@ class InnerStream {
   // Records that the callers of opens up to `generation` have closed, then closes and
   // drops the stream unless an open after `generation` has claimed it. A failing close
   // still drops the stream; `onFailure` is then called in the catch block, with the
-  // mutex held.
-  void closeUnlessReclaimed(std::uint64_t generation, std::function<void()> const& onFailure) EXCLUDES(mutex_);
+  // mutex held. With `time`, a stream that can (IClosesWithTime) sets the file's
+  // modification time in its close; returns whether it did (false: the caller sets it).
+  bool closeUnlessReclaimed(std::uint64_t generation, std::function<void()> const& onFailure,
+                            std::optional<boost::posix_time::ptime> const& time = std::nullopt) EXCLUDES(mutex_);
 
  private:
   // Closes and drops the stream, whoever claimed it; close failures are logged.

@@ -812,15 +812,21 @@ void WorkingFileEntry::runInnerClose(fsp::StorageIRI const& location, std::share
   // The cache file is durable before the inner store's copy is final.
   if (durability) durability->run();
   fsp::StorageItem const item = innerItemFor(location);
-  innerStream_.closeUnlessReclaimed(generation, [this, &location] {
-    entrylog::failure("Unexpected exception during close operation");
-    reportUndelivered(location, "close");
-  });
-  try {
-    item.setLastModified(metadata->getLastModified());
-  } catch (...) {
-    entrylog::failure("Exception during attempt to set last modified time");
-    reportUndelivered(location, "setLastModified");
+  // A store whose stream can set the time in its close saves the call after it.
+  bool const timed = innerStream_.closeUnlessReclaimed(
+      generation,
+      [this, &location] {
+        entrylog::failure("Unexpected exception during close operation");
+        reportUndelivered(location, "close");
+      },
+      metadata->getLastModified());
+  if (!timed) {
+    try {
+      item.setLastModified(metadata->getLastModified());
+    } catch (...) {
+      entrylog::failure("Exception during attempt to set last modified time");
+      reportUndelivered(location, "setLastModified");
+    }
   }
   auto read = [metadata, item] {
     try {
