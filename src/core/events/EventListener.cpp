@@ -136,22 +136,15 @@ void EventListener::queueTask(std::function<void()> work, StorageIRI const& loca
       ObservableTransactionType::EXTERNAL_EVENT, 0);
 }
 
-void EventListener::queueFolderInvalidation(StorageIRI const& folder, StorageIRI const& location) {
-  queueTask(
-      [quota = quota_, &metadataCache = metadataCache_, folder] {
-        if (quota) quota->removeFolderTree(folder);
-        metadataCache.enqueueInvalidationProcess(folder);
-      },
-      location);
-}
-
-void EventListener::queueItemInvalidation(StorageIRI const& item, bool below, StorageIRI const& quotaFolder) {
-  queueTask(
-      [quota = quota_, &metadataCache = metadataCache_, item, below, quotaFolder] {
-        if (quota) quota->removeFolderTree(quotaFolder);
-        metadataCache.enqueueItemInvalidation(item, below);
-      },
-      item);
+std::function<void()> EventListener::invalidation(StorageIRI const& item, bool below, StorageIRI const& folder) const {
+  return [quota = quota_, &metadataCache = metadataCache_, narrow = options_.narrowInvalidation, item, below, folder] {
+    if (quota) quota->removeFolderTree(folder);
+    if (narrow) {
+      metadataCache.enqueueItemInvalidation(item, below);
+    } else {
+      metadataCache.enqueueInvalidationProcess(folder);
+    }
+  };
 }
 
 void EventListener::handleFileEvent(StorageIRI const& location, Kind const& kind) {
@@ -160,11 +153,7 @@ void EventListener::handleFileEvent(StorageIRI const& location, Kind const& kind
   switch (kind) {
     case Kind::Added:
     case Kind::Modified:
-      if (options_.narrowInvalidation) {
-        queueItemInvalidation(location, false, location.getParent());
-      } else {
-        queueFolderInvalidation(location.getParent(), location);
-      }
+      queueTask(invalidation(location, false, location.getParent()), location);
       break;
     case Kind::Removed:
       queueTask(
@@ -191,35 +180,22 @@ void EventListener::handleFolderEvent(StorageIRI const& location, Kind const& ki
   auto const stamp = stampFolderEvent();
   switch (kind) {
     case Kind::Added:
-      if (options_.narrowInvalidation) {
-        queueItemInvalidation(location, true, location.getParent());
-      } else {
-        queueFolderInvalidation(location.getParent(), location);
-      }
+      queueTask(invalidation(location, true, location.getParent()), location);
       break;
     case Kind::Modified:
       executor_->execute(
-          [lastFolderEvent = lastFolderEvent_, stamp, quota = quota_, &metadataCache = metadataCache_, location,
-           narrow = options_.narrowInvalidation, applied = options_.applied] {
+          [lastFolderEvent = lastFolderEvent_, stamp, location, invalidate = invalidation(location, false, location),
+           applied = options_.applied] {
             // A later folder event anywhere supersedes this one.
             if (lastFolderEvent->load() != stamp) return;
             getLogger().log(Severity::Info, "Triggering invalidation " + location.toUtf8());
-            if (quota) quota->removeFolderTree(location);
-            if (narrow) {
-              metadataCache.enqueueItemInvalidation(location, false);
-            } else {
-              metadataCache.enqueueInvalidationProcess(location);
-            }
+            invalidate();
             if (applied) applied->notify(location);
           },
           ObservableTransactionType::EXTERNAL_EVENT, 0);
       break;
     case Kind::Removed:
-      if (options_.narrowInvalidation) {
-        queueItemInvalidation(location, true, location);
-      } else {
-        queueFolderInvalidation(location, location);
-      }
+      queueTask(invalidation(location, true, location), location);
       break;
     default:
       break;

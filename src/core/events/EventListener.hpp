@@ -119,12 +119,10 @@ class EventListener {
 
   // Sets the time of the last folder event to now and returns it.
   Clock::time_point stampFolderEvent();
-  // Queues an EXTERNAL_EVENT task giving `folder`'s tree back to the quota and queueing
-  // its invalidation in the metadata cache; the feed hears of `location`, the event's.
-  void queueFolderInvalidation(StorageIRI const& folder, StorageIRI const& location);
-  // Queues an EXTERNAL_EVENT task giving `quotaFolder`'s tree back to the quota and
-  // queueing the narrow invalidation of `item` (with what lies below it when `below`).
-  void queueItemInvalidation(StorageIRI const& item, bool below, StorageIRI const& quotaFolder);
+  // The work of an event about `item`: `folder`'s tree given back to the quota, then
+  // the invalidation of `folder` in the metadata cache, or with narrow invalidation that
+  // of `item` (with what lies below it when `below`).
+  std::function<void()> invalidation(StorageIRI const& item, bool below, StorageIRI const& folder) const;
   // Queues `work`, then telling the feed (if any) about `location`, as an EXTERNAL_EVENT
   // task of weight 0.
   void queueTask(std::function<void()> work, StorageIRI const& location);

@@ -744,12 +744,15 @@ void MetadataCache::doInvalidateFolder(StorageIRI const& iri) const {
   // A folder that was never loaded has nothing stale of its own; its cached
   // descendants stay.
   if (it == folders_.end()) return;
-  eraseFolder(it);
-  for (auto descendant = folders_.begin(); descendant != folders_.end();) {
-    if (iri.isAncestorOf(descendant->first)) {
-      descendant = eraseFolder(descendant);
+  eraseTree(iri);
+}
+
+void MetadataCache::eraseTree(StorageIRI const& key) const {
+  for (auto it = folders_.begin(); it != folders_.end();) {
+    if (it->first == key || key.isAncestorOf(it->first)) {
+      it = eraseFolder(it);
     } else {
-      ++descendant;
+      ++it;
     }
   }
 }
@@ -774,13 +777,7 @@ void MetadataCache::doInvalidateItem(StorageIRI const& key, bool below) const {
   }
   // The folder and everything below it, also below a folder of it that was not cached.
   forgetFilling(key);
-  for (auto it = folders_.begin(); it != folders_.end();) {
-    if (it->first == key || key.isAncestorOf(it->first)) {
-      it = eraseFolder(it);
-    } else {
-      ++it;
-    }
-  }
+  eraseTree(key);
 }
 
 void MetadataCache::doInvalidateAll() const {

@@ -282,6 +282,8 @@ class MetadataCache {
   // entries that leave are retired.
   void emplaceFolder(StorageIRI key, std::shared_ptr<IFolderEntry> const& entry) const REQUIRES(guard_);
   FolderMap::iterator eraseFolder(FolderMap::iterator it) const REQUIRES(guard_);
+  // Erases the entry of `key` (if cached) and of every cached folder below it.
+  void eraseTree(StorageIRI const& key) const REQUIRES(guard_);
   void clearFolders() const REQUIRES(guard_);
   std::shared_ptr<IFolderEntry> doGetFolderContainer(StorageIRI const& iri, bool create) const REQUIRES(guard_);
   std::shared_ptr<FileMetadata> doGetFileMetadataFromCache(StorageIRI const& iri) const REQUIRES(guard_);

@@ -52,6 +52,13 @@ bool readsTrue(std::string const& text) {
 
 std::int64_t wholeNumber(std::string const& text) { return std::stol(text, nullptr, 10); }
 
+// The conversion of a key that only switches `field` on: a true value (boolalpha) sets it,
+// any other text leaves it.
+template <bool OverlayOptions::*field>
+void switchOn(OverlayOptions& options, std::string const& text) {
+  if (readsTrue(text)) options.*field = true;
+}
+
 KeyDescriptor const kKeys[] = {
     {{"overlay.cacheRoot", "overlay.configuration.cacheRoot"}, Range::Any,
      [](OverlayOptions& o, std::string const& t) {
@@ -82,29 +89,19 @@ KeyDescriptor const kKeys[] = {
      [](OverlayOptions& o, std::string const& t) { o.echoWindowMs = wholeNumber(t); },
      [](OverlayOptions const& o) { return static_cast<double>(o.echoWindowMs); }},
     {{"overlay.narrowInvalidation", nullptr}, Range::Any,
-     [](OverlayOptions& o, std::string const& t) {
-       if (readsTrue(t)) o.narrowInvalidation = true;
-     },
+     switchOn<&OverlayOptions::narrowInvalidation>,
      nullptr},
     {{"overlay.holdEventsForChangesOnly", nullptr}, Range::Any,
-     [](OverlayOptions& o, std::string const& t) {
-       if (readsTrue(t)) o.holdEventsForChangesOnly = true;
-     },
+     switchOn<&OverlayOptions::holdEventsForChangesOnly>,
      nullptr},
     {{"overlay.synchronous", nullptr}, Range::Any,
-     [](OverlayOptions& o, std::string const& t) {
-       if (readsTrue(t)) o.synchronous = true;
-     },
+     switchOn<&OverlayOptions::synchronous>,
      nullptr},
     {{"overlay.disableContentCache", nullptr}, Range::Any,
-     [](OverlayOptions& o, std::string const& t) {
-       if (readsTrue(t)) o.disableContentCache = true;
-     },
+     switchOn<&OverlayOptions::disableContentCache>,
      nullptr},
     {{"overlay.backslashToForwardSlash", nullptr}, Range::Any,
-     [](OverlayOptions& o, std::string const& t) {
-       if (readsTrue(t)) o.backslashToForwardSlash = true;
-     },
+     switchOn<&OverlayOptions::backslashToForwardSlash>,
      nullptr},
 };
 
